@@ -1,0 +1,42 @@
+#pragma once
+// The settings of the process, read once from the JSON configuration file.
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace zq {
+
+struct Config {
+    std::string velmar_server;
+    std::string auth_server;
+    std::string community_server;
+    std::string bind_host = "127.0.0.1";
+    std::int32_t tcp_port = 31313;
+    std::int32_t udp_port = 31314;
+    std::int32_t webapi_port = 31315;
+    bool p2p_gateway = true;
+    std::int32_t p2p_port = 0;
+    std::int32_t port_p2p_port = 3658;
+    std::string stun_server;
+    std::string local_addr;
+    double poll_interval = 0.4;
+    std::string state_file = "sarnlink_state.json";
+    bool trace = false;
+    bool debug_endpoints = false;
+    bool create_accounts = false;
+    double stun_refresh = 15.0;
+    std::map<std::int32_t, std::string> game_proxy_routes;
+    std::string user_agent;
+
+    // The defaults, with the deployment's service host in the URLs.
+    Config();
+};
+
+// Fills a Config from a parsed document; anything but an object gives the defaults.
+// Forgiving everywhere except game_proxy_routes, whose bad keys and values throw.
+Config config_from_json(const nlohmann::json& doc);
+
+}  // namespace zq

@@ -1,0 +1,52 @@
+#include "shell/log.h"
+
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <mutex>
+
+#include "shell/platform.h"
+
+namespace zq {
+
+namespace {
+
+std::mutex log_lock;
+std::unique_ptr<std::ofstream> log_file;
+std::function<void(const std::string&)> log_sink;
+
+}  // namespace
+
+void log_line(const std::string& text) {
+    std::tm now = local_time(std::time(nullptr));
+    char stamp[16] = {};
+    std::strftime(stamp, sizeof stamp, "%H:%M:%S", &now);
+    std::string line = std::string(stamp) + " [sarnlink] " + text;
+
+    std::lock_guard<std::mutex> guard(log_lock);
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+    if (log_file && log_file->good()) {
+        *log_file << line << '\n';
+        log_file->flush();
+    }
+    if (log_sink) log_sink(line);
+}
+
+void open_log_file(const std::filesystem::path& path) {
+    std::lock_guard<std::mutex> guard(log_lock);
+    std::wstring wide = path.wstring();
+    std::size_t at = wide.rfind(L".log");
+    std::wstring stem = at == std::wstring::npos ? wide : wide.substr(0, at);
+    replace_file(path, std::filesystem::path(stem + L".prev.log"));
+    log_file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
+}
+
+void set_log_sink(std::function<void(const std::string&)> sink) {
+    std::lock_guard<std::mutex> guard(log_lock);
+    log_sink = std::move(sink);
+}
+
+}  // namespace zq

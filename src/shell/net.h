@@ -1,0 +1,69 @@
+#pragma once
+// Sockets without the platform: Winsock on Windows (net_win32.cpp), BSD sockets elsewhere
+// (net_posix.cpp). Everything is IPv4. Logic code calls only these functions.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "shell/util.h"
+
+namespace zq {
+
+// A socket handle wide enough for both systems' handles.
+using Socket = std::intptr_t;
+inline constexpr Socket invalid_socket = -1;
+
+// An IPv4 socket address with the 16-byte layout of sockaddr_in, kept opaque here.
+struct SockAddr {
+    alignas(4) unsigned char bytes[16] = {};
+};
+
+// Starts the socket library once per process; later calls return the stored outcome.
+bool network_init();
+
+// Host text and port into a socket address. A host that is not dotted IPv4 leaves 0.0.0.0;
+// the port is taken modulo 65536. Names must go through resolve_ipv4 first.
+SockAddr to_sockaddr(const Endpoint& endpoint);
+Endpoint from_sockaddr(const SockAddr& address);
+
+// Address of the interface on the default route, without sending; "127.0.0.1" when none.
+std::string local_ipv4();
+
+// First IPv4 address of a host name as dotted text, or "" when it does not resolve.
+std::string resolve_ipv4(const std::string& host);
+
+Socket open_tcp_socket();
+Socket open_udp_socket();
+void close_socket(Socket s);
+// Shuts down both directions: the way to wake a thread blocked in accept or recv on it.
+void shutdown_socket(Socket s);
+// The socket library's last error number (WSAGetLastError or errno).
+int last_socket_error();
+
+// Makes a second bind of the same port fail: SO_EXCLUSIVEADDRUSE on Windows. On POSIX a plain
+// bind already does that; a TCP listener also gets SO_REUSEADDR so a restart is not kept out
+// by connections in TIME_WAIT.
+void set_exclusive_address(Socket s, bool tcp_listener);
+void set_tcp_nodelay(Socket s);
+// Windows reports an ICMP port-unreachable as an error on the next UDP receive; turn that off.
+void disable_udp_connreset(Socket s);
+
+bool bind_socket(Socket s, const SockAddr& address);
+bool listen_socket(Socket s, int backlog);
+bool connect_socket(Socket s, const SockAddr& address);
+// Blocks; invalid_socket when the listener is closed or fails. The peer is filled when given.
+Socket accept_socket(Socket listener, SockAddr* peer = nullptr);
+bool local_address(Socket s, SockAddr* address);
+
+// Single calls of recv/send/recvfrom/sendto with the system's result: bytes, 0 or below 0.
+int recv_some(Socket s, char* buffer, int size);
+int send_some(Socket s, const char* data, int size);
+int recv_from(Socket s, char* buffer, int size, SockAddr* from);
+int send_to(Socket s, const char* data, int size, const SockAddr& to);
+
+// Waits until one of the sockets can be read or the time-out (ms, -1 for ever) passes.
+// Returns the number of ready sockets (0 on time-out, below 0 on error) and marks them in ready.
+int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready);
+
+}  // namespace zq

@@ -1,0 +1,169 @@
+#include "shell/net.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace zq {
+
+static_assert(sizeof(sockaddr_in) == sizeof(SockAddr), "SockAddr must hold a sockaddr_in");
+
+namespace {
+
+sockaddr_in& as_in(SockAddr& a) { return *reinterpret_cast<sockaddr_in*>(a.bytes); }
+const sockaddr_in& as_in(const SockAddr& a) { return *reinterpret_cast<const sockaddr_in*>(a.bytes); }
+int fd(Socket s) { return static_cast<int>(s); }
+
+}  // namespace
+
+bool network_init() { return true; }
+
+SockAddr to_sockaddr(const Endpoint& endpoint) {
+    SockAddr out;
+    sockaddr_in& in = as_in(out);
+    in.sin_family = AF_INET;
+    in.sin_port = htons(static_cast<std::uint16_t>(endpoint.port & 0xFFFF));
+    inet_pton(AF_INET, endpoint.host.c_str(), &in.sin_addr);
+    return out;
+}
+
+Endpoint from_sockaddr(const SockAddr& address) {
+    char text[22] = {};
+    const sockaddr_in& in = as_in(address);
+    inet_ntop(AF_INET, &in.sin_addr, text, sizeof text);
+    return Endpoint{text, ntohs(in.sin_port)};
+}
+
+std::string local_ipv4() {
+    Socket s = open_udp_socket();
+    if (s == invalid_socket) return "127.0.0.1";
+    SockAddr probe = to_sockaddr(Endpoint{"8.8.8.8", 80});
+    SockAddr mine;
+    std::string result = "127.0.0.1";
+    if (connect_socket(s, probe) && local_address(s, &mine)) result = from_sockaddr(mine).host;
+    close_socket(s);
+    return result;
+}
+
+std::string resolve_ipv4(const std::string& host) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0 || !list) return std::string();
+    SockAddr address;
+    std::memcpy(address.bytes, list->ai_addr, sizeof address.bytes);
+    freeaddrinfo(list);
+    return from_sockaddr(address).host;
+}
+
+Socket open_tcp_socket() {
+    int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    return s < 0 ? invalid_socket : s;
+}
+
+Socket open_udp_socket() {
+    int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    return s < 0 ? invalid_socket : s;
+}
+
+void close_socket(Socket s) {
+    if (s != invalid_socket) ::close(fd(s));
+}
+
+void shutdown_socket(Socket s) {
+    if (s != invalid_socket) ::shutdown(fd(s), SHUT_RDWR);
+}
+
+int last_socket_error() { return errno; }
+
+void set_exclusive_address(Socket s, bool tcp_listener) {
+    if (!tcp_listener) return;
+    int one = 1;
+    ::setsockopt(fd(s), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+}
+
+void set_tcp_nodelay(Socket s) {
+    int one = 1;
+    ::setsockopt(fd(s), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+void disable_udp_connreset(Socket) {}
+
+bool bind_socket(Socket s, const SockAddr& address) {
+    return ::bind(fd(s), reinterpret_cast<const sockaddr*>(address.bytes), sizeof(sockaddr_in)) == 0;
+}
+
+bool listen_socket(Socket s, int backlog) { return ::listen(fd(s), backlog) == 0; }
+
+bool connect_socket(Socket s, const SockAddr& address) {
+    return ::connect(fd(s), reinterpret_cast<const sockaddr*>(address.bytes), sizeof(sockaddr_in)) == 0;
+}
+
+Socket accept_socket(Socket listener, SockAddr* peer) {
+    SockAddr ignored;
+    SockAddr* into = peer ? peer : &ignored;
+    socklen_t size = sizeof(sockaddr_in);
+    int s;
+    do {
+        s = ::accept4(fd(listener), reinterpret_cast<sockaddr*>(into->bytes), &size, SOCK_CLOEXEC);
+    } while (s < 0 && (errno == EINTR || errno == ECONNABORTED));
+    return s < 0 ? invalid_socket : s;
+}
+
+bool local_address(Socket s, SockAddr* address) {
+    socklen_t size = sizeof(sockaddr_in);
+    return ::getsockname(fd(s), reinterpret_cast<sockaddr*>(address->bytes), &size) == 0;
+}
+
+int recv_some(Socket s, char* buffer, int size) {
+    ssize_t n;
+    do {
+        n = ::recv(fd(s), buffer, static_cast<std::size_t>(size), 0);
+    } while (n < 0 && errno == EINTR);
+    return static_cast<int>(n);
+}
+
+int send_some(Socket s, const char* data, int size) {
+    ssize_t n;
+    do {
+        // A peer that went away must not kill the process with SIGPIPE.
+        n = ::send(fd(s), data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    return static_cast<int>(n);
+}
+
+int recv_from(Socket s, char* buffer, int size, SockAddr* from) {
+    SockAddr ignored;
+    SockAddr* into = from ? from : &ignored;
+    socklen_t length = sizeof(sockaddr_in);
+    ssize_t n;
+    do {
+        n = ::recvfrom(fd(s), buffer, static_cast<std::size_t>(size), 0, reinterpret_cast<sockaddr*>(into->bytes),
+                       &length);
+    } while (n < 0 && errno == EINTR);
+    return static_cast<int>(n);
+}
+
+int send_to(Socket s, const char* data, int size, const SockAddr& to) {
+    return static_cast<int>(::sendto(fd(s), data, static_cast<std::size_t>(size), MSG_NOSIGNAL,
+                                     reinterpret_cast<const sockaddr*>(to.bytes), sizeof(sockaddr_in)));
+}
+
+int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {
+    std::vector<pollfd> fds(sockets.size());
+    for (std::size_t i = 0; i < sockets.size(); ++i) fds[i] = pollfd{fd(sockets[i]), POLLIN, 0};
+    int n = ::poll(fds.data(), fds.size(), timeout_ms);
+    ready.assign(sockets.size(), false);
+    if (n <= 0) return n;
+    for (std::size_t i = 0; i < sockets.size(); ++i)
+        ready[i] = (fds[i].revents & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0;
+    return n;
+}
+
+}  // namespace zq

@@ -1,0 +1,42 @@
+#pragma once
+// The process-level services of the operating system, behind one neutral interface.
+// Implemented in platform_win32.cpp and platform_posix.cpp.
+
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zq {
+
+// UTF-8 <-> wide text. Invalid input is replaced, never refused.
+std::wstring utf8_to_wide(const std::string& text);
+std::string wide_to_utf8(const std::wstring& text);
+
+// The command line as wide strings, program name excluded.
+std::vector<std::wstring> command_line_args(int argc, char** argv);
+
+// Renames from over to in one step, replacing what is there.
+bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// The path of the running executable.
+std::filesystem::path own_executable_path();
+
+// Routes every console stop event (Ctrl-C, Ctrl-Break, close, log-off, shut-down; SIGINT,
+// SIGTERM, SIGHUP on POSIX) to setting the flag, and nothing else.
+void install_stop_handler(std::atomic<bool>* flag);
+
+void sleep_ms(int milliseconds);
+
+// An environment variable as UTF-8, or nothing when it is not set.
+std::optional<std::string> get_env(const std::string& name);
+
+// The machine's name: COMPUTERNAME on Windows; the same variable or the host name elsewhere.
+std::string computer_name();
+
+// Local broken-down time, thread-safe.
+std::tm local_time(std::time_t t);
+
+}  // namespace zq

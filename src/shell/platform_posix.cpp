@@ -1,0 +1,132 @@
+#include "shell/platform.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include <unistd.h>
+
+namespace zq {
+
+namespace {
+
+// Decodes one UTF-8 sequence at text[i]; malformed input yields U+FFFD and one byte consumed.
+char32_t decode_utf8(const std::string& text, std::size_t& i) {
+    auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+    unsigned char lead = byte(i);
+    if (lead < 0x80) {
+        ++i;
+        return lead;
+    }
+    int extra = (lead >> 5) == 0x6 ? 1 : (lead >> 4) == 0xE ? 2 : (lead >> 3) == 0x1E ? 3 : 0;
+    if (extra == 0) {
+        ++i;
+        return 0xFFFD;
+    }
+    char32_t cp = lead & (0x3F >> extra);
+    for (int k = 1; k <= extra; ++k) {
+        if (i + k >= text.size() || (byte(i + k) & 0xC0) != 0x80) {
+            ++i;
+            return 0xFFFD;
+        }
+        cp = (cp << 6) | (byte(i + k) & 0x3F);
+    }
+    static const char32_t min_for[] = {0, 0x80, 0x800, 0x10000};
+    if (cp < min_for[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+        ++i;
+        return 0xFFFD;
+    }
+    i += extra + 1;
+    return cp;
+}
+
+void encode_utf8(char32_t cp, std::string& out) {
+    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
+    if (cp < 0x80) {
+        out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        out += static_cast<char>(0xC0 | (cp >> 6));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        out += static_cast<char>(0xE0 | (cp >> 12));
+        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (cp >> 18));
+        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+}
+
+std::atomic<bool>* g_stop_flag = nullptr;
+
+extern "C" void on_stop_signal(int) {
+    if (g_stop_flag) g_stop_flag->store(true);
+}
+
+}  // namespace
+
+std::wstring utf8_to_wide(const std::string& text) {
+    std::wstring out;
+    for (std::size_t i = 0; i < text.size();) out += static_cast<wchar_t>(decode_utf8(text, i));
+    return out;
+}
+
+std::string wide_to_utf8(const std::wstring& text) {
+    std::string out;
+    for (wchar_t c : text) encode_utf8(static_cast<char32_t>(c), out);
+    return out;
+}
+
+std::vector<std::wstring> command_line_args(int argc, char** argv) {
+    std::vector<std::wstring> args;
+    for (int i = 1; i < argc; ++i) args.push_back(utf8_to_wide(argv[i]));
+    return args;
+}
+
+bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
+    return std::rename(from.c_str(), to.c_str()) == 0;
+}
+
+std::filesystem::path own_executable_path() {
+    std::error_code ec;
+    auto p = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::filesystem::path() : p;
+}
+
+void install_stop_handler(std::atomic<bool>* flag) {
+    g_stop_flag = flag;
+    struct sigaction action {};
+    action.sa_handler = on_stop_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+}
+
+void sleep_ms(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+std::optional<std::string> get_env(const std::string& name) {
+    const char* value = std::getenv(name.c_str());
+    if (!value) return std::nullopt;
+    return std::string(value);
+}
+
+std::string computer_name() {
+    if (auto name = get_env("COMPUTERNAME"); name && !name->empty()) return *name;
+    char buffer[256] = {};
+    if (gethostname(buffer, sizeof buffer - 1) != 0) return std::string();
+    return buffer;
+}
+
+std::tm local_time(std::time_t t) {
+    std::tm out{};
+    localtime_r(&t, &out);
+    return out;
+}
+
+}  // namespace zq

@@ -1,0 +1,89 @@
+#include "shell/platform.h"
+
+#include <windows.h>
+#include <shellapi.h>
+
+#include <time.h>
+
+namespace zq {
+
+namespace {
+
+std::atomic<bool>* g_stop_flag = nullptr;
+
+BOOL WINAPI on_console_event(DWORD) {
+    // Every event is treated alike: ask the run loop to stop, and say it was handled.
+    if (g_stop_flag) g_stop_flag->store(true);
+    return TRUE;
+}
+
+}  // namespace
+
+std::wstring utf8_to_wide(const std::string& text) {
+    if (text.empty()) return std::wstring();
+    int size = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring out(static_cast<std::size_t>(size > 0 ? size : 0), L'\0');
+    if (size > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size);
+    return out;
+}
+
+std::string wide_to_utf8(const std::wstring& text) {
+    if (text.empty()) return std::string();
+    int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    std::string out(static_cast<std::size_t>(size > 0 ? size : 0), '\0');
+    if (size > 0)
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
+    return out;
+}
+
+std::vector<std::wstring> command_line_args(int, char**) {
+    // The narrow argv of a Windows program is in the ANSI code page; the wide one is exact.
+    std::vector<std::wstring> args;
+    int count = 0;
+    LPWSTR* argv = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (!argv) return args;
+    for (int i = 1; i < count; ++i) args.emplace_back(argv[i]);
+    LocalFree(argv);
+    return args;
+}
+
+bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
+    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
+std::filesystem::path own_executable_path() {
+    std::wstring buffer(32768, L'\0');
+    DWORD size = GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+    buffer.resize(size);
+    return std::filesystem::path(buffer);
+}
+
+void install_stop_handler(std::atomic<bool>* flag) {
+    g_stop_flag = flag;
+    SetConsoleCtrlHandler(on_console_event, TRUE);
+}
+
+void sleep_ms(int milliseconds) { Sleep(static_cast<DWORD>(milliseconds)); }
+
+std::optional<std::string> get_env(const std::string& name) {
+    std::wstring wide_name = utf8_to_wide(name);
+    DWORD size = GetEnvironmentVariableW(wide_name.c_str(), nullptr, 0);
+    if (size == 0) {
+        if (GetLastError() == ERROR_ENVVAR_NOT_FOUND) return std::nullopt;
+        return std::string();
+    }
+    std::wstring value(size, L'\0');
+    DWORD written = GetEnvironmentVariableW(wide_name.c_str(), value.data(), size);
+    value.resize(written);
+    return wide_to_utf8(value);
+}
+
+std::string computer_name() { return get_env("COMPUTERNAME").value_or(std::string()); }
+
+std::tm local_time(std::time_t t) {
+    std::tm out{};
+    localtime_s(&out, &t);
+    return out;
+}
+
+}  // namespace zq

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace testing_support {
+
+template <class Condition>
+bool wait_until(Condition condition, double seconds) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return condition();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+}  // namespace testing_support
