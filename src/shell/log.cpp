@@ -40,6 +40,8 @@ void open_log_file(const std::filesystem::path& path) {
     std::wstring wide = path.wstring();
     std::size_t at = wide.rfind(L".log");
     std::wstring stem = at == std::wstring::npos ? wide : wide.substr(0, at);
+    // An open file cannot be renamed on Windows; let go of any earlier one first.
+    log_file.reset();
     replace_file(path, std::filesystem::path(stem + L".prev.log"));
     log_file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
 }
