@@ -1,0 +1,83 @@
+#pragma once
+// A plain TCP client that speaks HTTP by hand, so tests control every byte that goes out and see
+// every byte that comes back. Each read waits at most a few seconds, so a fault fails the test
+// instead of hanging it.
+
+#include <string>
+
+#include "http/server.h"
+#include "shell/net.h"
+
+namespace http_test {
+
+struct RawResponse {
+    bool ok = false;  // a whole response arrived
+    std::string head;  // status line and headers, without the blank line
+    std::string body;
+};
+
+class RawClient {
+public:
+    explicit RawClient(int port) {
+        zq::network_init();
+        s_ = zq::open_tcp_socket();
+        connected_ = zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port}));
+    }
+    ~RawClient() { zq::close_socket(s_); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    bool connected() const { return connected_; }
+
+    bool send(const std::string& bytes) {
+        std::size_t sent = 0;
+        while (sent < bytes.size()) {
+            int n = zq::send_some(s_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
+            if (n < 1) return false;
+            sent += static_cast<std::size_t>(n);
+        }
+        return true;
+    }
+
+    // One response; its body is Content-Length bytes unless no_body (the answer to a HEAD).
+    RawResponse read_response(bool no_body = false) {
+        RawResponse r;
+        std::size_t end;
+        while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
+            if (!receive()) return r;
+        r.head = buffer_.substr(0, end);
+        buffer_.erase(0, end + 4);
+        std::size_t length = no_body ? 0 : static_cast<std::size_t>(
+            http::announced_length(http::parse_request_head(r.head).headers));
+        while (buffer_.size() < length)
+            if (!receive()) return r;
+        r.body = buffer_.substr(0, length);
+        buffer_.erase(0, length);
+        r.ok = true;
+        return r;
+    }
+
+    // True when the server closes (or resets) the connection with nothing more to read.
+    bool closed_by_peer() { return !receive() && buffer_.empty() && gone_; }
+
+private:
+    bool receive() {
+        std::vector<bool> ready;
+        if (zq::wait_readable({s_}, 5000, ready) < 1) return false;
+        char block[4096];
+        int n = zq::recv_some(s_, block, sizeof block);
+        if (n < 1) {
+            gone_ = true;
+            return false;
+        }
+        buffer_.append(block, static_cast<std::size_t>(n));
+        return true;
+    }
+
+    zq::Socket s_ = zq::invalid_socket;
+    bool connected_ = false;
+    bool gone_ = false;
+    std::string buffer_;
+};
+
+}  // namespace http_test

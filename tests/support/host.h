@@ -1,0 +1,15 @@
+#pragma once
+// Facts about the machine the tests run on, for skipping by name what cannot run there.
+
+#include <filesystem>
+#include <string>
+
+namespace testing_support {
+
+// True when this Windows build runs under Wine.
+bool running_under_wine();
+
+// The full path of a program found on PATH, or an empty path.
+std::filesystem::path find_program(const std::string& name);
+
+}  // namespace testing_support

@@ -1,0 +1,20 @@
+#include <windows.h>
+
+#include "support/host.h"
+
+namespace testing_support {
+
+bool running_under_wine() {
+    // Wine's ntdll exports its version; Windows' does not.
+    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    return ntdll && GetProcAddress(ntdll, "wine_get_version") != nullptr;
+}
+
+std::filesystem::path find_program(const std::string& name) {
+    wchar_t found[MAX_PATH] = {};
+    std::wstring wide(name.begin(), name.end());
+    if (SearchPathW(nullptr, wide.c_str(), L".exe", MAX_PATH, found, nullptr) == 0) return {};
+    return std::filesystem::path(found);
+}
+
+}  // namespace testing_support
