@@ -1,0 +1,75 @@
+#pragma once
+// The program's only outgoing HTTP: one blocking call, request record in, response record out.
+// It never throws for a network failure; what went wrong comes back as text in error.
+// Beneath it: WinHTTP on Windows (fetch_winhttp_win32.cpp), libcurl elsewhere (fetch_curl_posix.cpp).
+//
+// Both keep the same rules: resolve, connect, send and receive each limited by timeout_ms (a
+// limit per phase, not on the whole call); no redirect is followed; connections are reused
+// within a session only; a User-Agent in the request's headers replaces the session's agent
+// "sarnlink"; no HTTP/2, no content decoding, no certificate failure waived. On libcurl the
+// trusted authorities are the system's, or the bundle that SSL_CERT_FILE names.
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "http/headers.h"
+
+namespace http {
+
+struct ClientRequest {
+    std::string method = "POST";
+    std::string url;  // absolute, UTF-8: scheme, host, optional port, path and query
+    HeaderList headers;
+    std::string body;
+    std::uint32_t timeout_ms = 8000;
+};
+
+// A non-empty error means the transaction failed, whatever else is filled in. Its texts:
+//   "WinHttpOpen failed"              the session could not be opened
+//   "bad url <url>"                   no scheme, or a host over 255 or a path over 4095 characters
+//   "connect failed (<n>)"            the connection handle could not be made
+//   "open request failed (<n>)"       the request could not be made
+//   "The read operation timed out"    a phase before the response head took longer than timeout_ms
+//   "request failed (<n>)"            sending or waiting for the head failed otherwise
+//   "read failed (<n>)"               reading the body failed (a time-out here too)
+// <n> is the system's error number (GetLastError, errno; libcurl's code when it has none).
+// An HTTP error status is no failure: a 404 comes back with an empty error.
+struct ClientResponse {
+    std::uint32_t status = 0;
+    HeaderList headers;  // in order, the status line left out
+    std::string body;
+    std::string error;
+};
+
+// The platform's session: a WinHTTP session handle, or libcurl's shared connection cache.
+struct SessionHandle;
+
+// A private session that is given up once it is max_age seconds old: at the first call after
+// that age, never in the middle of a transaction. Calls on one session run one at a time.
+struct RecycledSession {
+    RecycledSession() = default;
+    explicit RecycledSession(double max_age_seconds) : max_age(max_age_seconds) {}
+    ~RecycledSession();
+    RecycledSession(const RecycledSession&) = delete;
+    RecycledSession& operator=(const RecycledSession&) = delete;
+
+    std::mutex lock;  // held for the whole of a request
+    SessionHandle* handle = nullptr;
+    double opened_at = 0.0;  // steady_seconds at the last open
+    double max_age = 45.0;
+};
+
+// On the process-wide session, opened at the first call; a failed open is not tried again.
+ClientResponse fetch(const ClientRequest& request);
+// On the given private session.
+ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request);
+
+namespace detail {
+// What each platform provides beneath fetch.
+SessionHandle* open_session();  // null when it cannot be opened
+void close_session(SessionHandle* session);
+ClientResponse transact(SessionHandle* session, const ClientRequest& request);
+}  // namespace detail
+
+}  // namespace http
