@@ -13,7 +13,6 @@ int not_built() {
 }
 }  // namespace
 
-int run_bridge(const Config&) { return not_built(); }
 int run_link_discord(const Config&) { return not_built(); }
 int run_account_command(const Config&, const std::wstring&, const std::wstring&, const std::wstring&) {
     return not_built();

@@ -1,0 +1,145 @@
+#include "bridge/bridge.h"
+
+#include <algorithm>
+
+#include "bridge/session.h"
+#include "shell/log.h"
+#include "shell/platform.h"
+
+namespace zq {
+
+Bridge::Bridge(Config config) : config_(std::move(config)) {}
+
+Bridge::~Bridge() { stop(); }
+
+bool Bridge::fail(std::string* error, const std::string& message) {
+    if (error) *error = message;
+    log_line(message);
+    stop();
+    return false;
+}
+
+// The P2P gateway comes up here, before any listener, when p2p_gateway is on.
+bool Bridge::start_gateway(std::string*) { return true; }
+
+bool Bridge::start(std::string* error) {
+    network_init();
+    running_ = true;
+
+    if (config_.p2p_gateway && !start_gateway(error)) return false;
+
+    const std::string& host = config_.bind_host;
+    tcp_socket_ = open_tcp_socket();
+    set_exclusive_address(tcp_socket_, true);
+    SockAddr tcp_address = to_sockaddr(Endpoint{host, config_.tcp_port});
+    if (!bind_socket(tcp_socket_, tcp_address) || !listen_socket(tcp_socket_, 8))
+        return fail(error, format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
+                                       host.c_str(), config_.tcp_port, last_socket_error()));
+    SockAddr held;
+    if (local_address(tcp_socket_, &held)) bound_tcp_port_ = from_sockaddr(held).port;
+
+    udp_socket_ = open_udp_socket();
+    if (!bind_socket(udp_socket_, to_sockaddr(Endpoint{host, config_.udp_port})))
+        return fail(error, format_text("cannot bind udp %s:%d (error %d)", host.c_str(), config_.udp_port,
+                                       last_socket_error()));
+    if (local_address(udp_socket_, &held)) bound_udp_port_ = from_sockaddr(held).port;
+
+    int webapi_port = config_.webapi_port;
+
+    accept_thread_ = std::thread(&Bridge::accept_thread, this, tcp_socket_);
+    stun_thread_ = std::thread(&Bridge::stun_thread, this, udp_socket_);
+
+    log_line(format_text("listening: tcp :%d  stun :%d  webapi :%d", config_.tcp_port, config_.udp_port,
+                         webapi_port));
+    log_line("velmar server: " + config_.velmar_server);
+    log_line("community server: " + config_.community_server);
+    return true;
+}
+
+void Bridge::stop() {
+    if (!running_.exchange(false)) return;
+
+    std::vector<std::shared_ptr<Session>> live;
+    std::vector<std::shared_ptr<TcpConn>> open;
+    {
+        std::lock_guard<std::mutex> guard(sessions_lock);
+        live = sessions;
+        open = connections_;
+    }
+    for (auto& session : live) {
+        session->shutdown();
+        session->connection->close();
+    }
+    // Connections that never sent a Request have no session, but their reads must end too.
+    for (auto& connection : open) connection->close();
+
+    // Closing alone does not wake a blocked accept or receive everywhere; shutting down does.
+    for (Socket* s : {&tcp_socket_, &udp_socket_}) {
+        if (*s == invalid_socket) continue;
+        shutdown_socket(*s);
+        close_socket(*s);
+        *s = invalid_socket;
+    }
+    if (accept_thread_.joinable()) accept_thread_.join();
+    if (stun_thread_.joinable()) stun_thread_.join();
+
+    // Connection threads are detached; one stuck in a slow upstream call must not hold up the
+    // end of the process, so the wait is bounded.
+    for (int pass = 0; pass < 500 && active_connections_ >= 1; ++pass) sleep_ms(10);
+
+    {
+        std::lock_guard<std::mutex> guard(sessions_lock);
+        sessions.clear();
+    }
+}
+
+void Bridge::accept_thread(Socket listener) {
+    for (;;) {
+        SockAddr peer;
+        Socket s = accept_socket(listener, &peer);
+        if (s == invalid_socket) return;
+        set_tcp_nodelay(s);
+        log_line("tcp: connection from " + from_sockaddr(peer).text());
+        ++active_connections_;
+        std::thread(&Bridge::connection_thread, this, s).detach();
+        if (!running_) return;
+    }
+}
+
+void Bridge::connection_thread(Socket socket) {
+    {
+        auto connection = std::make_shared<TcpConn>(socket);
+        {
+            std::lock_guard<std::mutex> guard(sessions_lock);
+            connections_.push_back(connection);
+        }
+        // stop() sets running before it walks the list: a connection added after the walk sees
+        // the flag here instead.
+        if (!running_) connection->close();
+        session_loop(*this, connection);
+        std::lock_guard<std::mutex> guard(sessions_lock);
+        connections_.erase(std::remove(connections_.begin(), connections_.end(), connection), connections_.end());
+    }
+    // The last act: after this the Bridge may be gone.
+    --active_connections_;
+}
+
+std::optional<Endpoint> Bridge::pick_stun_server() const {
+    const std::string& stun = config_.stun_server;
+    if (stun == "off") return std::nullopt;
+    if (!stun.empty()) {
+        auto colon = stun.find(':');
+        if (colon == std::string::npos) return Endpoint{stun, 3478};
+        // A port that is not a number is a broken setting: the process ends, as for any
+        // uncaught exception while starting.
+        return Endpoint{stun.substr(0, colon), std::stoi(stun.substr(colon + 1))};
+    }
+    std::string rest = config_.velmar_server;
+    auto scheme = rest.find("://");
+    if (scheme != std::string::npos) rest = rest.substr(scheme + 3);
+    rest = rest.substr(0, rest.find_first_of(":/"));
+    if (rest.empty()) return std::nullopt;
+    return Endpoint{rest, 3478};
+}
+
+}  // namespace zq

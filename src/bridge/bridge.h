@@ -1,0 +1,83 @@
+#pragma once
+// The object that owns everything that runs while the program serves a game: the listeners,
+// the threads that serve them, and the live sessions. One per process, on the entry's stack.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "shell/config.h"
+#include "shell/net.h"
+#include "shell/util.h"
+
+namespace zq {
+
+class Session;
+class TcpConn;
+
+class Bridge {
+public:
+    explicit Bridge(Config config);
+    ~Bridge();
+    Bridge(const Bridge&) = delete;
+    Bridge& operator=(const Bridge&) = delete;
+
+    // Brings everything up in a fixed order. On failure the reason goes to *error (if given)
+    // and to the log, whatever came up is taken down again, and the result is false.
+    bool start(std::string* error);
+    // Takes everything down in the reverse order; safe at any time, any number of times.
+    void stop();
+
+    // The STUN server for the gateway: stun_server ("off", "host" or "host:port"), or the host
+    // of velmar_server on 3478. Nothing when there is none.
+    std::optional<Endpoint> pick_stun_server() const;
+
+    const Config& config() const { return config_; }
+    bool running() const { return running_.load(); }
+    // The ports actually held, which differ from the settings when those ask for port 0.
+    int bound_tcp_port() const { return bound_tcp_port_; }
+    int bound_udp_port() const { return bound_udp_port_; }
+
+    // Lock order: sessions_lock, endpoints_lock, state_lock; none is held while calling into a
+    // session, so whoever walks the sessions copies the list first.
+    std::mutex sessions_lock;
+    std::vector<std::shared_ptr<Session>> sessions;  // guarded by sessions_lock
+    nlohmann::json last_advertisement;               // guarded by sessions_lock
+
+    std::mutex endpoints_lock;
+    std::map<std::string, Endpoint> stun_table;  // guarded by endpoints_lock: online id -> last ping source
+
+    std::mutex state_lock;  // serialises reads and writes of the state file
+
+private:
+    bool fail(std::string* error, const std::string& message);
+    bool start_gateway(std::string* error);
+
+    void accept_thread(Socket listener);
+    void connection_thread(Socket socket);
+    void stun_thread(Socket udp);
+
+    const Config config_;
+    Socket tcp_socket_ = invalid_socket;
+    Socket udp_socket_ = invalid_socket;
+    int bound_tcp_port_ = 0;
+    int bound_udp_port_ = 0;
+    std::thread accept_thread_;
+    std::thread stun_thread_;
+    std::atomic<bool> running_{false};
+    std::atomic<std::int32_t> active_connections_{0};
+
+    // Every open game connection, with or without a session yet, so that stop can wake each
+    // one's blocked read. Guarded by sessions_lock.
+    std::vector<std::shared_ptr<TcpConn>> connections_;
+};
+
+}  // namespace zq

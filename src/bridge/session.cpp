@@ -1,0 +1,134 @@
+#include "bridge/session.h"
+
+#include <algorithm>
+
+#include "bridge/bridge.h"
+#include "bridge/dispatch.h"
+#include "bridge/frames.h"
+#include "shell/log.h"
+
+namespace zq {
+
+namespace {
+constexpr std::size_t max_read_chunk = 0x100000;
+}
+
+TcpConn::~TcpConn() { release(); }
+
+bool TcpConn::write(std::string_view bytes) {
+    std::lock_guard<std::mutex> guard(write_lock);
+    if (!alive || socket_ == invalid_socket) return false;
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        std::size_t chunk = std::min<std::size_t>(bytes.size() - sent, 0x7FFFFFFF);
+        int n = send_some(socket_, bytes.data() + sent, static_cast<int>(chunk));
+        if (n < 1) {
+            alive = false;
+            return false;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void TcpConn::close() {
+    std::lock_guard<std::mutex> guard(write_lock);
+    alive = false;
+    shutdown_socket(socket_);
+}
+
+void TcpConn::release() {
+    std::lock_guard<std::mutex> guard(write_lock);
+    alive = false;
+    if (socket_ != invalid_socket) {
+        close_socket(socket_);
+        socket_ = invalid_socket;
+    }
+}
+
+Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner) : connection(std::move(conn)), bridge(owner) {}
+
+Session::~Session() {
+    // Normally joined by shutdown(); a pump that outlived it must not take the process down.
+    if (pump_thread.joinable()) {
+        if (pump_thread.get_id() == std::this_thread::get_id())
+            pump_thread.detach();
+        else
+            pump_thread.join();
+    }
+}
+
+void Session::shutdown() {
+    {
+        std::lock_guard<std::mutex> guard(pump_lock);
+        stop_flag = true;
+    }
+    pump_wake.notify_all();
+    {
+        std::lock_guard<std::mutex> guard(thread_lock);
+        if (pump_thread.joinable() && pump_thread.get_id() != std::this_thread::get_id()) pump_thread.join();
+    }
+    std::lock_guard<std::mutex> guard(session_lock);
+    leave_room_locked();
+}
+
+std::string quote(const std::string& text) { return "'" + text + "'"; }
+
+bool read_exactly(Socket socket, char* buffer, std::size_t size) {
+    std::size_t got = 0;
+    while (got < size) {
+        std::size_t chunk = std::min(size - got, max_read_chunk);
+        int n = recv_some(socket, buffer + got, static_cast<int>(chunk));
+        if (n < 1) return false;
+        got += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
+    std::shared_ptr<Session> session;
+    if (connection->write(hello_frame())) {
+        unsigned char header_bytes[header_size];
+        std::string body;
+        while (bridge.running() && connection->is_alive()) {
+            if (!read_exactly(connection->socket(), reinterpret_cast<char*>(header_bytes), header_size)) break;
+            CommandHeader header = parse_header(header_bytes);
+            // A malformed header closes the connection without a word.
+            if (!header.size_ok()) break;
+            body.assign(header.body_size(), '\0');
+            if (!body.empty() && !read_exactly(connection->socket(), body.data(), body.size())) break;
+            if (header.kind != static_cast<std::uint8_t>(FrameKind::Request)) continue;
+
+            if (!session) {
+                session = std::make_shared<Session>(connection, &bridge);
+                std::lock_guard<std::mutex> guard(bridge.sessions_lock);
+                bridge.sessions.push_back(session);
+            }
+            CommandResult result = dispatch(*session, header.command, header.packet_id, body);
+            std::string reply;
+            reply.reserve(1 + result.payload.size());
+            reply.push_back(static_cast<char>(result.code));
+            reply += result.payload;
+            if (!connection->write(build_frame(FrameKind::Reply, header.command, header.packet_id, reply))) break;
+            if (session->closing) break;
+        }
+    }
+    connection->release();
+
+    if (session) {
+        session->shutdown();
+        {
+            std::lock_guard<std::mutex> guard(bridge.sessions_lock);
+            auto& list = bridge.sessions;
+            list.erase(std::remove(list.begin(), list.end(), session), list.end());
+        }
+        std::string name;
+        {
+            std::lock_guard<std::mutex> guard(session->session_lock);
+            name = session->npid;
+        }
+        log_line(format_text("tcp: session for %s closed", name.empty() ? "?" : quote(name).c_str()));
+    }
+}
+
+}  // namespace zq

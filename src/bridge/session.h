@@ -1,0 +1,161 @@
+#pragma once
+// One game connection (TcpConn) and the state of the game session on it (Session).
+//
+// Lock order, outermost first: session_lock; then thread_lock, pump_lock, credentials_lock,
+// the Bridge's sessions_lock, or a TcpConn's write_lock. Never the other way round.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "shell/net.h"
+
+namespace zq {
+
+class Bridge;
+
+// Result codes of a Reply's first byte. No other values are ever produced.
+enum ResultCode : std::uint8_t {
+    ResultOk = 0,
+    ResultBadPayload = 1,
+    ResultFailed = 2,
+    ResultBadRoom = 3,
+    ResultLoginRefused = 5,
+    ResultEmptyId = 8,
+    ResultJoinFailed = 14,
+    ResultPeerUnknown = 26,
+    Unsupported = 33,
+};
+
+// What a command answers: the code, then nothing or a LengthPrefixedMessage.
+struct CommandResult {
+    ResultCode code = ResultOk;
+    std::string payload;
+};
+
+// The accepted socket of one game connection. Shared by its read loop, its Session and anyone
+// who writes notifications to it.
+class TcpConn {
+public:
+    explicit TcpConn(Socket socket) : socket_(socket) {}
+    ~TcpConn();
+    TcpConn(const TcpConn&) = delete;
+    TcpConn& operator=(const TcpConn&) = delete;
+
+    // Sends the whole buffer under the write lock, so frames of two threads never interleave.
+    // False (and the connection is dead) when a send fails; false at once when already dead.
+    bool write(std::string_view bytes);
+    // For Bridge stop: marks the connection dead and wakes the blocked read of its loop.
+    void close();
+    // For the read loop's end: marks it dead and releases the socket.
+    void release();
+
+    bool is_alive() const { return alive.load(); }
+    // Only the read loop reads from the socket, and only it releases it.
+    Socket socket() const { return socket_; }
+
+    std::atomic<bool> alive{true};
+    std::mutex write_lock;
+
+private:
+    Socket socket_;  // guarded by write_lock against release while another thread shuts it down
+};
+
+// The credentials that login settles for a session, kept apart so that the upstream client can
+// take their place as the Session's base with no change to the code that uses them.
+class UpstreamCredentials {
+public:
+    void set_credentials(const std::string& new_token, const std::string& new_online_id) {
+        std::lock_guard<std::mutex> guard(credentials_lock);
+        token = new_token;
+        online_id = new_online_id;
+    }
+
+    std::mutex credentials_lock;
+    std::string token;      // guarded by credentials_lock
+    std::string online_id;  // guarded by credentials_lock: the account's name upstream
+};
+
+// The session's mirror of its matching room.
+struct RoomState {
+    std::uint64_t room_id = 0;  // 0: in no room
+    std::string session_id;     // the upstream's SessionId of this room
+    std::int32_t member_id = 0;
+    std::int32_t owner_member_id = 0;
+    std::int32_t max_members = 5;
+    std::map<std::int32_t, nlohmann::json> members;
+
+    void reset() { *this = RoomState(); }
+};
+
+// One game session: created by the first Request on a connection and ended with it.
+class Session : public UpstreamCredentials {
+public:
+    Session(std::shared_ptr<TcpConn> connection, Bridge* bridge);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Stops the event pump and leaves the room; on connection end and on Bridge stop alike.
+    void shutdown();
+
+    // Command rows, each run by dispatch with session_lock held.
+    CommandResult cmd_login(std::string_view body);
+    CommandResult cmd_logout();
+    CommandResult cmd_get_identity();
+    CommandResult cmd_context_start(std::string_view body);
+    CommandResult cmd_create_room(std::string_view body);
+    CommandResult cmd_join_room(std::string_view body);
+    CommandResult cmd_leave_room(std::string_view body);
+    CommandResult cmd_resolve_peer(std::string_view body);
+    CommandResult cmd_context_stop();
+    CommandResult cmd_kick_member(std::string_view body);
+
+    // Leaves the current room, if any; the caller holds session_lock.
+    void leave_room_locked();
+
+    std::atomic<bool> closing{false};  // the connection ends after the current reply
+    const std::shared_ptr<TcpConn> connection;
+    Bridge* const bridge;  // not owning: the Bridge outlives every session
+    std::mutex session_lock;  // held for the whole of each command
+
+    // Guarded by session_lock.
+    std::string npid;
+    std::string title;
+    std::uint64_t context_id = 0;
+    std::uint64_t account_id = 0;
+    RoomState room;
+    nlohmann::json summon_advert;
+    std::vector<nlohmann::json> pending_invites;
+
+    std::atomic<bool> logged_in{false};
+
+    // The event pump thread; started and joined under thread_lock.
+    std::mutex thread_lock;
+    std::thread pump_thread;
+    std::atomic<bool> pump_running{false};
+
+    std::mutex pump_lock;
+    std::condition_variable pump_wake;
+    bool stop_flag = false;  // guarded by pump_lock
+};
+
+// The text between single quotes, as online ids appear in log lines.
+std::string quote(const std::string& text);
+
+// Reads exactly size bytes, at most 1 MiB per receive. False on end of stream or error.
+bool read_exactly(Socket socket, char* buffer, std::size_t size);
+
+// The body of each connection thread: Hello, then frames until the connection or the Bridge ends.
+void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection);
+
+}  // namespace zq

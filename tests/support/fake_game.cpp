@@ -1,0 +1,138 @@
+#include "support/fake_game.h"
+
+#include <vector>
+
+#include "shell/util.h"
+
+namespace testing_support {
+
+namespace {
+
+void put_le(std::string& out, std::uint64_t value, int count) {
+    for (int i = 0; i < count; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+}
+
+std::uint64_t get_le(const std::string& in, std::size_t at, int count) {
+    std::uint64_t v = 0;
+    for (int i = count - 1; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(in[at + i]);
+    return v;
+}
+
+}  // namespace
+
+FakeGame::~FakeGame() { close(); }
+
+bool FakeGame::connect(int port, const std::string& host) {
+    close();
+    zq::network_init();
+    socket_ = zq::open_tcp_socket();
+    if (socket_ == zq::invalid_socket) return false;
+    if (!zq::connect_socket(socket_, zq::to_sockaddr(zq::Endpoint{host, port}))) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+bool FakeGame::connect_and_greet(int port, const std::string& host) {
+    if (!connect(port, host)) return false;
+    auto hello = read_frame();
+    return hello && hello->kind == 3;
+}
+
+bool FakeGame::send_raw(std::string_view bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        int n = zq::send_some(socket_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
+        if (n < 1) return false;
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool FakeGame::send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
+    std::string frame;
+    frame.push_back(static_cast<char>(kind));
+    put_le(frame, command, 2);
+    put_le(frame, body.size() + 15, 4);
+    put_le(frame, packet_id, 8);
+    frame.append(body);
+    return send_raw(frame);
+}
+
+bool FakeGame::fill(double deadline) {
+    if (ended_ || socket_ == zq::invalid_socket) return false;
+    double left = deadline - zq::steady_seconds();
+    if (left <= 0) return false;
+    std::vector<bool> ready;
+    if (zq::wait_readable({socket_}, static_cast<int>(left * 1000) + 1, ready) < 1) return false;
+    char chunk[65536];
+    int n = zq::recv_some(socket_, chunk, sizeof chunk);
+    if (n < 1) {
+        ended_ = true;
+        return false;
+    }
+    buffer_.append(chunk, static_cast<std::size_t>(n));
+    return true;
+}
+
+std::optional<std::string> FakeGame::read_bytes(std::size_t count, double seconds) {
+    double deadline = zq::steady_seconds() + seconds;
+    while (buffer_.size() < count)
+        if (!fill(deadline)) return std::nullopt;
+    std::string out = buffer_.substr(0, count);
+    buffer_.erase(0, count);
+    return out;
+}
+
+std::optional<GameFrame> FakeGame::read_frame(double seconds) {
+    double deadline = zq::steady_seconds() + seconds;
+    while (buffer_.size() < 15)
+        if (!fill(deadline)) return std::nullopt;
+    GameFrame f;
+    f.kind = static_cast<std::uint8_t>(buffer_[0]);
+    f.command = static_cast<std::uint16_t>(get_le(buffer_, 1, 2));
+    f.total_size = static_cast<std::uint32_t>(get_le(buffer_, 3, 4));
+    f.packet_id = get_le(buffer_, 7, 8);
+    if (f.total_size < 15) return std::nullopt;
+    while (buffer_.size() < f.total_size)
+        if (!fill(deadline)) return std::nullopt;
+    f.body = buffer_.substr(15, f.total_size - 15);
+    buffer_.erase(0, f.total_size);
+    return f;
+}
+
+std::optional<GameFrame> FakeGame::request(std::uint16_t command, std::uint64_t packet_id, std::string_view body,
+                                           double seconds) {
+    if (!send_request(command, packet_id, body)) return std::nullopt;
+    double deadline = zq::steady_seconds() + seconds;
+    for (;;) {
+        auto f = read_frame(deadline - zq::steady_seconds());
+        if (!f || f->kind == 1) return f;
+    }
+}
+
+bool FakeGame::wait_closed(double seconds) {
+    double deadline = zq::steady_seconds() + seconds;
+    while (!ended_) {
+        buffer_.clear();
+        if (!fill(deadline) && !ended_) return false;
+    }
+    return true;
+}
+
+void FakeGame::close() {
+    if (socket_ != zq::invalid_socket) zq::close_socket(socket_);
+    socket_ = zq::invalid_socket;
+    buffer_.clear();
+    ended_ = false;
+}
+
+std::string length_prefixed(std::string_view message) {
+    std::string out;
+    put_le(out, message.size(), 4);
+    out.append(message);
+    return out;
+}
+
+}  // namespace testing_support
