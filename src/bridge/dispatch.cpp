@@ -82,9 +82,9 @@ CommandResult dispatch(Session& session, std::uint16_t command, std::uint64_t pa
         return CommandResult{ResultFailed, std::string()};
     }
     if (session.bridge->config().trace)
-        log_line(format_text("cmd %d pkt %llu -> error %d, %zu bytes", command,
+        log_line(format_text("cmd %d pkt %llu -> error %d, %llu bytes", command,
                              static_cast<unsigned long long>(packet_id), static_cast<int>(result.code),
-                             result.payload.size()));
+                             static_cast<unsigned long long>(result.payload.size())));
     return result;
 }
 

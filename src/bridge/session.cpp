@@ -1,6 +1,7 @@
 #include "bridge/session.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "bridge/bridge.h"
 #include "bridge/dispatch.h"
@@ -11,6 +12,8 @@ namespace zq {
 
 namespace {
 constexpr std::size_t max_read_chunk = 0x100000;
+// How often a quiet connection looks whether it is still wanted.
+constexpr int quiet_check_ms = 200;
 }
 
 TcpConn::~TcpConn() { release(); }
@@ -74,9 +77,15 @@ void Session::shutdown() {
 
 std::string quote(const std::string& text) { return "'" + text + "'"; }
 
-bool read_exactly(Socket socket, char* buffer, std::size_t size) {
+bool read_exactly(Socket socket, char* buffer, std::size_t size, const std::function<bool()>& keep_going) {
     std::size_t got = 0;
+    std::vector<bool> ready;
     while (got < size) {
+        if (keep_going) {
+            while (wait_readable({socket}, quiet_check_ms, ready) == 0)
+                if (!keep_going()) return false;
+            if (!keep_going()) return false;
+        }
         std::size_t chunk = std::min(size - got, max_read_chunk);
         int n = recv_some(socket, buffer + got, static_cast<int>(chunk));
         if (n < 1) return false;
@@ -90,13 +99,15 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
     if (connection->write(hello_frame())) {
         unsigned char header_bytes[header_size];
         std::string body;
-        while (bridge.running() && connection->is_alive()) {
-            if (!read_exactly(connection->socket(), reinterpret_cast<char*>(header_bytes), header_size)) break;
+        auto keep_going = [&] { return bridge.running() && connection->is_alive(); };
+        while (keep_going()) {
+            if (!read_exactly(connection->socket(), reinterpret_cast<char*>(header_bytes), header_size, keep_going))
+                break;
             CommandHeader header = parse_header(header_bytes);
             // A malformed header closes the connection without a word.
             if (!header.size_ok()) break;
             body.assign(header.body_size(), '\0');
-            if (!body.empty() && !read_exactly(connection->socket(), body.data(), body.size())) break;
+            if (!body.empty() && !read_exactly(connection->socket(), body.data(), body.size(), keep_going)) break;
             if (header.kind != static_cast<std::uint8_t>(FrameKind::Request)) continue;
 
             if (!session) {
