@@ -1,12 +1,18 @@
 #include "bridge/bridge.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "bridge/session.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 
 namespace zq {
+
+namespace {
+// How often the accept and STUN loops look at the running flag while nothing arrives.
+constexpr int stop_check_ms = 200;
+}  // namespace
 
 Bridge::Bridge(Config config) : config_(std::move(config)) {}
 
@@ -73,15 +79,17 @@ void Bridge::stop() {
     // Connections that never sent a Request have no session, but their reads must end too.
     for (auto& connection : open) connection->close();
 
-    // Closing alone does not wake a blocked accept or receive everywhere; shutting down does.
+    // Shutting down wakes the accept and the receive at once where the system allows it; the
+    // two loops also look at running between short waits, for systems where it does not. They
+    // are joined before the sockets are closed, so no thread can touch a reused handle.
+    if (tcp_socket_ != invalid_socket) shutdown_socket(tcp_socket_);
+    if (udp_socket_ != invalid_socket) shutdown_socket(udp_socket_);
+    if (accept_thread_.joinable()) accept_thread_.join();
+    if (stun_thread_.joinable()) stun_thread_.join();
     for (Socket* s : {&tcp_socket_, &udp_socket_}) {
-        if (*s == invalid_socket) continue;
-        shutdown_socket(*s);
         close_socket(*s);
         *s = invalid_socket;
     }
-    if (accept_thread_.joinable()) accept_thread_.join();
-    if (stun_thread_.joinable()) stun_thread_.join();
 
     // Connection threads are detached; one stuck in a slow upstream call must not hold up the
     // end of the process, so the wait is bounded.
@@ -94,7 +102,11 @@ void Bridge::stop() {
 }
 
 void Bridge::accept_thread(Socket listener) {
+    std::vector<bool> ready;
     for (;;) {
+        int waiting = wait_readable({listener}, stop_check_ms, ready);
+        if (!running_) return;
+        if (waiting == 0) continue;
         SockAddr peer;
         Socket s = accept_socket(listener, &peer);
         if (s == invalid_socket) return;

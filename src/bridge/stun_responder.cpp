@@ -1,6 +1,7 @@
 #include "bridge/stun_responder.h"
 
 #include <cstring>
+#include <vector>
 
 #include "bridge/bridge.h"
 #include "shell/log.h"
@@ -26,7 +27,9 @@ std::string stun_reply(const Endpoint& sender) {
 
 void Bridge::stun_thread(Socket udp) {
     char buffer[4096];
+    std::vector<bool> ready;
     while (running_) {
+        if (wait_readable({udp}, 200, ready) == 0) continue;  // look at running now and then
         SockAddr from;
         int n = recv_from(udp, buffer, sizeof buffer, &from);
         if (n < 0) {
