@@ -6,6 +6,7 @@
 #include "bridge/session.h"
 #include "shell/log.h"
 #include "shell/platform.h"
+#include "web/web_api.h"
 
 namespace zq {
 
@@ -50,13 +51,17 @@ bool Bridge::start(std::string* error) {
                                        last_socket_error()));
     if (local_address(udp_socket_, &held)) bound_udp_port_ = from_sockaddr(held).port;
 
-    int webapi_port = config_.webapi_port;
+    std::string web_error;
+    if (!web_server_.start(host, config_.webapi_port,
+                           [this](const http::ServerRequest& request) { return web_api_handler(*this, request); },
+                           &web_error))
+        return fail(error, web_error);
 
     accept_thread_ = std::thread(&Bridge::accept_thread, this, tcp_socket_);
     stun_thread_ = std::thread(&Bridge::stun_thread, this, udp_socket_);
 
     log_line(format_text("listening: tcp :%d  stun :%d  webapi :%d", config_.tcp_port, config_.udp_port,
-                         webapi_port));
+                         web_server_.port));
     log_line("velmar server: " + config_.velmar_server);
     log_line("community server: " + config_.community_server);
     return true;
@@ -78,6 +83,8 @@ void Bridge::stop() {
     }
     // Connections that never sent a Request have no session, but their reads must end too.
     for (auto& connection : open) connection->close();
+
+    web_server_.stop();
 
     // Shutting down wakes the accept and the receive at once where the system allows it; the
     // two loops also look at running between short waits, for systems where it does not. They

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "http/server.h"
 #include "shell/config.h"
 #include "shell/net.h"
 #include "shell/util.h"
@@ -45,6 +46,7 @@ public:
     // The ports actually held, which differ from the settings when those ask for port 0.
     int bound_tcp_port() const { return bound_tcp_port_; }
     int bound_udp_port() const { return bound_udp_port_; }
+    int bound_webapi_port() const { return web_server_.port; }
 
     // Lock order: sessions_lock, endpoints_lock, state_lock; none is held while calling into a
     // session, so whoever walks the sessions copies the list first.
@@ -74,6 +76,7 @@ private:
     std::thread stun_thread_;
     std::atomic<bool> running_{false};
     std::atomic<std::int32_t> active_connections_{0};
+    http::Server web_server_;
 
     // Every open game connection, with or without a session yet, so that stop can wake each
     // one's blocked read. Guarded by sessions_lock.

@@ -4,6 +4,7 @@
 
 #include "shell/net.h"
 #include "support/fake_game.h"
+#include "support/host.h"
 #include "support/process.h"
 
 using namespace testing_support;
@@ -38,7 +39,7 @@ TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     std::string out = cli.output();
     EXPECT_NE(out.find("[sarnlink] sarnlink 0.3.2 (cli)\n"), std::string::npos);
     EXPECT_NE(out.find("[sarnlink] velmar server: https://velmar.test\n"), std::string::npos);
-    EXPECT_NE(out.find(zq::format_text("[sarnlink] listening: tcp :%d  stun :%d  webapi :", tcp, udp)),
+    EXPECT_NE(out.find(zq::format_text("[sarnlink] listening: tcp :%d  stun :%d  webapi :%d\n", tcp, udp, web)),
               std::string::npos);
 
     FakeGame game;

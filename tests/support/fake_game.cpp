@@ -112,6 +112,15 @@ std::optional<GameFrame> FakeGame::request(std::uint16_t command, std::uint64_t 
     }
 }
 
+std::optional<std::string> FakeGame::read_to_end(double seconds) {
+    double deadline = zq::steady_seconds() + seconds;
+    while (!ended_)
+        if (!fill(deadline) && !ended_) return std::nullopt;
+    std::string out;
+    out.swap(buffer_);
+    return out;
+}
+
 bool FakeGame::wait_closed(double seconds) {
     double deadline = zq::steady_seconds() + seconds;
     while (!ended_) {

@@ -48,6 +48,8 @@ public:
     // Sends a Request and waits for the next Reply, skipping notifications.
     std::optional<GameFrame> request(std::uint16_t command, std::uint64_t packet_id, std::string_view body,
                                      double seconds = 10.0);
+    // Everything that arrives until the other side closes; nothing if it stays open past the deadline.
+    std::optional<std::string> read_to_end(double seconds = 10.0);
     // True once the bridge has closed the connection (end of stream) before the deadline.
     // Any bytes that arrive before the end are dropped.
     bool wait_closed(double seconds = 10.0);

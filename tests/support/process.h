@@ -13,9 +13,6 @@ namespace testing_support {
 // The sarnlink-cli built beside the tests, as this platform names it.
 std::filesystem::path cli_path();
 
-// True when the tests run under Wine rather than on Windows itself or natively.
-bool running_under_wine();
-
 struct ProcessResult {
     int exit_code = -1;
     std::string output;  // standard output and standard error, interleaved

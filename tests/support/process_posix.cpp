@@ -16,8 +16,6 @@ namespace testing_support {
 
 std::filesystem::path cli_path() { return SARNLINK_CLI_PATH; }
 
-bool running_under_wine() { return false; }
-
 struct Process::Impl {
     pid_t pid = -1;
     int out_fd = -1;

@@ -17,11 +17,6 @@ std::filesystem::path cli_path() {
     return std::filesystem::path(zq::utf8_to_wide(path));
 }
 
-bool running_under_wine() {
-    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-    return ntdll && GetProcAddress(ntdll, "wine_get_version") != nullptr;
-}
-
 struct Process::Impl {
     PROCESS_INFORMATION info{};
     HANDLE out_read = nullptr;
