@@ -10,11 +10,6 @@
 
 namespace zq {
 
-namespace {
-// How often the accept and STUN loops look at the running flag while nothing arrives.
-constexpr int stop_check_ms = 200;
-}  // namespace
-
 Bridge::Bridge(Config config) : config_(std::move(config)) {}
 
 Bridge::~Bridge() { stop(); }

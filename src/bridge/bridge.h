@@ -60,6 +60,9 @@ public:
     std::mutex state_lock;  // serialises reads and writes of the state file
 
 private:
+    // How often the accept and STUN loops look at the running flag while nothing arrives.
+    static constexpr int stop_check_ms = 200;
+
     bool fail(std::string* error, const std::string& message);
     bool start_gateway(std::string* error);
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "bridge/bridge.h"
+#include "bridge/session.h"
 #include "shell/log.h"
 #include "shell/net.h"
 
@@ -29,7 +30,7 @@ void Bridge::stun_thread(Socket udp) {
     char buffer[4096];
     std::vector<bool> ready;
     while (running_) {
-        if (wait_readable({udp}, 200, ready) == 0) continue;  // look at running now and then
+        if (wait_readable({udp}, stop_check_ms, ready) == 0) continue;
         SockAddr from;
         int n = recv_from(udp, buffer, sizeof buffer, &from);
         if (n < 0) {
@@ -46,7 +47,7 @@ void Bridge::stun_thread(Socket udp) {
             news = it == stun_table.end() || !(it->second == sender);
             stun_table[*id] = sender;
         }
-        if (news) log_line(format_text("stun: '%s' pings from %s", id->c_str(), sender.text().c_str()));
+        if (news) log_line(format_text("stun: %s pings from %s", quote(*id).c_str(), sender.text().c_str()));
         std::string reply = stun_reply(sender);
         send_to(udp, reply.data(), static_cast<int>(reply.size()), from);
     }
