@@ -6,6 +6,7 @@ packages=(
   cmake ninja-build g++ ccache pkg-config
   nlohmann-json3-dev libgtest-dev libcurl4-openssl-dev libssl-dev
   g++-mingw-w64-x86-64-posix wine64
+  clang libclang-rt-dev
   curl openssl python3 coturn iproute2
 )
 
