@@ -32,7 +32,8 @@ if [ ${#targets[@]} -eq 0 ]; then
 fi
 
 mkdir -p "$build/findings"
-# Leaks in a fuzz target count as findings; a slow input (10 s) is one too.
+# Leaks in a fuzz target count as findings; a slow input (10 s) is one too. The targets' own
+# standard output (the program's log lines) is closed: only libFuzzer's report matters.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1:print_stacktrace=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 # Targets that read files write their input to a scratch file; memory is much faster than disk.
@@ -50,7 +51,7 @@ for name in "${targets[@]}"; do
   echo "== fuzz $name ($budget)"
   started=$SECONDS
   # shellcheck disable=SC2086
-  if "$binary" "$limit" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+  if "$binary" "$limit" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -close_fd_mask=1 \
        -artifact_prefix="$build/findings/$name-" ${FUZZ_ARGS:-} "$work" $seeds \
        >"$build/fuzz-$name.log" 2>&1; then
     echo "   $name: clean after $((SECONDS - started)) s, $(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$build/fuzz-$name.log" | grep -o '[0-9]*$') runs"
