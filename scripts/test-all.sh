@@ -20,12 +20,13 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:hist
 
 status=0
 for preset in linux-debug windows-release linux-asan linux-tsan; do
-  echo "== $preset: build"
+  echo "== $preset: build (at ${SECONDS} s)"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  echo "== $preset: test"
+  echo "== $preset: test (at ${SECONDS} s)"
   ctest --preset "$preset" -j "$jobs" || status=1
 done
-echo "== fuzz smoke"
+echo "== fuzz smoke (at ${SECONDS} s)"
 scripts/fuzz-smoke.sh || status=1
+echo "== done in ${SECONDS} s"
 exit $status
