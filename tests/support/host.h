@@ -13,3 +13,10 @@ bool running_under_wine();
 std::filesystem::path find_program(const std::string& name);
 
 }  // namespace testing_support
+
+namespace testing_support {
+
+// Sets (or with an empty value, removes) an environment variable of this process.
+void set_env(const std::string& name, const std::string& value);
+
+}  // namespace testing_support

@@ -21,3 +21,14 @@ std::filesystem::path find_program(const std::string& name) {
 }
 
 }  // namespace testing_support
+
+namespace testing_support {
+
+void set_env(const std::string& name, const std::string& value) {
+    if (value.empty())
+        ::unsetenv(name.c_str());
+    else
+        ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+}  // namespace testing_support

@@ -18,3 +18,13 @@ std::filesystem::path find_program(const std::string& name) {
 }
 
 }  // namespace testing_support
+
+namespace testing_support {
+
+void set_env(const std::string& name, const std::string& value) {
+    std::wstring n(name.begin(), name.end());
+    std::wstring v(value.begin(), value.end());
+    SetEnvironmentVariableW(n.c_str(), value.empty() ? nullptr : v.c_str());
+}
+
+}  // namespace testing_support

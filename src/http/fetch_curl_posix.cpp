@@ -1,0 +1,260 @@
+// The HTTP client on libcurl. One share handle per session holds the connection cache, so
+// connections are reused within a session and nowhere else. Each transaction runs its own multi
+// loop, which is what lets the idle time-out count in milliseconds: libcurl's own low-speed
+// limit counts in whole seconds.
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+
+#include "http/fetch.h"
+#include "shell/platform.h"
+#include "shell/util.h"
+
+namespace http {
+
+struct SessionHandle {
+    CURLSH* share = nullptr;
+    std::mutex locks[CURL_LOCK_DATA_LAST];
+    std::string agent = "sarnlink";
+};
+
+namespace detail {
+
+namespace {
+
+void lock_share(CURL*, curl_lock_data data, curl_lock_access, void* user) {
+    static_cast<SessionHandle*>(user)->locks[data].lock();
+}
+
+void unlock_share(CURL*, curl_lock_data data, void* user) { static_cast<SessionHandle*>(user)->locks[data].unlock(); }
+
+// The limits of the fixed buffers that a URL is cracked into on Windows, kept here so that a
+// URL is refused the same way on both systems.
+constexpr std::size_t max_host = 255;
+constexpr std::size_t max_path = 4095;
+constexpr std::size_t max_extra = 4095;
+
+std::string url_part(CURLU* url, CURLUPart part) {
+    char* text = nullptr;
+    std::string out;
+    if (curl_url_get(url, part, &text, 0) == CURLUE_OK && text) out = text;
+    curl_free(text);
+    return out;
+}
+
+bool url_fits(const std::string& text) {
+    CURLU* url = curl_url();
+    if (!url) return false;
+    bool ok = curl_url_set(url, CURLUPART_URL, text.c_str(), 0) == CURLUE_OK;
+    if (ok) {
+        std::string scheme = url_part(url, CURLUPART_SCHEME);
+        std::string query = url_part(url, CURLUPART_QUERY);
+        std::string fragment = url_part(url, CURLUPART_FRAGMENT);
+        std::size_t extra = (query.empty() ? 0 : query.size() + 1) + (fragment.empty() ? 0 : fragment.size() + 1);
+        ok = (iequals(scheme, "http") || iequals(scheme, "https")) && url_part(url, CURLUPART_HOST).size() <= max_host &&
+             url_part(url, CURLUPART_PATH).size() <= max_path && extra <= max_extra;
+    }
+    curl_url_cleanup(url);
+    return ok;
+}
+
+struct Transfer {
+    std::string head;  // the raw head of the latest response, status line first
+    bool head_done = false;  // a final (not 1xx) head has arrived: failures now count as reads
+    std::string body;
+    bool connected = false;
+    double last_activity = 0.0;
+    curl_off_t uploaded = 0;
+};
+
+std::size_t on_header(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* t = static_cast<Transfer*>(user);
+    std::string_view line(data, size * count);
+    t->last_activity = zq::steady_seconds();
+    if (line.starts_with("HTTP/")) {
+        // An interim response's head is replaced by the next one.
+        t->head.assign(line);
+        t->head_done = false;
+    } else {
+        t->head.append(line);
+        if (line == "\r\n" || line == "\n") {
+            std::size_t space = t->head.find(' ');
+            t->head_done = space == std::string::npos || t->head.compare(space + 1, 1, "1") != 0;
+        }
+    }
+    return size * count;
+}
+
+std::size_t on_body(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* t = static_cast<Transfer*>(user);
+    t->body.append(data, size * count);
+    t->last_activity = zq::steady_seconds();
+    return size * count;
+}
+
+int on_progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded) {
+    auto* t = static_cast<Transfer*>(user);
+    if (uploaded != t->uploaded) {
+        t->uploaded = uploaded;
+        t->last_activity = zq::steady_seconds();
+    }
+    return 0;
+}
+
+// Called once the connection is up (new or reused): the idle clock starts here.
+int on_connected(void* user, char*, char*, int, int) {
+    auto* t = static_cast<Transfer*>(user);
+    t->connected = true;
+    t->last_activity = zq::steady_seconds();
+    return CURL_PREREQFUNC_OK;
+}
+
+curl_slist* request_headers(const HeaderList& headers) {
+    curl_slist* list = nullptr;
+    for (const auto& [name, value] : headers)
+        list = curl_slist_append(list, (value.empty() ? name + ";" : name + ": " + value).c_str());
+    // libcurl adds these on its own; the request goes out with only what it was given.
+    // No Expect either: the embedded server does not answer 100-continue.
+    for (const char* own : {"Accept", "Expect", "Content-Type"}) {
+        bool given = std::any_of(headers.begin(), headers.end(), [&](const auto& h) { return iequals(h.first, own); });
+        if (!given) list = curl_slist_append(list, (std::string(own) + ":").c_str());
+    }
+    return list;
+}
+
+}  // namespace
+
+SessionHandle* open_session() {
+    static CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (global != CURLE_OK) return nullptr;
+    auto* session = new SessionHandle;
+    session->share = curl_share_init();
+    if (!session->share) {
+        delete session;
+        return nullptr;
+    }
+    curl_share_setopt(session->share, CURLSHOPT_LOCKFUNC, lock_share);
+    curl_share_setopt(session->share, CURLSHOPT_UNLOCKFUNC, unlock_share);
+    curl_share_setopt(session->share, CURLSHOPT_USERDATA, session);
+    curl_share_setopt(session->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    curl_share_setopt(session->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(session->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    return session;
+}
+
+void close_session(SessionHandle* session) {
+    if (!session) return;
+    curl_share_cleanup(session->share);
+    delete session;
+}
+
+ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
+    ClientResponse response;
+    if (!session) {
+        response.error = "WinHttpOpen failed";
+        return response;
+    }
+    if (!url_fits(request.url)) {
+        response.error = "bad url " + request.url;
+        return response;
+    }
+    CURL* easy = curl_easy_init();
+    CURLM* multi = curl_multi_init();
+    if (!easy || !multi) {
+        response.error = zq::format_text("open request failed (%d)", errno);
+        curl_easy_cleanup(easy);
+        curl_multi_cleanup(multi);
+        return response;
+    }
+    Transfer t;
+    curl_slist* headers = request_headers(request.headers);
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_SHARE, session->share);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, session->agent.c_str());
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);  // the caller sees a 3xx itself
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout_ms));
+    if (auto bundle = zq::get_env("SSL_CERT_FILE"); bundle && !bundle->empty())
+        curl_easy_setopt(easy, CURLOPT_CAINFO, bundle->c_str());
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &t);
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, on_progress);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &t);
+    curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, on_connected);
+    curl_easy_setopt(easy, CURLOPT_PREREQDATA, &t);
+    if (request.method == "HEAD") {
+        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    } else if (request.method == "GET" && request.body.empty()) {
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else {
+        curl_easy_setopt(easy, CURLOPT_POST, 1L);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());
+        if (request.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    }
+
+    // Before the connection is up, libcurl's connect time-out governs; after it, no phase may
+    // stay idle for longer than timeout_ms.
+    const double idle_limit = request.timeout_ms / 1000.0;
+    bool idle_expired = false;
+    curl_multi_add_handle(multi, easy);
+    for (;;) {
+        int running = 0;
+        if (curl_multi_perform(multi, &running) != CURLM_OK || running == 0) break;
+        int wait_ms = 1000;
+        if (t.connected) {
+            double left = t.last_activity + idle_limit - zq::steady_seconds();
+            if (left <= 0) {
+                idle_expired = true;
+                break;
+            }
+            wait_ms = std::min(wait_ms, static_cast<int>(left * 1000.0) + 1);
+        }
+        curl_multi_poll(multi, nullptr, 0, wait_ms, nullptr);
+    }
+    CURLcode result = CURLE_OK;
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued))
+        if (message->msg == CURLMSG_DONE) result = message->data.result;
+    long status = 0;
+    long os_error = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &os_error);
+    curl_multi_remove_handle(multi, easy);
+    curl_easy_cleanup(easy);
+    curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+
+    response.status = static_cast<std::uint32_t>(status);
+    response.headers = split_raw_headers(t.head);
+    response.body = std::move(t.body);
+    bool timed_out = idle_expired || result == CURLE_OPERATION_TIMEDOUT;
+    if (!timed_out && result == CURLE_OK) return response;
+    if (result == CURLE_URL_MALFORMAT) {
+        response.error = "bad url " + request.url;
+    } else if (t.head_done) {
+        long code = timed_out ? ETIMEDOUT : (os_error ? os_error : static_cast<long>(result));
+        response.error = zq::format_text("read failed (%ld)", code);
+    } else if (timed_out) {
+        response.error = "The read operation timed out";
+    } else {
+        // Errors of TLS or name look-up carry no system error number; libcurl's code stands in.
+        response.error = zq::format_text("request failed (%ld)", os_error ? os_error : static_cast<long>(result));
+    }
+    return response;
+}
+
+}  // namespace detail
+
+}  // namespace http
