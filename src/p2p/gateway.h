@@ -1,0 +1,150 @@
+#pragma once
+// The peer-to-peer gateway: every remote room member is represented on this machine by one
+// loopback UDP socket, and the game port is told that the member lives there. One public UDP
+// socket faces the internet; three threads move datagrams between the two sides.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "p2p/framing.h"
+#include "shell/net.h"
+#include "shell/util.h"
+
+namespace zq::p2p {
+
+// Endpoints ordered by host text, then port.
+struct EndpointOrder {
+    bool operator()(const Endpoint& a, const Endpoint& b) const {
+        return a.host != b.host ? a.host < b.host : a.port < b.port;
+    }
+};
+
+// Opens an IPv4 UDP socket bound to host:port with ICMP port-unreachable reporting off, and
+// fills bound with the address it got. invalid_socket on failure.
+Socket bind_udp(const std::string& host, int port, Endpoint& bound);
+
+// One row of links_snapshot.
+struct LinkInfo {
+    std::int32_t member_id = 0;
+    std::string online_id;
+    Endpoint endpoint;
+    Endpoint port_sees;
+    std::uint32_t peer_member = 0;
+    std::uint32_t port_member = 0;
+    std::uint64_t room_id = 0;
+    std::uint64_t to_peer = 0;
+    std::uint64_t to_port = 0;
+    std::uint64_t signaling = 0;
+};
+
+class Gateway {
+public:
+    // One remote member. Every field is guarded by the gateway's mutex.
+    struct Link {
+        std::int32_t member_id = 0;  // negative: provisional, before the member is in the room
+        std::string online_id;
+        Endpoint endpoint;           // where data goes; rewritten by address learning
+        Endpoint local_endpoint;     // the member's LAN address
+        std::set<Endpoint, EndpointOrder> known_addresses;
+        std::optional<Endpoint> port_address;  // where the local port sends from
+        HelloRecord hello;
+        Socket socket = invalid_socket;  // bound to 127.0.0.1; invalid once closed
+        Endpoint port_sees;              // 127.0.0.1 and that socket's port
+        bool peer_heard = false;
+        double created = 0.0;
+        std::uint64_t to_peer = 0;
+        std::uint64_t to_port = 0;
+        std::uint64_t signaling = 0;
+
+        Link() = default;
+        Link(const Link&) = delete;
+        Link& operator=(const Link&) = delete;
+        ~Link();
+
+        // Marks the socket invalid; the handle itself is closed with the last reference, so a
+        // thread still waiting or receiving on it never sees its number reused by a new link.
+        void close_socket_locked();
+
+    private:
+        Socket retired_socket = invalid_socket;
+    };
+
+    struct Relay {
+        Endpoint server;    // the STUN server's resolved host and port
+        std::string token;  // 8 bytes
+        std::int32_t port = 0;  // our port on the relay
+    };
+
+    double punch_interval = 0.5;
+    double punch_window = 20.0;
+    double hello_interval = 1.0;
+    double hello_window = 30.0;
+    double stun_refresh = 15.0;  // overwritten by the owner before start
+    std::int32_t port = 0;       // asked for; start replaces it with the port bound
+    const std::optional<Endpoint> stun_server;
+    const std::string lan_host;
+    const std::function<void(const Endpoint&)> on_mapped_change;
+
+    Gateway(std::int32_t port, std::optional<Endpoint> stun_server, std::string lan_host,
+            std::function<void(const Endpoint&)> on_mapped_change);
+    ~Gateway();
+    Gateway(const Gateway&) = delete;
+    Gateway& operator=(const Gateway&) = delete;
+
+    bool start(std::string* error);
+    void stop();
+
+    // What the port must be told for this member: port_sees of his link.
+    Endpoint add_member(std::int32_t member_id, const std::string& online_id, const Endpoint& endpoint,
+                        const Endpoint& local_endpoint, const std::string& port_online_id,
+                        std::int32_t port_member_id, std::uint64_t room_id,
+                        const std::optional<Endpoint>& port_endpoint);
+    void remove_member(std::int32_t member_id);
+    void remove_all_members();
+    void retain_members(const std::set<std::string>& online_ids);
+
+    // (LAN endpoint, public endpoint); the public one is the mapped address once known.
+    std::pair<Endpoint, Endpoint> own_endpoints() const;
+    std::optional<Endpoint> port_address_of(const std::string& online_id) const;
+    std::optional<Endpoint> mapped_address() const;
+    std::int32_t relay_port() const;
+    std::vector<LinkInfo> links_snapshot() const;
+
+private:
+    void peer_thread();
+    void port_thread();
+    void timer_thread();
+
+    void send_to_peer(const std::string& frame, const Endpoint& destination);
+    void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
+    // Expects the mutex held. Learns a peer's new port when exactly one link has its host.
+    std::shared_ptr<Link> find_link_from(const Endpoint& sender);
+
+    void refresh_stun();
+    void on_stun_answer(const std::string& datagram);
+
+    Socket public_socket = invalid_socket;
+
+    // The innermost lock but the log's: never held across a send, a receive or the callback.
+    mutable std::mutex mutex;
+    std::map<std::int32_t, std::shared_ptr<Link>> links;
+    std::optional<Endpoint> mapped;
+    std::optional<Relay> relay;
+    std::string stun_transaction;  // cookie and transaction id of the last request, or empty
+    Endpoint stun_target;          // resolved address of the last request
+
+    std::atomic<bool> stopping{false};
+    std::vector<std::thread> threads;  // declared after the sockets they use
+};
+
+}  // namespace zq::p2p

@@ -1,0 +1,119 @@
+#include "p2p/stun.h"
+
+#include <cstdio>
+#include <mutex>
+#include <random>
+
+namespace zq::p2p {
+
+namespace {
+
+unsigned byte_at(std::string_view s, std::size_t i) { return static_cast<unsigned char>(s[i]); }
+
+unsigned be16(std::string_view s, std::size_t at) { return byte_at(s, at) << 8 | byte_at(s, at + 1); }
+
+void put_be16(std::string& out, unsigned v) {
+    out.push_back(static_cast<char>((v >> 8) & 0xFF));
+    out.push_back(static_cast<char>(v & 0xFF));
+}
+
+void put_be32(std::string& out, std::uint32_t v) {
+    put_be16(out, v >> 16);
+    put_be16(out, v & 0xFFFF);
+}
+
+}  // namespace
+
+std::array<unsigned char, 12> random_transaction_id() {
+    // One engine per process; the lock is for processes (tests) that run two gateways.
+    static std::mutex engine_lock;
+    static std::mt19937_64 engine{std::random_device{}()};
+    std::lock_guard<std::mutex> guard(engine_lock);
+    std::array<unsigned char, 12> id{};
+    for (auto& b : id) b = static_cast<unsigned char>(engine() & 0xFF);
+    return id;
+}
+
+std::string binding_request(const std::array<unsigned char, 12>& transaction_id, std::string_view token) {
+    std::string out;
+    put_be16(out, kBindingRequest);
+    put_be16(out, 16);
+    put_be32(out, kMagicCookie);
+    out.append(reinterpret_cast<const char*>(transaction_id.data()), transaction_id.size());
+    put_be16(out, kAttrRelayRequest);
+    put_be16(out, 12);
+    out.append(kRelayMagic);
+    if (token.size() == kRelayTokenSize)
+        out.append(token);
+    else
+        out.append(kRelayTokenSize, '\0');
+    return out;
+}
+
+std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_view transaction) {
+    if (d.size() < 20 || be16(d, 0) != kBindingSuccess || d.substr(4, 16) != transaction) return std::nullopt;
+    std::size_t length = be16(d, 2);
+    if (length + 20 > d.size()) return std::nullopt;
+
+    struct Candidate {
+        std::uint32_t address = 0;
+        unsigned port = 0;
+    };
+    std::optional<Candidate> plain, xored;
+    StunAnswer answer;
+    std::uint32_t cookie = static_cast<std::uint32_t>(be16(d, 4)) << 16 | be16(d, 6);
+
+    std::size_t at = 20, end = 20 + length;
+    while (end - at >= 4) {
+        unsigned type = be16(d, at);
+        std::size_t size = be16(d, at + 2);
+        std::size_t value = at + 4;
+        if (size > end - value) break;
+        std::string_view v = d.substr(value, size);
+        if (type == kAttrRelayGrant) {
+            if (size >= 20 && v.substr(0, 4) == kRelayMagic) {
+                answer.relay = true;
+                answer.relay_token = std::string(v.substr(4, kRelayTokenSize));
+                answer.relay_port = static_cast<int>(be16(v, 12));
+            }
+        } else if (size >= 8 && byte_at(v, 1) == 1) {
+            Candidate c{static_cast<std::uint32_t>(be16(v, 4)) << 16 | be16(v, 6), be16(v, 2)};
+            if (type == kAttrMappedAddress) {
+                plain = c;
+            } else if (type == kAttrXorMappedAddress || type == kAttrXorMappedAddressOld) {
+                c.port ^= cookie >> 16;
+                c.address ^= cookie;
+                xored = c;
+            }
+        }
+        at = value + ((size + 3) / 4) * 4;
+    }
+
+    // The private server's plain address wins over the XOR one, unlike common STUN clients.
+    std::optional<Candidate> chosen = plain ? plain : xored;
+    if (!chosen || chosen->address == 0 || chosen->port == 0) return std::nullopt;
+    char text[16];
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", chosen->address >> 24, (chosen->address >> 16) & 0xFF,
+                  (chosen->address >> 8) & 0xFF, chosen->address & 0xFF);
+    answer.mapped_host = text;
+    answer.mapped_port = static_cast<int>(chosen->port);
+    return answer;
+}
+
+std::string relay_frame_to_server(std::string_view token, int port, std::string_view frame) {
+    std::string out("\xFB" "R", 2);
+    out.append(token.substr(0, kRelayTokenSize));
+    if (token.size() < kRelayTokenSize) out.append(kRelayTokenSize - token.size(), '\0');
+    put_be16(out, static_cast<unsigned>(port) & 0xFFFF);
+    out.append(frame);
+    return out;
+}
+
+bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload) {
+    if (datagram.size() < 4 || byte_at(datagram, 0) != 0xFB || datagram[1] != 'r') return false;
+    port = static_cast<int>(be16(datagram, 2));
+    payload.assign(datagram.substr(4));
+    return true;
+}
+
+}  // namespace zq::p2p

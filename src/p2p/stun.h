@@ -1,0 +1,58 @@
+#pragma once
+// The gateway's STUN exchange with the STUN and relay server, and the relay frames that carry
+// peer traffic through that server. Pure functions apart from the transaction id's generator.
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zq::p2p {
+
+// Binding Request, 36 bytes, big-endian:
+//   | 0  | 2  | 00 01 Binding Request         |
+//   | 2  | 2  | 16, length after the header   |
+//   | 4  | 4  | magic cookie 21 12 A4 42      |
+//   | 8  | 12 | transaction id                |
+//   | 20 | 2  | 81 00 relay request (private) |
+//   | 22 | 2  | 12                            |
+//   | 24 | 4  | "zqr1"                        |
+//   | 28 | 8  | relay token held, or zeros    |
+inline constexpr std::uint16_t kBindingRequest = 0x0001;
+inline constexpr std::uint16_t kBindingSuccess = 0x0101;
+inline constexpr std::uint32_t kMagicCookie = 0x2112A442;
+inline constexpr std::uint16_t kAttrMappedAddress = 0x0001;
+inline constexpr std::uint16_t kAttrXorMappedAddress = 0x0020;
+inline constexpr std::uint16_t kAttrXorMappedAddressOld = 0x8020;
+inline constexpr std::uint16_t kAttrRelayRequest = 0x8100;
+// Relay grant value, at least 20 bytes: | 0 | 4 | "zqr1" | 4 | 8 | token | 12 | 2 | our relay port |
+inline constexpr std::uint16_t kAttrRelayGrant = 0x8101;
+inline constexpr std::string_view kRelayMagic{"zqr1", 4};
+inline constexpr std::size_t kRelayTokenSize = 8;
+
+// Twelve bytes from the process's one 64-bit Mersenne Twister.
+std::array<unsigned char, 12> random_transaction_id();
+
+// token: the 8-byte relay token, or empty for none (eight zero bytes go out).
+std::string binding_request(const std::array<unsigned char, 12>& transaction_id, std::string_view token);
+
+struct StunAnswer {
+    std::string mapped_host;  // "%u.%u.%u.%u"
+    int mapped_port = 0;
+    bool relay = false;
+    std::string relay_token;  // 8 bytes when relay
+    int relay_port = 0;
+};
+
+// A Binding Success Response whose bytes 4..19 equal transaction (cookie and id). The plain
+// MAPPED-ADDRESS is preferred over XOR-MAPPED-ADDRESS. Nothing when refused.
+std::optional<StunAnswer> parse_binding_answer(std::string_view datagram, std::string_view transaction);
+
+// Relay frames, between the gateway and the relay (ports are allocations on the relay):
+//   to the relay:   FB 'R' token(8) destination port(2, BE) peer frame
+//   from the relay: FB 'r' source port(2, BE) payload
+std::string relay_frame_to_server(std::string_view token, int port, std::string_view frame);
+bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload);
+
+}  // namespace zq::p2p

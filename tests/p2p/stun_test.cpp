@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include "p2p/stun.h"
+
+using namespace zq::p2p;
+using namespace std::string_literals;
+
+namespace {
+
+const std::string kTransaction = "\x21\x12\xA4\x42" "ABCDEFGHIJKL"s;
+
+std::string attr(unsigned type, const std::string& value) {
+    std::string out;
+    out.push_back(static_cast<char>(type >> 8));
+    out.push_back(static_cast<char>(type & 0xFF));
+    out.push_back(static_cast<char>(value.size() >> 8));
+    out.push_back(static_cast<char>(value.size() & 0xFF));
+    out += value;
+    out.append((4 - value.size() % 4) % 4, '\0');
+    return out;
+}
+
+// family 1, port 1234, 10.1.2.3
+const std::string kPlain = "\x00\x01\x04\xD2\x0A\x01\x02\x03"s;
+// family 1, port 5678 ^ 0x2112, 192.0.2.7 ^ cookie
+const std::string kXor = "\x00\x01"s + "\x37\x3C"s + "\xE1\x12\xA6\x45"s;
+const std::string kGrant = "zqr1" "TOKEN123" "\x9C\x40" "\0\0\0\0\0\0"s;  // port 40000
+
+std::string answer(const std::string& attributes, std::size_t declared = std::string::npos,
+                   const std::string& transaction = kTransaction, unsigned type = 0x0101) {
+    std::size_t length = declared == std::string::npos ? attributes.size() : declared;
+    std::string out;
+    out.push_back(static_cast<char>(type >> 8));
+    out.push_back(static_cast<char>(type & 0xFF));
+    out.push_back(static_cast<char>(length >> 8));
+    out.push_back(static_cast<char>(length & 0xFF));
+    return out + transaction + attributes;
+}
+
+}  // namespace
+
+TEST(Stun, BindingRequestCarriesTheRelayAttribute) {
+    std::array<unsigned char, 12> id{};
+    for (int i = 0; i < 12; ++i) id[i] = static_cast<unsigned char>('a' + i);
+    std::string head = "\x00\x01\x00\x10\x21\x12\xA4\x42" "abcdefghijkl" "\x81\x00\x00\x0C" "zqr1"s;
+    EXPECT_EQ(binding_request(id, ""), head + std::string(8, '\0'));
+    EXPECT_EQ(binding_request(id, "TOKEN123"), head + "TOKEN123");
+    EXPECT_NE(random_transaction_id(), random_transaction_id());
+}
+
+TEST(Stun, AnswersThatAreAcceptedOrRefused) {
+    struct Case {
+        const char* name;
+        std::string datagram;
+        bool ok;
+        std::string host;
+        int port;
+        bool relay;
+    } cases[] = {
+        {"plain", answer(attr(0x0001, kPlain)), true, "10.1.2.3", 1234, false},
+        {"xor", answer(attr(0x0020, kXor)), true, "192.0.2.7", 5678, false},
+        {"old xor number", answer(attr(0x8020, kXor)), true, "192.0.2.7", 5678, false},
+        {"plain wins over xor", answer(attr(0x0020, kXor) + attr(0x0001, kPlain)), true, "10.1.2.3", 1234, false},
+        {"later of a kind wins",
+         answer(attr(0x0001, "\x00\x01\x00\x09\x01\x01\x01\x01"s) + attr(0x0001, kPlain)), true, "10.1.2.3", 1234,
+         false},
+        {"grant", answer(attr(0x8101, kGrant) + attr(0x0020, kXor)), true, "192.0.2.7", 5678, true},
+        {"grant of 19 bytes skipped", answer(attr(0x8101, kGrant.substr(0, 19)) + attr(0x0001, kPlain)), true,
+         "10.1.2.3", 1234, false},
+        {"grant with other magic", answer(attr(0x8101, "zqr2" + kGrant.substr(4)) + attr(0x0001, kPlain)), true,
+         "10.1.2.3", 1234, false},
+        {"empty attribute walks 4 bytes", answer(attr(0x0022, "") + attr(0x0001, kPlain)), true, "10.1.2.3", 1234,
+         false},
+        {"longer datagram than declared", answer(attr(0x0001, kPlain)) + "junk", true, "10.1.2.3", 1234, false},
+        {"unknown attribute skipped", answer(attr(0x8022, "software") + attr(0x0001, kPlain)), true, "10.1.2.3",
+         1234, false},
+        {"grant alone", answer(attr(0x8101, kGrant)), false, "", 0, false},
+        {"L = 0", answer(""), false, "", 0, false},
+        {"L under 4", answer("\x00\x01\x00"s), false, "", 0, false},
+        {"L beyond the datagram", answer(attr(0x0001, kPlain), 16), false, "", 0, false},
+        {"attribute passes the end", answer(attr(0x0001, kPlain), 8), false, "", 0, false},
+        {"family 2", answer(attr(0x0001, "\x00\x02" + kPlain.substr(2))), false, "", 0, false},
+        {"address 0", answer(attr(0x0001, "\x00\x01\x04\xD2\0\0\0\0"s)), false, "", 0, false},
+        {"port 0", answer(attr(0x0001, "\x00\x01\x00\x00\x0A\x01\x02\x03"s)), false, "", 0, false},
+        {"other transaction", answer(attr(0x0001, kPlain), std::string::npos, "\x21\x12\xA4\x42" "ABCDEFGHIJKX"s),
+         false, "", 0, false},
+        {"not a success", answer(attr(0x0001, kPlain), std::string::npos, kTransaction, 0x0111), false, "", 0, false},
+        {"19 bytes", answer("").substr(0, 19), false, "", 0, false},
+    };
+    for (const auto& c : cases) {
+        auto a = parse_binding_answer(c.datagram, kTransaction);
+        ASSERT_EQ(a.has_value(), c.ok) << c.name;
+        if (!a) continue;
+        EXPECT_EQ(a->mapped_host, c.host) << c.name;
+        EXPECT_EQ(a->mapped_port, c.port) << c.name;
+        EXPECT_EQ(a->relay, c.relay) << c.name;
+        if (c.relay) {
+            EXPECT_EQ(a->relay_token, "TOKEN123") << c.name;
+            EXPECT_EQ(a->relay_port, 40000) << c.name;
+        }
+    }
+}
+
+TEST(Stun, RelayFramesBothWays) {
+    EXPECT_EQ(relay_frame_to_server("TOKEN123", 40001, "\xFF\xC3\x01\x02hi"s),
+              "\xFB" "RTOKEN123\x9C\x41\xFF\xC3\x01\x02hi"s);
+    int port = 0;
+    std::string payload = "stale";
+    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x9C\x40"s, port, payload));
+    EXPECT_EQ(port, 40000);
+    EXPECT_EQ(payload, "");
+    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x00\x07punch"s, port, payload));
+    EXPECT_EQ(port, 7);
+    EXPECT_EQ(payload, "punch");
+    EXPECT_FALSE(relay_frame_from_server("\xFB" "r\x00"s, port, payload));
+    EXPECT_FALSE(relay_frame_from_server("\xFB" "R\x00\x07"s, port, payload));
+    EXPECT_FALSE(relay_frame_from_server("\xFA" "r\x00\x07"s, port, payload));
+}

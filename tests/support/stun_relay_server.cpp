@@ -1,0 +1,162 @@
+#include "support/stun_relay_server.h"
+
+#include <random>
+
+#include "p2p/stun.h"
+
+namespace testing_support {
+
+namespace {
+
+void put_be16(std::string& out, unsigned v) {
+    out.push_back(static_cast<char>((v >> 8) & 0xFF));
+    out.push_back(static_cast<char>(v & 0xFF));
+}
+
+unsigned be16(const std::string& s, std::size_t at) {
+    return static_cast<unsigned char>(s[at]) << 8 | static_cast<unsigned char>(s[at + 1]);
+}
+
+std::string random_token() {
+    static std::mutex lock;
+    static std::mt19937 engine{std::random_device{}()};
+    std::lock_guard<std::mutex> guard(lock);
+    std::string token(8, '\0');
+    for (auto& c : token) c = static_cast<char>(engine() & 0xFF);
+    return token;
+}
+
+// XOR-MAPPED-ADDRESS for an IPv4 endpoint.
+std::string xor_mapped(const zq::Endpoint& e) {
+    zq::SockAddr a = zq::to_sockaddr(e);
+    std::string out;
+    put_be16(out, zq::p2p::kAttrXorMappedAddress);
+    put_be16(out, 8);
+    out.push_back('\0');
+    out.push_back('\x01');
+    put_be16(out, static_cast<unsigned>(e.port) ^ (zq::p2p::kMagicCookie >> 16));
+    // sockaddr_in keeps the address in network order at offset 4.
+    static const unsigned char cookie[4] = {0x21, 0x12, 0xA4, 0x42};
+    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(a.bytes[4 + i] ^ cookie[i]));
+    return out;
+}
+
+}  // namespace
+
+StunRelayServer::StunRelayServer() {
+    zq::network_init();
+    socket_ = zq::open_udp_socket();
+    zq::bind_socket(socket_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
+    zq::disable_udp_connreset(socket_);
+    zq::SockAddr bound;
+    zq::local_address(socket_, &bound);
+    address_ = zq::from_sockaddr(bound);
+    thread_ = std::thread([this] { serve(); });
+}
+
+StunRelayServer::~StunRelayServer() {
+    stopping_ = true;
+    zq::Socket wake = zq::open_udp_socket();
+    zq::send_to(wake, "", 0, zq::to_sockaddr(address_));
+    zq::close_socket(wake);
+    zq::shutdown_socket(socket_);
+    thread_.join();
+    zq::close_socket(socket_);
+    for (auto& [key, a] : allocations_) zq::close_socket(a.reserved);
+}
+
+void StunRelayServer::set_grant(bool grant) {
+    std::lock_guard<std::mutex> guard(lock_);
+    grant_ = grant;
+}
+
+void StunRelayServer::set_reported(std::optional<zq::Endpoint> reported) {
+    std::lock_guard<std::mutex> guard(lock_);
+    reported_ = std::move(reported);
+}
+
+int StunRelayServer::binding_requests() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return binding_requests_;
+}
+
+std::string StunRelayServer::last_request_token() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return last_token_;
+}
+
+int StunRelayServer::relayed() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return relayed_;
+}
+
+void StunRelayServer::serve() {
+    std::string buffer(65536, '\0');
+    while (!stopping_) {
+        zq::SockAddr from;
+        int n = zq::recv_from(socket_, buffer.data(), static_cast<int>(buffer.size()), &from);
+        if (n < 0 || stopping_) continue;
+        std::string datagram = buffer.substr(0, static_cast<std::size_t>(n));
+        zq::Endpoint sender = zq::from_sockaddr(from);
+        if (datagram.size() >= 20 && be16(datagram, 0) == zq::p2p::kBindingRequest)
+            answer_binding(datagram, sender);
+        else if (datagram.size() >= 12 && static_cast<unsigned char>(datagram[0]) == 0xFB && datagram[1] == 'R')
+            forward(datagram, sender);
+    }
+}
+
+void StunRelayServer::answer_binding(const std::string& request, const zq::Endpoint& from) {
+    std::string attributes;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        ++binding_requests_;
+        if (request.size() >= 36 && be16(request, 20) == zq::p2p::kAttrRelayRequest) last_token_ = request.substr(28, 8);
+        attributes = xor_mapped(reported_ ? *reported_ : from);
+        if (grant_) {
+            Allocation& a = allocations_[from.text()];
+            if (a.reserved == zq::invalid_socket) {
+                zq::Endpoint bound;
+                a.reserved = zq::open_udp_socket();
+                zq::bind_socket(a.reserved, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
+                zq::SockAddr b;
+                zq::local_address(a.reserved, &b);
+                a.port = zq::from_sockaddr(b).port;
+                a.token = random_token();
+                a.client = from;
+            }
+            put_be16(attributes, zq::p2p::kAttrRelayGrant);
+            put_be16(attributes, 20);
+            attributes += "zqr1" + a.token;
+            put_be16(attributes, static_cast<unsigned>(a.port));
+            attributes.append(6, '\0');
+        }
+    }
+    std::string answer;
+    put_be16(answer, zq::p2p::kBindingSuccess);
+    put_be16(answer, static_cast<unsigned>(attributes.size()));
+    answer += request.substr(4, 16) + attributes;
+    zq::send_to(socket_, answer.data(), static_cast<int>(answer.size()), zq::to_sockaddr(from));
+}
+
+void StunRelayServer::forward(const std::string& frame, const zq::Endpoint& from) {
+    std::string out;
+    zq::Endpoint to;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto source = allocations_.find(from.text());
+        if (source == allocations_.end() || source->second.token != frame.substr(2, 8)) return;
+        int destination = static_cast<int>(be16(frame, 10));
+        const Allocation* target = nullptr;
+        for (const auto& [key, a] : allocations_)
+            if (a.port == destination) target = &a;
+        if (!target) return;
+        out = "\xFB" "r";
+        put_be16(out, static_cast<unsigned>(source->second.port));
+        out += frame.substr(12);
+        to = target->client;
+        ++relayed_;
+    }
+    zq::send_to(socket_, out.data(), static_cast<int>(out.size()), zq::to_sockaddr(to));
+}
+
+}  // namespace testing_support
