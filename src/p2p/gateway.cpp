@@ -1,6 +1,6 @@
 #include "p2p/gateway.h"
 
-#include <latch>
+#include <condition_variable>
 
 #include "shell/log.h"
 
@@ -53,12 +53,23 @@ bool Gateway::start(std::string* error) {
         port = bound.port;
     }
     stopping = false;
-    // Each thread counts down once its buffer is ready, so start returns with all three running.
-    std::latch ready(3);
-    threads.emplace_back([this, &ready] { ready.count_down(); peer_thread(); });
-    threads.emplace_back([this, &ready] { ready.count_down(); port_thread(); });
-    threads.emplace_back([this, &ready] { ready.count_down(); timer_thread(); });
-    ready.wait();
+    // Each thread reports in once it runs, so start returns with all three up. (A plain
+    // condition variable: the atomic-wait behind std::latch can miss a wake-up on MinGW.)
+    std::mutex ready_lock;
+    std::condition_variable ready_signal;
+    int started = 0;
+    auto report_in = [&] {
+        std::lock_guard<std::mutex> guard(ready_lock);
+        ++started;
+        ready_signal.notify_all();
+    };
+    threads.emplace_back([this, report_in] { report_in(); peer_thread(); });
+    threads.emplace_back([this, report_in] { report_in(); port_thread(); });
+    threads.emplace_back([this, report_in] { report_in(); timer_thread(); });
+    {
+        std::unique_lock<std::mutex> guard(ready_lock);
+        ready_signal.wait(guard, [&] { return started == 3; });
+    }
     log_line(format_text("p2p: gateway on udp :%d (velmar framing)", bound.port));
     return true;
 }
