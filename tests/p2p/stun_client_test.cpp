@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "p2p/gateway.h"
+#include "support/process.h"  // before wait.h: it declares wait_until with its default
 #include "support/log_capture.h"
-#include "support/process.h"
 #include "support/stun_relay_server.h"
 #include "support/wait.h"
 
