@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "http/fetch.h"
+#include "http/headers.h"
 #include "shell/net.h"
 #include "wait.h"
 
