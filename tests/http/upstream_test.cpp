@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "fake_service.h"
+#include "support/fake_service.h"
 #include "shell/log.h"
 
 using nlohmann::json;
