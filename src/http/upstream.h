@@ -6,22 +6,15 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "http/fetch.h"
+#include "http/upstream_error.h"
 #include "shell/util.h"
 
 namespace zq {
-
-// The one exception of the upstream layer: a text and nothing else.
-class BridgeError : public std::runtime_error {
-public:
-    explicit BridgeError(const std::string& text) : std::runtime_error(text) {}
-    explicit BridgeError(const char* text) : std::runtime_error(text) {}
-};
 
 struct UpstreamReply {
     std::int32_t status = 0;
