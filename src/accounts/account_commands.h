@@ -1,0 +1,32 @@
+#pragma once
+// The one-shot account commands: create, recover, sign out and fetch a web code, each against
+// the auth server and the state file. Each returns an error text, empty on success.
+
+#include <filesystem>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace zq {
+
+// POSTs a JSON request to server + path with the account commands' own headers. True only
+// when the reply is a JSON object whose ResKind is 0; otherwise error says why.
+bool auth_post(const std::string& server, const std::string& path, const nlohmann::json& request,
+               nlohmann::json& reply, std::string& error);
+
+// "sarnlink on <first 48 bytes of COMPUTERNAME>", or "sarnlink" when it is not set.
+std::string device_name();
+
+std::string account_create(const std::string& server, const std::filesystem::path& state, const std::string& name);
+std::string account_recover(const std::string& server, const std::filesystem::path& state, const std::string& name,
+                            const std::string& code);
+std::string account_sign_out(const std::string& server, const std::filesystem::path& state, const std::string& name);
+// The code, or "" with the reason in error.
+std::string account_web_code(const std::string& server, const std::filesystem::path& state,
+                             const std::string& online_id, std::string& error);
+
+// Stores a record under its key in the file (read, replace the record whole, write).
+// False when the file could not be written.
+bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record);
+
+}  // namespace zq

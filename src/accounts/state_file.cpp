@@ -1,0 +1,38 @@
+#include "accounts/state_file.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "shell/platform.h"
+
+namespace zq {
+
+nlohmann::json parse_state_text(const std::string& text) { return nlohmann::json::parse(text, nullptr, false, false); }
+
+bool read_whole_file(const std::filesystem::path& path, std::string& text) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    text = buffer.str();
+    return true;
+}
+
+nlohmann::json read_state_file(const std::filesystem::path& path) {
+    std::string text;
+    if (!read_whole_file(path, text)) return nlohmann::json::object();
+    nlohmann::json doc = parse_state_text(text);
+    if (!doc.is_object()) return nlohmann::json::object();
+    return doc;
+}
+
+nlohmann::json& ensure_accounts(nlohmann::json& root) {
+    if (!root.is_object()) root = nlohmann::json::object();
+    nlohmann::json& accounts = root["accounts"];
+    if (!accounts.is_object()) accounts = nlohmann::json::object();
+    return accounts;
+}
+
+std::filesystem::path state_path(const std::string& state_file) { return std::filesystem::path(utf8_to_wide(state_file)); }
+
+}  // namespace zq
