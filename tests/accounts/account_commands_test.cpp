@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support/fake_accounts.h"
+#include "support/fake_service.h"
+#include "support/process.h"
+
+using nlohmann::json;
+using testing_support::cli_path;
+using testing_support::FakeAccounts;
+using testing_support::FakeService;
+using testing_support::ProcessResult;
+using testing_support::ScriptedAnswer;
+using testing_support::TempDir;
+
+namespace {
+
+std::string read_file(const std::filesystem::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_file(const std::filesystem::path& p, const std::string& text) {
+    std::ofstream out(p, std::ios::binary);
+    out << text;
+}
+
+// One player's PC: a folder with a config that points the commands at the fake service.
+class AccountCommands : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(service.start());
+        use_auth_server(service.base_url());
+    }
+
+    void use_auth_server(const std::string& url) {
+        write_file(dir.path() / "sarnlink_config.json",
+                   json{{"auth_server", url}, {"state_file", "data/state.json"}}.dump());
+        std::filesystem::create_directories(dir.path() / "data");
+    }
+
+    ProcessResult run(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {}) {
+        return testing_support::run_process(cli_path(), args, dir.path(), env);
+    }
+
+    std::filesystem::path state() const { return dir.path() / "data" / "state.json"; }
+    json accounts() const { return json::parse(read_file(state())).at("accounts"); }
+
+    // The verdict is the last line; log lines come before it.
+    static std::string verdict(const ProcessResult& r) {
+        std::string out = r.output;
+        if (!out.empty() && out.back() == '\n') out.pop_back();
+        return out.substr(out.rfind('\n') == std::string::npos ? 0 : out.rfind('\n') + 1);
+    }
+
+    TempDir dir;
+    FakeService service;
+    FakeAccounts store{service};
+};
+
+TEST_F(AccountCommands, CreateSignOutRecoverRoundTrip) {
+    write_file(state(), R"({"accounts": 5, "other": {"kept": true}})");
+    auto r = run({"--create", "ash"}, {{"COMPUTERNAME", std::string(60, 'P')}});
+    ASSERT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_EQ(verdict(r), "ok");
+    EXPECT_NE(r.output.find("account: created 'ash' on this PC (recovery code stored in sarnlink_state.json)"),
+              std::string::npos);
+    auto create = service.requests_to("/auth/account/create").at(0);
+    EXPECT_EQ(create.json()["DeviceName"], "sarnlink on " + std::string(48, 'P'));
+    EXPECT_EQ(create.header("User-Agent"), "sarnlink/0.3.2");
+    EXPECT_FALSE(create.has_header("X-ZQ-Token"));
+
+    std::string text = read_file(state());
+    EXPECT_NE(text.back(), '\n');
+    json root = json::parse(text);
+    EXPECT_EQ(root["other"], json({{"kept", true}}));
+    auto account = store.get("ash");
+    EXPECT_EQ(root["accounts"]["ash"], json({{"velmar_name", "ash"},
+                                             {"recovery_code", account.recovery_code},
+                                             {"token", account.token},
+                                             {"online_id", "ash"}}));
+
+    r = run({"--sign-out", "ash"});
+    EXPECT_EQ(verdict(r), "ok");
+    EXPECT_EQ(service.requests_to("/auth/logout").at(0).json()["Token"], account.token);
+    EXPECT_FALSE(accounts()["ash"].contains("token"));
+    EXPECT_EQ(accounts()["ash"]["recovery_code"], account.recovery_code);
+
+    // Signed out with a way back: no call, the record stays, and it still says ok.
+    r = run({"--sign-out", "ash"});
+    EXPECT_EQ(verdict(r), "ok");
+    EXPECT_EQ(service.requests_to("/auth/logout").size(), 1u);
+
+    r = run({"--recover", "ash", account.recovery_code});
+    EXPECT_EQ(verdict(r), "ok");
+    EXPECT_EQ(accounts()["ash"]["token"], store.get("ash").token);
+    EXPECT_EQ(accounts()["ash"]["recovery_code"], store.get("ash").recovery_code);
+
+    r = run({"--recover", "ash", "wrong"});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(verdict(r), "failed: recovery refused");
+
+    r = run({"--create", "ash"});
+    EXPECT_EQ(verdict(r), "failed: that name is taken");
+    r = run({"--sign-out", "nobody"});
+    EXPECT_EQ(verdict(r), "failed: no account for 'nobody' here");
+}
+
+TEST_F(AccountCommands, SignOutWorksWithoutTheService) {
+    write_file(state(), json{{"accounts",
+                              {{"kept", {{"velmar_name", "kept"}, {"token", "t1"}, {"recovery_code", "rc"}}},
+                               {"gone", {{"velmar_name", "gone"}, {"token", "t2"}, {"linked", "discord"}}}}}}
+                            .dump());
+    service.stop();
+    EXPECT_EQ(verdict(run({"--sign-out", "kept"})), "ok");
+    EXPECT_EQ(verdict(run({"--sign-out", "gone"})), "ok");
+    EXPECT_EQ(accounts(), json({{"kept", {{"velmar_name", "kept"}, {"recovery_code", "rc"}}}}));
+}
+
+TEST_F(AccountCommands, WebCode) {
+    auto a = store.add("ash");
+    write_file(state(), json{{"accounts", {{"ash", {{"token", a.token}}}, {"out", {{"recovery_code", "x"}}}}}}.dump());
+    auto r = run({"--web-code", "ash"});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_EQ(r.output, "WEB-ash\n");
+    r = run({"--web-code", "out"});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(r.output, "failed: no account for 'out' yet - play once (or sign in with Discord) first\n");
+    write_file(state(), "{ not json");
+    EXPECT_EQ(run({"--web-code", "ash"}).output,
+              "failed: no account for 'ash' yet - play once (or sign in with Discord) first\n");
+    EXPECT_EQ(read_file(state()), "{ not json");
+}
+
+// Only ResKind decides; a server that is no account service says so with its status.
+TEST_F(AccountCommands, ServiceAnswersThatAreNoAnswer) {
+    service.answer("/auth/account/create", ScriptedAnswer::text(404, "<html>not here</html>"));
+    auto r = run({"--create", "ash"});
+    EXPECT_EQ(verdict(r), "failed: " + service.base_url() + " has no account service (HTTP 404)");
+    EXPECT_FALSE(std::filesystem::exists(state()));
+
+    service.answer("/auth/account/create", ScriptedAnswer::json({{"ResKind", 1}}));
+    EXPECT_EQ(verdict(run({"--create", "ash"})), "failed: refused");
+
+    service.answer("/auth/account/create", ScriptedAnswer::json({{"ResKind", 0}}, 500));
+    EXPECT_EQ(verdict(run({"--create", "bare"})), "ok");
+    EXPECT_EQ(accounts()["bare"], json({{"velmar_name", "bare"}, {"recovery_code", ""}, {"token", ""},
+                                        {"online_id", "bare"}}));
+}
+
+// A state file that cannot be replaced is left exactly as it was.
+TEST_F(AccountCommands, FailedWriteLosesNothing) {
+    write_file(state(), "{ corrupt");
+    std::filesystem::create_directory(dir.path() / "data" / "state.json.tmp");
+    auto r = run({"--create", "ash"});
+    EXPECT_EQ(verdict(r), "failed: could not write the account file");
+    EXPECT_EQ(read_file(state()), "{ corrupt");
+    std::filesystem::remove(dir.path() / "data" / "state.json.tmp");
+    EXPECT_EQ(verdict(run({"--create", "elm"})), "ok");
+    EXPECT_TRUE(accounts().contains("elm"));
+}
+
+TEST_F(AccountCommands, DiscordSignIn) {
+    write_file(state(), json{{"accounts", {{"ember", {{"recovery_code", "old"}, {"token", "old"}}}}}}.dump());
+    store.set_device_flow(2, "approved", "ember");
+    auto r = run({"--link-discord"});
+    ASSERT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_NE(r.output.find("Open https://example.test/device and enter the code ABCD-EFGH\n"), std::string::npos);
+    EXPECT_EQ(verdict(r), "signed in as ember");
+    EXPECT_EQ(service.requests_to("/auth/device/poll").size(), 3u);
+    EXPECT_EQ(accounts()["ember"], json({{"velmar_name", "ember"}, {"online_id", "ember"},
+                                         {"token", store.get("ember").token}, {"linked", "discord"}}));
+
+    store.set_device_flow(0, "denied", "ember");
+    r = run({"--link-discord", "--create", "ignored"});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(verdict(r), "failed: the server says: denied");
+    EXPECT_NE(r.output.find("discord sign-in: the server says: denied"), std::string::npos);
+    EXPECT_TRUE(service.requests_to("/auth/account/create").empty());
+
+    // A code that expires before the first poll is never polled.
+    store.set_device_flow(0, "approved", "ember", 1, 0);
+    service.clear_requests();
+    EXPECT_EQ(verdict(run({"--link-discord"})), "failed: the code expired - start again");
+    EXPECT_TRUE(service.requests_to("/auth/device/poll").empty());
+}
+
+}  // namespace
