@@ -59,6 +59,12 @@ public:
 
     std::mutex state_lock;  // serialises reads and writes of the state file
 
+    // The whole state file, read afresh: an empty object when it is missing, the document as it
+    // is otherwise (any type), and an empty object with a log line when it is corrupt.
+    nlohmann::json load_state();
+    // Replaces the state file whole; a failure is not reported.
+    void save_state(const nlohmann::json& doc);
+
 private:
     // How often the accept and STUN loops look at the running flag while nothing arrives.
     static constexpr int stop_check_ms = 200;

@@ -1,10 +1,16 @@
 #include "bridge/login.h"
 
+#include "accounts/state_file.h"
+#include "bridge/bridge.h"
 #include "bridge/frames.h"
 #include "bridge/session.h"
 #include "http/upstream_error.h"
 #include "shell/log.h"
 #include "shell/sha256.h"
+#include "shell/util.h"
+
+#include <cctype>
+#include <optional>
 
 namespace zq {
 
@@ -26,6 +32,110 @@ std::string trim_blanks(const std::string& text) {
 
 }  // namespace
 
+nlohmann::json Bridge::load_state() {
+    std::lock_guard<std::mutex> guard(state_lock);
+    std::string text;
+    if (!read_whole_file(state_path(config().state_file), text)) return nlohmann::json::object();
+    nlohmann::json doc = parse_state_text(text);
+    if (doc.is_discarded()) {
+        // The file stays as it is; only the next successful save replaces it.
+        log_line("state file is corrupt; starting fresh");
+        return nlohmann::json::object();
+    }
+    return doc;
+}
+
+void Bridge::save_state(const nlohmann::json& doc) {
+    std::lock_guard<std::mutex> guard(state_lock);
+    // A failed save is not reported: the session goes on with its account in memory.
+    write_json_atomic(state_path(config().state_file), doc, false);
+}
+
+bool Session::ensure_account() {
+    try {
+        nlohmann::json root = bridge->load_state();
+        nlohmann::json& accounts = ensure_accounts(root);
+        nlohmann::json record = accounts.contains(npid) && accounts[npid].is_object() ? accounts[npid]
+                                                                                      : nlohmann::json::object();
+        std::string name = json_text(record, "velmar_name", "");
+        if (name.empty()) name = npid;
+
+        if (!json_text(record, "token", "").empty()) {
+            std::string upstream_name = json_text(record, "online_id", "");
+            if (upstream_name.empty()) upstream_name = name;
+            set_credentials(json_text(record, "token", ""), upstream_name);
+            std::optional<bool> stands = check_token(current_online_id());
+            if (!stands || *stands) {
+                // A server that cannot be reached does not cost the player the token.
+                log_line(format_text("velmar: using the stored token for %s%s", quote(name).c_str(),
+                                     stands ? "" : " (server unreachable, kept)"));
+                return true;
+            }
+            if (json_text(record, "linked", "") == "discord") {
+                log_line(format_text(
+                    "velmar: the Discord sign-in for %s has expired - use 'Sign in with Discord' in sarnlink again.",
+                    quote(name).c_str()));
+                return false;
+            }
+            log_line(format_text("velmar: stored token for %s refused; recovering", quote(name).c_str()));
+            set_credentials("", "");
+        }
+
+        std::string old_code = json_text(record, "recovery_code", "");
+        if (!old_code.empty()) {
+            std::string new_code;
+            try {
+                new_code = recover_account(name, old_code);
+            } catch (const BridgeError& e) {
+                if (std::string(e.what()).find("refused") != std::string::npos)
+                    log_line(format_text("velmar: the recovery code for %s no longer works - the account cannot be "
+                                         "recovered from here. Pick a new online id in the launcher (or ask the "
+                                         "server owner).",
+                                         quote(name).c_str()));
+                throw;
+            }
+            accounts[npid] = nlohmann::json{{"velmar_name", name},
+                                            {"recovery_code", new_code.empty() ? old_code : new_code},
+                                            {"token", current_token()},
+                                            {"online_id", current_online_id()}};
+            bridge->save_state(root);
+            log_line(format_text("velmar: recovered account %s", quote(name).c_str()));
+            return true;
+        }
+
+        if (bridge->config().create_accounts) {
+            std::string code;
+            try {
+                code = create_account(npid);
+            } catch (const BridgeError& e) {
+                std::string lower = e.what();
+                for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                if (lower.find("taken") != std::string::npos)
+                    log_line(format_text("velmar: the name %s is already taken on The Ember Court. Pick another "
+                                         "online id (NPID) in the orlond launcher.",
+                                         quote(npid).c_str()));
+                throw;
+            }
+            accounts[npid] = nlohmann::json{{"velmar_name", npid},
+                                            {"recovery_code", code},
+                                            {"token", current_token()},
+                                            {"online_id", current_online_id()}};
+            bridge->save_state(root);
+            log_line(format_text("velmar: created account %s (token and recovery code stored in sarnlink_state.json - "
+                                 "keep that file)",
+                                 quote(npid).c_str()));
+            return true;
+        }
+
+        log_line(format_text("velmar: no account for %s on this PC - use 'Sign in with Discord' in sarnlink first.",
+                             quote(npid).c_str()));
+        return false;
+    } catch (const BridgeError& e) {
+        log_line(format_text("velmar account failed for %s: %s", quote(npid).c_str(), e.what()));
+        return false;
+    }
+}
+
 CommandResult Session::cmd_login(std::string_view body) {
     auto fields = read_request(body);
     if (!fields) return CommandResult{ResultBadPayload, std::string()};
@@ -33,7 +143,12 @@ CommandResult Session::cmd_login(std::string_view body) {
     title = string_field(*fields, 4);
     if (npid.empty()) return CommandResult{ResultEmptyId, std::string()};
     log_line(format_text("login: npid=%s title=%s", quote(npid).c_str(), title.empty() ? "?" : title.c_str()));
-    throw BridgeError("/auth: account service not connected");
+    if (!ensure_account()) return CommandResult{ResultLoginRefused, std::string()};
+    logged_in = true;
+    account_id = stable_account_id(npid);
+    log_line(format_text("login: account id %llu for %s", static_cast<unsigned long long>(account_id),
+                         quote(npid).c_str()));
+    return CommandResult{ResultOk, wrap_message(FieldMessage().number(2, account_id).bytes())};
 }
 
 }  // namespace zq

@@ -121,6 +121,10 @@ public:
     CommandResult cmd_context_stop();
     CommandResult cmd_kick_member(std::string_view body);
 
+    // Settles which upstream account stands behind npid: a stored token that stands, recovery,
+    // or (with create_accounts) a new account. True when the client now holds credentials.
+    bool ensure_account();
+
     // Leaves the current room, if any; the caller holds session_lock.
     void leave_room_locked();
 
