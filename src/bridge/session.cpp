@@ -49,7 +49,10 @@ void TcpConn::release() {
     }
 }
 
-Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner) : connection(std::move(conn)), bridge(owner) {}
+Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner)
+    : UpstreamClient(owner->config().velmar_server), connection(std::move(conn)), bridge(owner) {
+    if (!owner->config().user_agent.empty()) client_mark = owner->config().user_agent;
+}
 
 Session::~Session() {
     // Normally joined by shutdown(); a pump that outlived it must not take the process down.

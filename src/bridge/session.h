@@ -18,6 +18,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "http/upstream.h"
 #include "shell/net.h"
 
 namespace zq {
@@ -71,21 +72,6 @@ private:
     Socket socket_;  // guarded by write_lock against release while another thread shuts it down
 };
 
-// The credentials that login settles for a session, kept apart so that the upstream client can
-// take their place as the Session's base with no change to the code that uses them.
-class UpstreamCredentials {
-public:
-    void set_credentials(const std::string& new_token, const std::string& new_online_id) {
-        std::lock_guard<std::mutex> guard(credentials_lock);
-        token = new_token;
-        online_id = new_online_id;
-    }
-
-    std::mutex credentials_lock;
-    std::string token;      // guarded by credentials_lock
-    std::string online_id;  // guarded by credentials_lock: the account's name upstream
-};
-
 // The session's mirror of its matching room.
 struct RoomState {
     std::uint64_t room_id = 0;  // 0: in no room
@@ -99,7 +85,7 @@ struct RoomState {
 };
 
 // One game session: created by the first Request on a connection and ended with it.
-class Session : public UpstreamCredentials {
+class Session : public UpstreamClient {
 public:
     Session(std::shared_ptr<TcpConn> connection, Bridge* bridge);
     ~Session();

@@ -138,15 +138,15 @@ TEST_F(AccountCommands, WebCode) {
 
 // Only ResKind decides; a server that is no account service says so with its status.
 TEST_F(AccountCommands, ServiceAnswersThatAreNoAnswer) {
-    service.answer("/auth/account/create", ScriptedAnswer::text(404, "<html>not here</html>"));
+    service.answer_once("/auth/account/create", ScriptedAnswer::text(404, "<html>not here</html>"));
     auto r = run({"--create", "ash"});
     EXPECT_EQ(verdict(r), "failed: " + service.base_url() + " has no account service (HTTP 404)");
     EXPECT_FALSE(std::filesystem::exists(state()));
 
-    service.answer("/auth/account/create", ScriptedAnswer::json({{"ResKind", 1}}));
+    service.answer_once("/auth/account/create", ScriptedAnswer::json({{"ResKind", 1}}));
     EXPECT_EQ(verdict(run({"--create", "ash"})), "failed: refused");
 
-    service.answer("/auth/account/create", ScriptedAnswer::json({{"ResKind", 0}}, 500));
+    service.answer_once("/auth/account/create", ScriptedAnswer::json({{"ResKind", 0}}, 500));
     EXPECT_EQ(verdict(run({"--create", "bare"})), "ok");
     EXPECT_EQ(accounts()["bare"], json({{"velmar_name", "bare"}, {"recovery_code", ""}, {"token", ""},
                                         {"online_id", "bare"}}));

@@ -59,10 +59,6 @@ private:
     std::filesystem::path path_;
 };
 
-// Waits until the condition holds or the deadline passes; returns the last result.
-template <class Condition>
-bool wait_until(Condition condition, double seconds = 10.0);
-
 }  // namespace testing_support
 
 #include "support/wait.h"

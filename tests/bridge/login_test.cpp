@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "bridge/bridge.h"
+#include "bridge/frames.h"
+#include "bridge/login.h"
+#include "shell/platform.h"
+#include "support/fake_accounts.h"
+#include "support/fake_game.h"
+#include "support/fake_service.h"
+#include "support/log_capture.h"
+#include "support/process.h"
+
+using nlohmann::json;
+using testing_support::FakeAccounts;
+using testing_support::FakeGame;
+using testing_support::FakeService;
+using testing_support::LogCapture;
+using testing_support::TempDir;
+
+namespace {
+
+std::string read_file(const std::filesystem::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_file(const std::filesystem::path& p, const std::string& text) {
+    std::ofstream out(p, std::ios::binary);
+    out << text;
+}
+
+// A bridge whose velmar server is a fake service with an account store, and a state file in a
+// fresh folder.
+class Login : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(service.start()); }
+
+    void start_bridge(bool create_accounts = false) {
+        zq::Config c;
+        c.tcp_port = 0;
+        c.udp_port = 0;
+        c.webapi_port = 0;
+        c.p2p_gateway = false;
+        c.game_proxy_routes.clear();
+        c.velmar_server = service.base_url();
+        c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
+        c.create_accounts = create_accounts;
+        bridge = std::make_unique<zq::Bridge>(c);
+        std::string error;
+        ASSERT_TRUE(bridge->start(&error)) << error;
+        ASSERT_TRUE(game.connect_and_greet(bridge->bound_tcp_port()));
+    }
+
+    // The reply's result code and, on success, the account id it carries.
+    std::pair<int, std::uint64_t> login(const std::string& npid, const std::string& title = "DH") {
+        auto reply = game.request(0, 1, zq::wrap_message(zq::FieldMessage().string(1, npid).string(4, title).bytes()));
+        if (!reply) return {-1, 0};
+        zq::FieldList fields;
+        if (auto f = zq::read_request(reply->payload())) fields = *f;
+        return {reply->result(), zq::number_field(fields, 2, 0)};
+    }
+
+    void write_state(const json& accounts) { write_file(state(), json{{"accounts", accounts}, {"keep", 1}}.dump()); }
+    std::filesystem::path state() const { return dir.path() / "state.json"; }
+    json accounts() const { return json::parse(read_file(state()))["accounts"]; }
+
+    TempDir dir;
+    FakeService service;
+    FakeAccounts store{service};
+    LogCapture log;
+    std::unique_ptr<zq::Bridge> bridge;
+    FakeGame game;
+};
+
+TEST_F(Login, StoredTokenStandsAndIsKeptWhenTheServiceIsDown) {
+    auto ash = store.add("ash");
+    write_state({{"ash", {{"token", ash.token}, {"online_id", "Ash"}, {"recovery_code", ash.recovery_code}}}});
+    start_bridge();
+    auto [code, id] = login(" \tash\t ");
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(id, zq::stable_account_id("ash"));
+    EXPECT_EQ(log.count("login: npid='ash' title=DH"), 1);
+    EXPECT_EQ(log.count("velmar: using the stored token for 'ash'"), 1);
+    EXPECT_EQ(log.count(zq::format_text("login: account id %llu for 'ash'", static_cast<unsigned long long>(id))), 1);
+    auto probe = service.requests_to("/np/signaling/resolve").at(0);
+    EXPECT_EQ(probe.header("X-ZQ-Token"), ash.token);
+    EXPECT_EQ(probe.json(), json({{"OnlineId", "Ash"}}));
+
+    // The game asks for its identity: the token, the id and the name.
+    auto identity = game.request(39, 2, "");
+    zq::FieldList fields = *zq::read_request(identity->payload());
+    EXPECT_EQ(zq::string_field(fields, 1), ash.token);
+    EXPECT_EQ(zq::string_field(fields, 3), "ash");
+
+    service.stop();
+    EXPECT_EQ(login("ash").first, 0);
+    EXPECT_EQ(log.count("velmar: using the stored token for 'ash' (server unreachable, kept)"), 1);
+}
+
+TEST_F(Login, RefusedTokenIsRecoveredUnlessDiscordLinked) {
+    auto ash = store.add("ash");
+    auto elm = store.add("elm");
+    store.revoke_token("ash");
+    store.revoke_token("elm");
+    write_state({{"ash", {{"token", "stale"}, {"velmar_name", "ash"}, {"recovery_code", ash.recovery_code},
+                          {"linked", "old"}, {"extra", 1}}},
+                 {"local", {{"token", "stale"}, {"velmar_name", "elm"}, {"recovery_code", elm.recovery_code},
+                            {"linked", "discord"}}}});
+    start_bridge();
+
+    EXPECT_EQ(login("ash").first, 0);
+    EXPECT_EQ(log.count("velmar: stored token for 'ash' refused; recovering"), 1);
+    EXPECT_EQ(log.count("velmar: recovered account 'ash'"), 1);
+    auto now = store.get("ash");
+    EXPECT_EQ(accounts()["ash"], json({{"velmar_name", "ash"}, {"recovery_code", now.recovery_code},
+                                       {"token", now.token}, {"online_id", "ash"}}));
+    EXPECT_EQ(json::parse(read_file(state()))["keep"], 1);
+
+    EXPECT_EQ(login("local").first, 5);
+    EXPECT_EQ(log.count("velmar: the Discord sign-in for 'elm' has expired - use 'Sign in with Discord' in "
+                        "sarnlink again."),
+              1);
+    EXPECT_TRUE(service.requests_to("/auth/recover").size() == 1u) << "no recovery for a Discord account";
+}
+
+TEST_F(Login, CreationOnlyWhenAllowed) {
+    start_bridge(false);
+    EXPECT_EQ(login("newcomer").first, 5);
+    EXPECT_EQ(log.count("velmar: no account for 'newcomer' on this PC - use 'Sign in with Discord' in sarnlink "
+                        "first."),
+              1);
+    EXPECT_FALSE(std::filesystem::exists(state()));
+    EXPECT_TRUE(service.requests().empty());
+    EXPECT_EQ(login(" \t ").first, 8);
+    EXPECT_FALSE(log.contains("login: npid=''"));
+}
+
+TEST_F(Login, CreatedTakenAndUnrecoverable) {
+    store.add("taken");
+    auto gone = store.add("gone");
+    write_state({{"gone", {{"recovery_code", "not-" + gone.recovery_code}}}});
+    start_bridge(true);
+
+    EXPECT_EQ(login("fresh").first, 0);
+    EXPECT_EQ(log.count("velmar: created account 'fresh' (token and recovery code stored in sarnlink_state.json - "
+                        "keep that file)"),
+              1);
+    auto fresh = store.get("fresh");
+    EXPECT_EQ(accounts()["fresh"], json({{"velmar_name", "fresh"}, {"recovery_code", fresh.recovery_code},
+                                         {"token", fresh.token}, {"online_id", "fresh"}}));
+
+    EXPECT_EQ(login("taken").first, 5);
+    EXPECT_EQ(log.count("velmar: the name 'taken' is already taken on The Ember Court. Pick another online id "
+                        "(NPID) in the orlond launcher."),
+              1);
+    EXPECT_TRUE(log.contains("velmar account failed for 'taken': /auth/account/create: refused: that name is taken"));
+
+    EXPECT_EQ(login("gone").first, 5);
+    EXPECT_EQ(log.count("velmar: the recovery code for 'gone' no longer works - the account cannot be recovered "
+                        "from here. Pick a new online id in the launcher (or ask the server owner)."),
+              1);
+}
+
+TEST_F(Login, CorruptStateFileIsReplacedOnlyBySuccess) {
+    write_file(state(), "{ not json");
+    start_bridge(true);
+    store.add("taken");
+    EXPECT_EQ(login("taken").first, 5);
+    EXPECT_EQ(log.count("state file is corrupt; starting fresh"), 1);
+    EXPECT_EQ(read_file(state()), "{ not json");
+    EXPECT_EQ(login("fresh").first, 0);
+    EXPECT_TRUE(accounts().contains("fresh"));
+}
+
+}  // namespace
