@@ -50,18 +50,6 @@ Endpoint from_sockaddr(const SockAddr& address) {
     return Endpoint{text, ntohs(in.sin_port)};
 }
 
-std::string local_ipv4() {
-    network_init();
-    Socket s = open_udp_socket();
-    if (s == invalid_socket) return "127.0.0.1";
-    SockAddr probe = to_sockaddr(Endpoint{"8.8.8.8", 80});
-    SockAddr mine;
-    std::string result = "127.0.0.1";
-    if (connect_socket(s, probe) && local_address(s, &mine)) result = from_sockaddr(mine).host;
-    close_socket(s);
-    return result;
-}
-
 std::string resolve_ipv4(const std::string& host) {
     network_init();
     addrinfo hints{};

@@ -5,6 +5,7 @@
 
 #include "support/fake_accounts.h"
 #include "support/fake_service.h"
+#include "support/files.h"
 #include "support/process.h"
 
 using nlohmann::json;
@@ -15,19 +16,10 @@ using testing_support::ProcessResult;
 using testing_support::ScriptedAnswer;
 using testing_support::TempDir;
 
+using testing_support::read_file;
+using testing_support::write_file;
+
 namespace {
-
-std::string read_file(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_file(const std::filesystem::path& p, const std::string& text) {
-    std::ofstream out(p, std::ios::binary);
-    out << text;
-}
 
 // One player's PC: a folder with a config that points the commands at the fake service.
 class AccountCommands : public ::testing::Test {

@@ -11,6 +11,7 @@
 #include "support/fake_game.h"
 #include "support/fake_service.h"
 #include "support/log_capture.h"
+#include "support/files.h"
 #include "support/process.h"
 
 using nlohmann::json;
@@ -20,19 +21,10 @@ using testing_support::FakeService;
 using testing_support::LogCapture;
 using testing_support::TempDir;
 
+using testing_support::read_file;
+using testing_support::write_file;
+
 namespace {
-
-std::string read_file(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_file(const std::filesystem::path& p, const std::string& text) {
-    std::ofstream out(p, std::ios::binary);
-    out << text;
-}
 
 // A bridge whose velmar server is a fake service with an account store, and a state file in a
 // fresh folder.

@@ -9,23 +9,16 @@
 
 #include "launcher/discovery.h"
 #include "shell/deployment.h"
+#include "support/files.h"
 #include "support/process.h"
 
 using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
+using testing_support::read_file;
+using testing_support::write_file;
+
 namespace {
-
-void write_file(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string read_file(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> keys_of(const Json& doc) {
     std::vector<std::string> keys;

@@ -3,20 +3,15 @@
 #include <fstream>
 
 #include "shell/cli.h"
+#include "support/files.h"
 #include "support/process.h"
 
 using testing_support::cli_path;
 using testing_support::run_process;
 using testing_support::TempDir;
 
-namespace {
-
-void write_file(const std::filesystem::path& p, const std::string& text) {
-    std::ofstream out(p, std::ios::binary);
-    out << text;
-}
-
-}  // namespace
+using testing_support::read_file;
+using testing_support::write_file;
 
 // Whatever the order, a bad argument before --version wins, and --version ends the scan.
 TEST(Cli, UsageVersionAndExitCodes) {

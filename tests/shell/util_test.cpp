@@ -7,20 +7,13 @@
 #include "shell/net.h"
 #include "shell/platform.h"
 #include "shell/util.h"
+#include "support/files.h"
 #include "support/process.h"
 
 using nlohmann::json;
 
-namespace {
-
-std::string read_file(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-}  // namespace
+using testing_support::read_file;
+using testing_support::write_file;
 
 TEST(Util, JsonReaders) {
     json doc = json::parse(R"({"a": "12ab", "b": "ab12", "c": 1.9, "d": -1.9, "e": 5, "f": null,

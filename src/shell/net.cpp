@@ -1,0 +1,18 @@
+#include "shell/net.h"
+
+namespace zq {
+
+std::string local_ipv4() {
+    network_init();
+    Socket s = open_udp_socket();
+    if (s == invalid_socket) return "127.0.0.1";
+    // A connected UDP socket only fixes the route: nothing is sent to the probe address.
+    SockAddr probe = to_sockaddr(Endpoint{"8.8.8.8", 80});
+    SockAddr mine;
+    std::string result = "127.0.0.1";
+    if (connect_socket(s, probe) && local_address(s, &mine)) result = from_sockaddr(mine).host;
+    close_socket(s);
+    return result;
+}
+
+}  // namespace zq
