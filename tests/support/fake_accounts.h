@@ -1,58 +1,35 @@
 #pragma once
-// A small account store behind a FakeService: the /auth calls of the account commands and of the
-// Discord sign-in, and the token probe on /np/signaling/resolve, answered from memory the way
-// the remote service would.
+// The stand-in's account store behind a FakeService: the /auth calls of the account commands and
+// of the Discord sign-in, and the token probe on /np/signaling/resolve.
 
-#include <map>
-#include <mutex>
 #include <string>
 
+#include "standin/accounts.h"
 #include "support/fake_service.h"
 
 namespace testing_support {
 
+// A FakeService request as the stand-in sees it.
+standin::Call call_of(const RecordedRequest& request);
+ScriptedAnswer scripted(const standin::Answer& answer);
+
 class FakeAccounts {
 public:
-    struct Account {
-        std::string token;  // empty: signed out everywhere
-        std::string recovery_code;
-    };
+    using Account = standin::Accounts::Account;
 
     // Installs its handlers on the service; the service must outlive this object's use.
     explicit FakeAccounts(FakeService& service);
 
-    // Creates an account directly, as if another PC had made it.
-    Account add(const std::string& name);
-    // Makes the stored token of a name worthless, as an expired session would.
-    void revoke_token(const std::string& name);
-    bool has(const std::string& name) const;
-    Account get(const std::string& name) const;
-
-    // The Discord device flow: how many polls answer "pending" before the verdict, the verdict
-    // ("approved" signs in as discord_name), and the timing the start call hands out.
+    Account add(const std::string& name) { return store.add(name); }
+    void revoke_token(const std::string& name) { store.revoke_token(name); }
+    bool has(const std::string& name) const { return store.has(name); }
+    Account get(const std::string& name) const { return store.get(name); }
     void set_device_flow(int pending_polls, std::string verdict, std::string discord_name, int interval = 1,
-                         int expires_in = 600);
+                         int expires_in = 600) {
+        store.set_device_flow(pending_polls, std::move(verdict), std::move(discord_name), interval, expires_in);
+    }
 
-private:
-    ScriptedAnswer create(const RecordedRequest& r);
-    ScriptedAnswer recover(const RecordedRequest& r);
-    ScriptedAnswer logout(const RecordedRequest& r);
-    ScriptedAnswer web_code(const RecordedRequest& r);
-    ScriptedAnswer resolve(const RecordedRequest& r);
-    ScriptedAnswer device_start(const RecordedRequest& r);
-    ScriptedAnswer device_poll(const RecordedRequest& r);
-    Account issue_locked(const std::string& name, bool keep_code);
-    std::string name_of_token_locked(const std::string& token) const;
-
-    mutable std::mutex lock;  // guards everything below
-    std::map<std::string, Account> accounts;
-    int serial = 0;
-    int pending_polls = 0;
-    std::string verdict = "approved";
-    std::string discord_name = "discord_player";
-    int interval = 1;
-    int expires_in = 600;
-    int polls_seen = 0;
+    standin::Accounts store;
 };
 
 }  // namespace testing_support

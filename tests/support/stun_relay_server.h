@@ -1,63 +1,10 @@
 #pragma once
-// A STUN and relay server on the loopback that speaks the gateway's private relay protocol:
-// it answers Binding Requests with the sender's address and, while granting, a relay
-// allocation (attribute 81 01: "zqr1", token, port); it forwards relay frames between holders.
-// Each allocation reserves a real UDP port on 127.0.0.1, so its number collides with nothing.
+// The stand-in's STUN and relay server, on the loopback for tests.
 
-#include <atomic>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
-
-#include "shell/net.h"
+#include "standin/stun_relay_server.h"
 
 namespace testing_support {
 
-class StunRelayServer {
-public:
-    StunRelayServer();
-    ~StunRelayServer();
-    StunRelayServer(const StunRelayServer&) = delete;
-    StunRelayServer& operator=(const StunRelayServer&) = delete;
-
-    zq::Endpoint address() const { return address_; }
-
-    // Whether answers carry a relay grant (on by default).
-    void set_grant(bool grant);
-    // Reports this address instead of the sender's, as a NAT would show it.
-    void set_reported(std::optional<zq::Endpoint> reported);
-
-    int binding_requests() const;
-    // The 8 token bytes of the last Binding Request's relay attribute.
-    std::string last_request_token() const;
-    // Relay frames forwarded from one allocation to another.
-    int relayed() const;
-
-private:
-    struct Allocation {
-        zq::Socket reserved = zq::invalid_socket;
-        int port = 0;
-        std::string token;
-        zq::Endpoint client;
-    };
-
-    void serve();
-    void answer_binding(const std::string& request, const zq::Endpoint& from);
-    void forward(const std::string& frame, const zq::Endpoint& from);
-
-    zq::Socket socket_ = zq::invalid_socket;
-    zq::Endpoint address_;
-    mutable std::mutex lock_;
-    bool grant_ = true;
-    std::optional<zq::Endpoint> reported_;
-    int binding_requests_ = 0;
-    std::string last_token_;
-    int relayed_ = 0;
-    std::map<std::string, Allocation> allocations_;  // by client "host:port"
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
+using StunRelayServer = standin::StunRelayServer;
 
 }  // namespace testing_support

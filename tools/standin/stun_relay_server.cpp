@@ -1,10 +1,10 @@
-#include "support/stun_relay_server.h"
+#include "standin/stun_relay_server.h"
 
 #include <random>
 
 #include "p2p/stun.h"
 
-namespace testing_support {
+namespace standin {
 
 namespace {
 
@@ -43,10 +43,14 @@ std::string xor_mapped(const zq::Endpoint& e) {
 
 }  // namespace
 
-StunRelayServer::StunRelayServer() {
+StunRelayServer::StunRelayServer(const std::string& host, int port) {
     zq::network_init();
     socket_ = zq::open_udp_socket();
-    zq::bind_socket(socket_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
+    if (!zq::bind_socket(socket_, zq::to_sockaddr(zq::Endpoint{host, port}))) {
+        zq::close_socket(socket_);
+        socket_ = zq::invalid_socket;
+        return;
+    }
     zq::disable_udp_connreset(socket_);
     zq::SockAddr bound;
     zq::local_address(socket_, &bound);
@@ -55,6 +59,7 @@ StunRelayServer::StunRelayServer() {
 }
 
 StunRelayServer::~StunRelayServer() {
+    if (socket_ == zq::invalid_socket) return;
     stopping_ = true;
     zq::Socket wake = zq::open_udp_socket();
     zq::send_to(wake, "", 0, zq::to_sockaddr(address_));
@@ -117,7 +122,7 @@ void StunRelayServer::answer_binding(const std::string& request, const zq::Endpo
             if (a.reserved == zq::invalid_socket) {
                 zq::Endpoint bound;
                 a.reserved = zq::open_udp_socket();
-                zq::bind_socket(a.reserved, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
+                zq::bind_socket(a.reserved, zq::to_sockaddr(zq::Endpoint{address_.host, 0}));
                 zq::SockAddr b;
                 zq::local_address(a.reserved, &b);
                 a.port = zq::from_sockaddr(b).port;
@@ -159,4 +164,4 @@ void StunRelayServer::forward(const std::string& frame, const zq::Endpoint& from
     zq::send_to(socket_, out.data(), static_cast<int>(out.size()), zq::to_sockaddr(to));
 }
 
-}  // namespace testing_support
+}  // namespace standin

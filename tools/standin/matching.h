@@ -1,0 +1,55 @@
+#pragma once
+// The matching half of the stand-in: rooms with numbered members and their endpoints,
+// heartbeats, and one event queue per online id that a poll reads by cursor. Joins, leaves,
+// kicks and closings queue the events the other members would see. Safe from several threads.
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "standin/call.h"
+
+namespace standin {
+
+class Matching {
+public:
+    // The paths answered by serve().
+    static const char* const kPaths[];
+
+    // Answers one of kPaths; nothing for any other path.
+    std::optional<Answer> serve(const Call& call);
+
+    // Appends an event (its Name and the keys beside it) to the queue of an online id.
+    void push_event(const std::string& online_id, const nlohmann::json& event);
+    // The cursor last acknowledged by an online id; 0 before any ack.
+    std::uint64_t acked_cursor(const std::string& online_id) const;
+    // The members of a room by member id, as the service holds them; empty for no such room.
+    std::map<int, nlohmann::json> room_members(std::uint64_t room_id) const;
+    std::vector<std::uint64_t> room_ids() const;
+    // Ends a room as its host or a moderator would: every member hears room_closed.
+    bool close_room(std::uint64_t room_id, const std::string& reason);
+    // The public address of an online id as its room knows it.
+    std::optional<std::pair<std::string, int>> locate(const std::string& online_id) const;
+
+private:
+    struct Room {
+        std::string session_id;
+        int max_members = 0;
+        int next_member = 1;
+        std::map<int, nlohmann::json> members;
+    };
+
+    Room* room_of_session_locked(const std::string& session_id, std::uint64_t* room_id);
+    void tell_others_locked(const Room& room, int except, const nlohmann::json& event);
+
+    mutable std::mutex lock;  // guards everything below
+    std::map<std::uint64_t, Room> rooms;
+    std::uint64_t next_room_id = 1001;
+    std::map<std::string, std::vector<nlohmann::json>> event_queues;
+    std::map<std::string, std::uint64_t> acked;
+};
+
+}  // namespace standin
