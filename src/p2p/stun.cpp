@@ -64,7 +64,8 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_v
     std::uint32_t cookie = static_cast<std::uint32_t>(be16(d, 4)) << 16 | be16(d, 6);
 
     std::size_t at = 20, end = 20 + length;
-    while (end - at >= 4) {
+    // The last attribute's padding may run past the stated length; stop there, not wrap round.
+    while (at < end && end - at >= 4) {
         unsigned type = be16(d, at);
         std::size_t size = be16(d, at + 2);
         std::size_t value = at + 4;
