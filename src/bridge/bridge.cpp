@@ -22,7 +22,17 @@ bool Bridge::fail(std::string* error, const std::string& message) {
 }
 
 // The P2P gateway comes up here, before any listener, when p2p_gateway is on.
-bool Bridge::start_gateway(std::string*) { return true; }
+bool Bridge::start_gateway(std::string* error) {
+    std::string lan = config_.local_addr.empty() ? local_ipv4() : config_.local_addr;
+    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(), lan, nullptr);
+    gateway->stun_refresh = config_.stun_refresh;
+    std::string text;
+    if (!gateway->start(&text)) {
+        gateway.reset();
+        return fail(error, text);
+    }
+    return true;
+}
 
 bool Bridge::start(std::string* error) {
     network_init();
@@ -79,6 +89,7 @@ void Bridge::stop() {
     // Connections that never sent a Request have no session, but their reads must end too.
     for (auto& connection : open) connection->close();
 
+    if (gateway) gateway->stop();
     web_server_.stop();
 
     // Shutting down wakes the accept and the receive at once where the system allows it; the

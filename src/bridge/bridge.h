@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "http/server.h"
+#include "p2p/gateway.h"
 #include "shell/config.h"
 #include "shell/net.h"
 #include "shell/util.h"
@@ -64,6 +65,9 @@ public:
     nlohmann::json load_state();
     // Replaces the state file whole; a failure is not reported.
     void save_state(const nlohmann::json& doc);
+
+    // Null when p2p_gateway is off.
+    std::unique_ptr<p2p::Gateway> gateway;
 
 private:
     // How often the accept and STUN loops look at the running flag while nothing arrives.
