@@ -6,6 +6,7 @@
 #include "bridge/session.h"
 #include "shell/log.h"
 #include "shell/platform.h"
+#include "web/game_proxy.h"
 #include "web/web_api.h"
 
 namespace zq {
@@ -67,6 +68,20 @@ bool Bridge::start(std::string* error) {
 
     log_line(format_text("listening: tcp :%d  stun :%d  webapi :%d", config_.tcp_port, config_.udp_port,
                          web_server_.port));
+
+    // The routes are a map by port, so this is ascending port order.
+    for (const auto& [port, url] : config_.game_proxy_routes) {
+        auto proxy = std::make_unique<http::Server>();
+        std::string proxy_error;
+        if (!proxy->start(host, port,
+                          [this, url](const http::ServerRequest& request) {
+                              return game_proxy_handler(*this, url, request);
+                          },
+                          &proxy_error))
+            return fail(error, proxy_error);
+        log_line(format_text("game proxy :%d -> %s", proxy->port, url.c_str()));
+        game_proxies_.push_back(std::move(proxy));
+    }
     log_line("velmar server: " + config_.velmar_server);
     log_line("community server: " + config_.community_server);
     return true;
@@ -90,6 +105,8 @@ void Bridge::stop() {
     for (auto& connection : open) connection->close();
 
     if (gateway) gateway->stop();
+    for (auto& proxy : game_proxies_) proxy->stop();
+    game_proxies_.clear();
     web_server_.stop();
 
     // Shutting down wakes the accept and the receive at once where the system allows it; the
@@ -147,6 +164,12 @@ void Bridge::connection_thread(Socket socket) {
     }
     // The last act: after this the Bridge may be gone.
     --active_connections_;
+}
+
+std::vector<int> Bridge::bound_game_proxy_ports() const {
+    std::vector<int> ports;
+    for (const auto& proxy : game_proxies_) ports.push_back(proxy->port);
+    return ports;
 }
 
 std::optional<Endpoint> Bridge::pick_stun_server() const {

@@ -48,6 +48,21 @@ public:
     int bound_tcp_port() const { return bound_tcp_port_; }
     int bound_udp_port() const { return bound_udp_port_; }
     int bound_webapi_port() const { return web_server_.port; }
+    // The ports that the game proxies hold, in the ascending order of their routes.
+    std::vector<int> bound_game_proxy_ports() const;
+
+    // The token and ruleset for the proxies: those of the first logged-in session that holds a
+    // token, or two empty texts.
+    struct Credentials {
+        std::string token;
+        std::string ruleset;
+    };
+    Credentials current_credentials();
+
+    // Writes the bodies of one proxied call into "captures" beside the state file. Never throws:
+    // a failure is logged and the call it records goes on.
+    void capture_traffic(const std::string& name, const std::string& request_body, std::int32_t status,
+                         const std::string& response_body, const std::string& note);
 
     // Lock order: sessions_lock, endpoints_lock, state_lock; none is held while calling into a
     // session, so whoever walks the sessions copies the list first.
@@ -90,6 +105,7 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<std::int32_t> active_connections_{0};
     http::Server web_server_;
+    std::vector<std::unique_ptr<http::Server>> game_proxies_;  // one per route that came up
 
     // Every open game connection, with or without a session yet, so that stop can wake each
     // one's blocked read. Guarded by sessions_lock.

@@ -1,5 +1,7 @@
 #pragma once
-// The handler of the local web API server that the Bridge runs on webapi_port.
+// The handler of the local web API server that the Bridge runs on webapi_port: a status probe,
+// three debug routes behind debug_endpoints, fixed empty answers to the game's social queries,
+// and the summon traffic, which goes on to the summon proxy. Anything else is a logged 404.
 
 #include "http/server.h"
 

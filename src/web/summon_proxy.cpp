@@ -1,0 +1,90 @@
+#include "web/summon_proxy.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "bridge/bridge.h"
+#include "bridge/session.h"
+#include "http/fetch.h"
+#include "shell/log.h"
+#include "shell/util.h"
+#include "web/paths.h"
+
+namespace zq {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Keeps the advertisement in the Bridge and pushes a copy into every live session. The two
+// locks are never held together, and the network isn't touched under either.
+void store_advertisement(Bridge& bridge, const nlohmann::json& advertisement) {
+    std::vector<std::shared_ptr<Session>> live;
+    {
+        std::lock_guard<std::mutex> guard(bridge.sessions_lock);
+        bridge.last_advertisement = advertisement;
+        live = bridge.sessions;
+    }
+    for (const auto& session : live) {
+        std::lock_guard<std::mutex> guard(session->session_lock);
+        session->summon_advert = advertisement;
+    }
+}
+
+bool is_empty_advertisement(const nlohmann::json& value) {
+    return value.is_null() || ((value.is_object() || value.is_array()) && value.empty());
+}
+
+}  // namespace
+
+http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& request) {
+    const Config& config = bridge.config();
+    const std::string path = web::path_without_query(request.path);
+
+    if (path == "/summon_messenger/create") {
+        nlohmann::json advertisement = nlohmann::json::parse(request.body, nullptr, false);
+        if (advertisement.is_discarded()) advertisement = nullptr;
+        if (advertisement.is_object() && json_has(advertisement, "SessionId"))
+            store_advertisement(bridge, advertisement);
+        if (is_empty_advertisement(advertisement))
+            return http::json_response(Json{{"ResKind", 1}, {"Message", "empty summon advertisement"}}, 400);
+    }
+
+    // None of the game's headers go on: the community server gets ours only.
+    http::ClientRequest upstream;
+    upstream.method = "POST";
+    upstream.url = config.community_server + path;
+    upstream.body = request.body;
+    upstream.headers = {{"Content-Type", "application/json"}, {"User-Agent", config.user_agent}};
+    const Bridge::Credentials credentials = bridge.current_credentials();
+    if (!credentials.token.empty()) upstream.headers.emplace_back("X-ZQ-Token", credentials.token);
+    if (!credentials.ruleset.empty()) upstream.headers.emplace_back("X-Velmar-Ruleset", credentials.ruleset);
+
+    const http::ClientResponse answer = http::fetch(upstream);
+    if (!answer.error.empty()) {
+        log_line(format_text("summon %s: upstream unreachable: %s", path.c_str(), answer.error.c_str()));
+        return http::json_response(Json{{"ResKind", 1}, {"Message", "upstream unreachable: " + answer.error}}, 502);
+    }
+
+    const std::string placement = http::find_header(answer.headers, placement_header);
+    const std::string suffix = placement.empty() ? std::string() : ", placement " + placement;
+    log_line(format_text("summon %s: %zu bytes -> HTTP %d, %zu bytes%s", path.c_str(), request.body.size(),
+                         static_cast<int>(answer.status), answer.body.size(), suffix.c_str()));
+    if (config.trace)
+        bridge.capture_traffic(path.substr(path.rfind('/') + 1), request.body, static_cast<std::int32_t>(answer.status),
+                               answer.body, "placement=" + placement);
+
+    // The status isn't interpreted: an error from upstream reaches the game as it came.
+    http::ServerResponse response;
+    response.status = static_cast<std::int32_t>(answer.status);
+    response.body = answer.body;
+    response.headers.emplace_back("Content-Type", "application/json");
+    if (!placement.empty()) response.headers.emplace_back(placement_header, placement);
+    return response;
+}
+
+}  // namespace zq
