@@ -6,8 +6,9 @@
 #include <regex>
 #include <sstream>
 
-#include "support/log_capture.h"
 #include "web_support.h"
+// After web_support.h: process.h must come before wait.h.
+#include "support/log_capture.h"
 
 using testing_support::FakeService;
 using testing_support::LogCapture;

@@ -2,8 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "support/log_capture.h"
 #include "web_support.h"
+// After web_support.h: process.h must come before wait.h.
+#include "support/log_capture.h"
 
 using nlohmann::json;
 using testing_support::FakeService;

@@ -2,9 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "support/log_capture.h"
 #include "web/paths.h"
 #include "web_support.h"
+// After web_support.h: process.h must come before wait.h.
+#include "support/log_capture.h"
 
 using nlohmann::json;
 using testing_support::LogCapture;

@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+// process.h first: it declares wait_until with its default before wait.h defines it.
+#include "support/process.h"
+
 #include "bridge/bridge.h"
 #include "bridge/session.h"
 #include "http/fetch.h"
@@ -16,7 +19,6 @@
 #include "support/fake_game.h"
 #include "support/fake_service.h"
 #include "support/host.h"
-#include "support/process.h"
 
 namespace web_test {
 
