@@ -89,7 +89,7 @@ TEST(WebApi, CurlSeesTheSameAnswers) {
               (json{{"blockingUsers", json::array()}, {"start", 3}, {"size", 0}, {"totalResults", 0}}));
 
     auto missing = web_test::curl({"-X", "POST", "-w", "\n%{http_code}", b.web_url() + "/status"});
-    EXPECT_EQ(missing.output, not_found.dump() + "\n404");
+    EXPECT_EQ(missing.output, "{\"ResKind\":1,\"Message\":\"not found\"}\n404");
 }
 
 TEST(WebApiDebug, StateShowsTheRegistryAndTheAdvertisementWithTheGatewayOff) {
@@ -121,4 +121,50 @@ TEST(WebApiDebug, StateShowsTheRegistryAndTheAdvertisementWithTheGatewayOff) {
         EXPECT_EQ(r.status, 404u) << route;
         EXPECT_EQ(log.count(std::string("webapi: POST ") + route + " not handled (404)"), 1);
     }
+}
+
+TEST(WebApiDebug, PeerRoutesDriveTheGateway) {
+    zq::Config c = web_test::bridge_config("http://127.0.0.1:1");
+    c.debug_endpoints = true;
+    c.p2p_gateway = true;
+    c.stun_server = "off";
+    RunningBridge b(c);
+    const std::string web = b.web_url();
+
+    const json peer = {{"member_id", 2},           {"online_id", "Bob"},
+                       {"endpoint", {"203.0.113.5", 4000}}, {"local_endpoint", {"192.168.1.5", 4001}},
+                       {"port_online_id", "Me"},   {"port_member_id", 1},
+                       {"room_id", 77},            {"port_endpoint", {"127.0.0.1", 3658}}};
+    auto added = send("POST", web + "/debug/add_peer", peer.dump());
+    EXPECT_EQ(added.status, 200u);
+    json inner = body_of(added)["inner"];
+    ASSERT_TRUE(inner.is_array() && inner.size() == 2) << added.body;
+    EXPECT_EQ(inner[0], "127.0.0.1");
+    EXPECT_GT(inner[1].get<int>(), 0);
+
+    // A body that is no JSON still adds a member, with everything empty.
+    auto blank = send("POST", web + "/debug/add_peer", "not json");
+    EXPECT_EQ(body_of(blank)["inner"][0], "127.0.0.1");
+
+    json state = body_of(send("GET", web + "/debug/state"));
+    EXPECT_EQ(state["gateway"], true);
+    EXPECT_EQ(state["mapped"], nullptr);
+    EXPECT_EQ(state["relay_port"], 0);
+    EXPECT_EQ(state["peers"], (json{{{"member_id", 0},
+                                     {"online_id", ""},
+                                     {"inner", body_of(blank)["inner"]},
+                                     {"peer_member_id", 0},
+                                     {"port_member_id", 0},
+                                     {"room_id", 0}},
+                                    {{"member_id", 2},
+                                     {"online_id", "Bob"},
+                                     {"inner", inner},
+                                     {"peer_member_id", 2},
+                                     {"port_member_id", 1},
+                                     {"room_id", 77}}}));
+
+    auto removed = send("POST", web + "/debug/remove_peer", R"({"member_id":2})");
+    EXPECT_EQ(removed.status, 200u);
+    EXPECT_EQ(removed.body, "{}");
+    EXPECT_EQ(body_of(send("GET", web + "/debug/state"))["peers"].size(), 1u);
 }
