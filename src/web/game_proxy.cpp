@@ -75,8 +75,9 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
 
     if (config.trace) {
         const std::string label = base_url.substr(base_url.rfind(':') + 1);
-        log_line(format_text("game %s %s %s: %zu bytes -> HTTP %d, %zu bytes", request.method.c_str(), label.c_str(),
-                             path.c_str(), request.body.size(), static_cast<int>(answer.status), answer.body.size()));
+        log_line(format_text("game %s %s %s: %llu bytes -> HTTP %d, %llu bytes", request.method.c_str(),
+                             label.c_str(), path.c_str(), static_cast<unsigned long long>(request.body.size()),
+                             static_cast<int>(answer.status), static_cast<unsigned long long>(answer.body.size())));
         for (const char* prefix : capture_prefixes) {
             if (!path.starts_with(prefix)) continue;
             std::string name = path.substr(1);

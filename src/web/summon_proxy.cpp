@@ -72,8 +72,9 @@ http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& r
 
     const std::string placement = http::find_header(answer.headers, placement_header);
     const std::string suffix = placement.empty() ? std::string() : ", placement " + placement;
-    log_line(format_text("summon %s: %zu bytes -> HTTP %d, %zu bytes%s", path.c_str(), request.body.size(),
-                         static_cast<int>(answer.status), answer.body.size(), suffix.c_str()));
+    log_line(format_text("summon %s: %llu bytes -> HTTP %d, %llu bytes%s", path.c_str(),
+                         static_cast<unsigned long long>(request.body.size()), static_cast<int>(answer.status),
+                         static_cast<unsigned long long>(answer.body.size()), suffix.c_str()));
     if (config.trace)
         bridge.capture_traffic(path.substr(path.rfind('/') + 1), request.body, static_cast<std::int32_t>(answer.status),
                                answer.body, "placement=" + placement);

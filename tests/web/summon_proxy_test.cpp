@@ -67,8 +67,8 @@ TEST(SummonProxy, StoresTheAdvertisementEverywhereAndForwardsWithOurHeaders) {
                                       {"User-Agent", s.b->bridge.config().user_agent},
                                       {"X-ZQ-Token", "tok-2"},
                                       {"X-Velmar-Ruleset", "vanilla"}}));
-    EXPECT_EQ(log.count(zq::format_text("summon /summon_messenger/create: %zu bytes -> HTTP 200, 13 bytes",
-                                        advert.size())),
+    EXPECT_EQ(log.count("summon /summon_messenger/create: " + std::to_string(advert.size()) +
+                        " bytes -> HTTP 200, 13 bytes"),
               1);
 
     // Forwarded, but without a SessionId there is nothing to keep.
