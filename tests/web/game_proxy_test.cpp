@@ -83,7 +83,8 @@ TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     EXPECT_EQ(r.body, "elsewhere");
     EXPECT_EQ(s.service.request_count(), 1u);  // not followed
     EXPECT_EQ(s.service.last_request().method, "PUT");
-    EXPECT_EQ(s.service.last_request().header("User-Agent"), s.b->bridge.config().user_agent);
+    // http::fetch names itself; the configured agent is joined to it.
+    EXPECT_EQ(s.service.last_request().header("User-Agent"), "sarnlink " + s.b->bridge.config().user_agent);
     EXPECT_FALSE(s.service.last_request().has_header("X-ZQ-Token"));
 
     auto failed = send("POST", dead + "/tomb_messenger/put?z=1", "x");
@@ -93,9 +94,11 @@ TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     EXPECT_TRUE(log.contains("game POST /tomb_messenger/put: upstream unreachable: "));
 
     if (web_test::have_curl()) {
-        std::string out = web_test::curl({"-i", "-X", "PUT", s.url("/old")});
+        std::string out = web_test::curl({"-i", "-A", "", "-X", "PUT", s.url("/old")});
         EXPECT_TRUE(out.starts_with("HTTP/1.1 302 Status\r\n")) << out;
         EXPECT_NE(out.find("\r\nLocation: https://example.invalid/next\r\n"), std::string::npos) << out;
+        // A game that names no agent gets the configured one alone.
+        EXPECT_EQ(s.service.last_request().header("User-Agent"), s.b->bridge.config().user_agent);
         out = web_test::curl({"-i", "-d", "x", dead + "/blood_messenger/a"});
         EXPECT_TRUE(out.starts_with("HTTP/1.1 502 Bad Gateway\r\n")) << out;
         EXPECT_NE(out.find("Content-Length: 0\r\n"), std::string::npos) << out;
