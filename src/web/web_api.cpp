@@ -42,7 +42,7 @@ Json debug_state(Bridge& bridge) {
         std::lock_guard<std::mutex> guard(bridge.sessions_lock);
         advertisement = bridge.last_advertisement;
     }
-    p2p::Gateway* gateway = bridge.gateway();
+    p2p::Gateway* gateway = bridge.gateway.get();
     Json mapped = nullptr;
     Json peers = Json::array();
     if (gateway) {
@@ -96,12 +96,12 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     if (debug && method == "GET" && path == "/debug/state") return http::json_response(debug_state(bridge), 200);
 
     if (debug && method == "POST" && path == "/debug/add_peer") {
-        if (p2p::Gateway* gateway = bridge.gateway())
+        if (p2p::Gateway* gateway = bridge.gateway.get())
             return http::json_response(debug_add_peer(*gateway, request.body), 200);
     }
 
     if (debug && method == "POST" && path == "/debug/remove_peer") {
-        if (p2p::Gateway* gateway = bridge.gateway()) {
+        if (p2p::Gateway* gateway = bridge.gateway.get()) {
             nlohmann::json body = nlohmann::json::parse(request.body, nullptr, false);
             gateway->remove_member(static_cast<std::int32_t>(json_int(body, "member_id", 0)));
             return http::json_response(Json::object(), 200);
