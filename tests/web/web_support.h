@@ -2,9 +2,6 @@
 // Shared by the web tests: a bridge on free ports before a fake remote service, live game
 // sessions, and the two HTTP clients of the game's side (http::fetch and the curl command line).
 
-// process.h first: it declares wait_until with its default before wait.h defines it.
-#include "support/process.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -18,6 +15,7 @@
 #include "support/fake_service.h"
 #include "support/host.h"
 #include "support/log_capture.h"
+#include "support/process.h"
 
 namespace web_test {
 
