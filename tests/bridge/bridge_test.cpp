@@ -308,20 +308,6 @@ TEST(Bridge, StopEndsIdleConnectionsPromptly) {
     b.bridge.stop();
 }
 
-// Until the web routes exist, the web API answers everything with its not-found fallback.
-TEST(Bridge, WebApiFallsBackToNotFound) {
-    LogCapture log;
-    RunningBridge b;
-    FakeGame client;
-    ASSERT_TRUE(client.connect(b.bridge.bound_webapi_port()));
-    ASSERT_TRUE(client.send_raw("GET /v1/nothing?offset=3 HTTP/1.0\r\n\r\n"));
-    auto answer = client.read_to_end();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u) << *answer;
-    EXPECT_NE(answer->find("\r\n\r\n{\"Message\":\"not found\",\"ResKind\":1}"), std::string::npos) << *answer;
-    EXPECT_EQ(log.count("webapi: GET /v1/nothing not handled (404)"), 1);
-}
-
 TEST(Bridge, PickStunServer) {
     struct Case {
         std::string stun, velmar;
