@@ -48,12 +48,6 @@ TEST(WebApi, AnswersItsRoutesAndLogsWhatItDoesNotKnow) {
         const std::string path = std::string(target).substr(0, std::string(target).find('?'));
         EXPECT_EQ(log.count("webapi: " + std::string(method) + " " + path + " not handled (404)"), 1) << target;
     }
-
-    if (web_test::have_curl()) {
-        EXPECT_EQ(json::parse(web_test::curl({web + "/v1/users/me/friendList?offset=3"})), list("friendList", 3));
-        EXPECT_EQ(web_test::curl({"-X", "POST", "-w", " %{http_code}", web + "/status"}),
-                  R"({"ResKind":1,"Message":"not found"} 404)");
-    }
 }
 
 TEST(WebApiDebug, StateWithTheGatewayOffAndNoPeerRoutes) {

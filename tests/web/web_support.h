@@ -73,14 +73,9 @@ inline http::ClientResponse send(const std::string& method, const std::string& u
     return http::fetch(http::ClientRequest{method, url, std::move(headers), body});
 }
 
-inline bool have_curl() {
-    return !testing_support::running_under_wine() && !testing_support::find_program("curl").empty();
-}
 inline std::string curl(std::vector<std::string> args) {
     args.insert(args.begin(), {"-s", "-S", "--max-time", "20"});
     return testing_support::run_process(testing_support::find_program("curl"), args, ".").output;
 }
-#define SKIP_WITHOUT_CURL() \
-    if (!web_test::have_curl()) GTEST_SKIP() << "the curl command line exists on the Linux side only"
 
 }  // namespace web_test
