@@ -13,10 +13,12 @@ standin::Call call_of(const RecordedRequest& request) {
 
 ScriptedAnswer scripted(const standin::Answer& answer) { return ScriptedAnswer::json(answer.body, answer.status); }
 
-FakeAccounts::FakeAccounts(FakeService& service) {
+FakeAccounts::FakeAccounts(FakeService& service) : service_(service) {
     for (const char* const* path = standin::Accounts::kPaths; *path; ++path) {
         service.handle(*path, [this](const RecordedRequest& r) { return scripted(*store.serve(call_of(r))); });
     }
 }
+
+FakeAccounts::~FakeAccounts() { service_.stop(); }
 
 }  // namespace testing_support

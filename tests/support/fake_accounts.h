@@ -17,8 +17,13 @@ class FakeAccounts {
 public:
     using Account = standin::Accounts::Account;
 
-    // Installs its handlers on the service; the service must outlive this object's use.
+    // Installs its handlers on the service, which must outlive this object.
     explicit FakeAccounts(FakeService& service);
+    // Stops the service first: its connection threads run these handlers, which must not
+    // outlive the store they read.
+    ~FakeAccounts();
+    FakeAccounts(const FakeAccounts&) = delete;
+    FakeAccounts& operator=(const FakeAccounts&) = delete;
 
     Account add(const std::string& name) { return store.add(name); }
     void revoke_token(const std::string& name) { store.revoke_token(name); }
@@ -30,6 +35,9 @@ public:
     }
 
     standin::Accounts store;
+
+private:
+    FakeService& service_;
 };
 
 }  // namespace testing_support
