@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "bridge/room_state.h"
 #include "http/upstream.h"
 #include "shell/net.h"
 
@@ -72,18 +74,6 @@ private:
     Socket socket_;  // guarded by write_lock against release while another thread shuts it down
 };
 
-// The session's mirror of its matching room.
-struct RoomState {
-    std::uint64_t room_id = 0;  // 0: in no room
-    std::string session_id;     // the upstream's SessionId of this room
-    std::int32_t member_id = 0;
-    std::int32_t owner_member_id = 0;
-    std::int32_t max_members = 5;
-    std::map<std::int32_t, nlohmann::json> members;
-
-    void reset() { *this = RoomState(); }
-};
-
 // One game session: created by the first Request on a connection and ended with it.
 class Session : public UpstreamClient {
 public:
@@ -114,6 +104,23 @@ public:
     // Leaves the current room, if any; the caller holds session_lock.
     void leave_room_locked();
 
+    // Matching helpers; the caller holds session_lock.
+    std::string call_online_id() const;  // the upstream name, or npid while that is empty
+    OwnEndpoints own_endpoints_locked();
+    std::optional<Endpoint> port_side_endpoint_locked();
+    // The address the game is told for a member: a gateway link's, when a gateway runs.
+    Endpoint member_endpoint_locked(const nlohmann::json& record);
+    std::string room_summary_locked();
+    void add_ourselves_locked();
+    void remove_all_links();
+
+    // The event pump: started by context start, stopped by stop_flag.
+    void start_event_pump();
+    void request_pump_stop();
+    void translate_locked(const nlohmann::json& event);
+    void send_room_event(RoomEventCode code, RoomEventReason reason, const nlohmann::json& record,
+                         std::int64_t extra);
+
     std::atomic<bool> closing{false};  // the connection ends after the current reply
     const std::shared_ptr<TcpConn> connection;
     Bridge* const bridge;  // not owning: the Bridge outlives every session
@@ -138,6 +145,11 @@ public:
     std::mutex pump_lock;
     std::condition_variable pump_wake;
     bool stop_flag = false;  // guarded by pump_lock
+
+private:
+    void event_pump();
+    // Waits up to seconds on pump_wake; true when stop_flag ended (or ends) the wait.
+    bool pump_wait(double seconds);
 };
 
 // The text between single quotes, as online ids appear in log lines.
