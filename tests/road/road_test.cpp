@@ -1,0 +1,198 @@
+// The whole road on the loopback: the stand-in of the service with its STUN and relay server,
+// two bridges, and a simulated player behind each. What is checked is what the players see.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "bridge/bridge.h"
+#include "http/server.h"
+#include "player/sim_player.h"
+#include "shell/platform.h"
+#include "standin/ember_court.h"
+#include "standin/stun_relay_server.h"
+#include "support/process.h"
+#include "support/wait.h"
+
+namespace {
+
+using testing_support::TempDir;
+using testing_support::wait_until;
+
+class Road : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(service.start("127.0.0.1", 0, [this](const http::ServerRequest& r) { return court.handle(r); },
+                                  &error))
+            << error;
+        ASSERT_TRUE(stun.address().usable());
+        west = start_bridge("west");
+        east = start_bridge("east");
+        ASSERT_TRUE(west && east);
+        bring_up(ashling, *west);
+        bring_up(bramwell, *east);
+    }
+
+    void TearDown() override {
+        if (west) west->stop();
+        if (east) east->stop();
+        service.stop();
+    }
+
+    std::unique_ptr<zq::Bridge> start_bridge(const std::string& name) {
+        std::string base = "http://127.0.0.1:" + std::to_string(service.port);
+        zq::Config c;
+        c.velmar_server = c.auth_server = c.community_server = base;
+        c.tcp_port = c.udp_port = c.webapi_port = c.p2p_port = 0;
+        c.stun_server = stun.address().text();
+        c.stun_refresh = 0.5;
+        c.local_addr = "127.0.0.1";
+        c.poll_interval = 0.05;
+        c.game_proxy_routes.clear();
+        c.create_accounts = true;
+        c.state_file = zq::wide_to_utf8((dir.path() / (name + "_state.json")).wstring());
+        auto bridge = std::make_unique<zq::Bridge>(c);
+        std::string error;
+        EXPECT_TRUE(bridge->start(&error)) << error;
+        return bridge;
+    }
+
+    static void bring_up(sim::Player& player, zq::Bridge& bridge) {
+        std::string error;
+        ASSERT_TRUE(player.connect(bridge.bound_tcp_port(), &error)) << error;
+        ASSERT_TRUE(player.login(&error)) << error;
+        ASSERT_NE(player.account_id(), 0u);
+        ASSERT_TRUE(player.ping(bridge.bound_udp_port(), &error)) << error;
+        ASSERT_TRUE(player.start_context(7, &error)) << error;
+    }
+
+    // ashling creates, bramwell joins, and ashling hears of it; returns the room id.
+    std::uint64_t meet() {
+        std::string error;
+        auto room = ashling.create_room(4, &error);
+        EXPECT_TRUE(room) << error;
+        if (!room) return 0;
+        EXPECT_TRUE(bramwell.join_room(*room, &error)) << error;
+        auto joined = ashling.next_event();
+        EXPECT_TRUE(joined && joined->code == sim::kMemberJoined && joined->member);
+        if (joined && joined->member) {
+            EXPECT_EQ(joined->member->online_id, "bramwell");
+            EXPECT_EQ(joined->room_id, *room);
+            EXPECT_EQ(joined->context_id, 7u);
+            EXPECT_EQ(joined->reason, 4u);
+        }
+        return *room;
+    }
+
+    sim::Member peer_of(const sim::Player& player) {
+        auto peers = player.peers();
+        EXPECT_EQ(peers.size(), 1u);
+        return peers.empty() ? sim::Member{} : peers.begin()->second;
+    }
+
+    static bool all_arrived(const sim::Player& to, const sim::Player& from) {
+        sim::Received got = to.received_from(from.online_id());
+        return got.in_order + got.out_of_order + got.damaged >= from.sent_to(to.online_id());
+    }
+
+    TempDir dir;
+    standin::EmberCourt court;
+    http::Server service;
+    standin::StunRelayServer stun;
+    std::unique_ptr<zq::Bridge> west;
+    std::unique_ptr<zq::Bridge> east;
+    sim::Player ashling{"ashling"};
+    sim::Player bramwell{"bramwell"};
+};
+
+TEST_F(Road, TwoPlayersMeetTradeDatagramsBothWaysAndPartAgain) {
+    std::uint64_t room = meet();
+    ASSERT_NE(room, 0u);
+
+    // Each is told a loopback address of its own gateway for the other.
+    sim::Member to_bramwell = peer_of(ashling);
+    sim::Member to_ashling = peer_of(bramwell);
+    EXPECT_EQ(to_bramwell.online_id, "bramwell");
+    EXPECT_EQ(to_ashling.online_id, "ashling");
+    EXPECT_EQ(to_bramwell.address.host, "127.0.0.1");
+    EXPECT_EQ(to_ashling.address.host, "127.0.0.1");
+
+    // Each gateway plays the other player towards its own port, starting with a hello.
+    EXPECT_TRUE(wait_until([&] { return ashling.hellos_answered() > 0 && bramwell.hellos_answered() > 0; }));
+
+    const std::uint32_t frames = 300;
+    ashling.send_numbered(to_bramwell, frames);
+    bramwell.send_numbered(to_ashling, frames);
+    ASSERT_TRUE(wait_until([&] { return all_arrived(ashling, bramwell) && all_arrived(bramwell, ashling); }));
+    for (auto [to, from] : {std::pair{&ashling, &bramwell}, std::pair{&bramwell, &ashling}}) {
+        sim::Received got = to->received_from(from->online_id());
+        EXPECT_EQ(got.in_order, frames) << to->online_id();
+        EXPECT_EQ(got.damaged, 0u) << to->online_id();
+    }
+
+    std::string error;
+    ASSERT_TRUE(bramwell.leave_room(&error)) << error;
+    auto left = ashling.next_event();
+    ASSERT_TRUE(left && left->member);
+    EXPECT_EQ(left->code, sim::kMemberLeft);
+    EXPECT_EQ(left->reason, 1u);
+    EXPECT_EQ(left->member->online_id, "bramwell");
+    EXPECT_TRUE(ashling.peers().empty());
+    EXPECT_EQ(court.matching.room_members(room).size(), 1u);
+}
+
+TEST_F(Road, KickedPlayerIsToldAndAClosedRoomEmptiesForEveryone) {
+    std::uint64_t room = meet();
+    ASSERT_NE(room, 0u);
+    std::string error;
+    int bramwell_id = bramwell.member_id();
+    ASSERT_TRUE(ashling.kick(bramwell_id, &error)) << error;
+
+    auto kicked = bramwell.next_event();
+    ASSERT_TRUE(kicked);
+    EXPECT_EQ(kicked->code, sim::kWeWereKicked);
+    EXPECT_EQ(kicked->reason, 2u);
+    EXPECT_EQ(kicked->extra, 0xFFFFFFFFu);
+    auto gone = ashling.next_event();
+    ASSERT_TRUE(gone && gone->member);
+    EXPECT_EQ(gone->code, sim::kMemberLeft);
+    EXPECT_EQ(gone->reason, 2u);
+    EXPECT_EQ(gone->member->member_id, bramwell_id);
+
+    // Back in, then the service closes the room: each side sees every member go.
+    ASSERT_TRUE(bramwell.join_room(room, &error)) << error;
+    ASSERT_TRUE(ashling.next_event());
+    ASSERT_TRUE(court.matching.close_room(room, "host went home"));
+    for (sim::Player* p : {&ashling, &bramwell}) {
+        for (int i = 0; i < 2; ++i) {
+            auto e = p->next_event();
+            ASSERT_TRUE(e) << p->online_id();
+            EXPECT_EQ(e->code, sim::kMemberLeft);
+            EXPECT_EQ(e->reason, 1u);
+        }
+    }
+}
+
+TEST_F(Road, AGameThatDropsMidRoomLeavesTheRoomBehindIt) {
+    std::uint64_t room = meet();
+    ASSERT_NE(room, 0u);
+    bramwell.disconnect();
+    auto left = ashling.next_event();
+    ASSERT_TRUE(left && left->member);
+    EXPECT_EQ(left->code, sim::kMemberLeft);
+    EXPECT_EQ(left->member->online_id, "bramwell");
+    EXPECT_EQ(court.matching.room_members(room).size(), 1u);
+
+    // The room goes on for the one who stayed, and a newcomer can still join it.
+    sim::Player carrow("carrow");
+    bring_up(carrow, *east);
+    std::string error;
+    ASSERT_TRUE(carrow.join_room(room, &error)) << error;
+    auto joined = ashling.next_event();
+    ASSERT_TRUE(joined && joined->member);
+    EXPECT_EQ(joined->member->online_id, "carrow");
+}
+
+}  // namespace
