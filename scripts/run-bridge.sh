@@ -39,7 +39,9 @@ print(" ".join(str(s.getsockname()[1]) for s in held))
 PY
 )
 
-"$bin/ember_standin" --http-port 0 --stun-port 0 --ready-file "$work/standin.ready" --seconds 120 &
+# The relay gets its own loopback address: a gateway sends everything for the relay's host
+# through the relay, which would swallow the direct traffic between two bridges on 127.0.0.1.
+"$bin/ember_standin" --http-port 0 --stun-host 127.0.0.2 --stun-port 0 --ready-file "$work/standin.ready" --seconds 120 &
 pids+=($!)
 for _ in $(seq 100); do [ -s "$work/standin.ready" ] && break; sleep 0.1; done
 read -r http_port stun_port < "$work/standin.ready"
@@ -51,7 +53,7 @@ for i in 0 1; do
   cat > "$dir/sarnlink_config.json" <<JSON
 {
   "velmar_server": "$service", "auth_server": "$service", "community_server": "$service",
-  "stun_server": "127.0.0.1:$stun_port", "local_addr": "127.0.0.1", "stun_refresh": 1,
+  "stun_server": "127.0.0.2:$stun_port", "local_addr": "127.0.0.1", "stun_refresh": 1,
   "tcp_port": ${ports[$((i * 3))]}, "udp_port": ${ports[$((i * 3 + 1))]}, "webapi_port": ${ports[$((i * 3 + 2))]},
   "game_proxy_routes": {}, "create_accounts": 1, "poll_interval": 0.2,
   "state_file": "$dir/sarnlink_state.json"

@@ -1,10 +1,12 @@
 // The stand-in of The Ember Court for development: the service on HTTP and the STUN and relay
 // server on UDP, both on the loopback, until Ctrl-C or the given number of seconds.
 //
-//   ember_standin [--http-port N] [--stun-port N] [--ready-file PATH] [--seconds N]
+//   ember_standin [--http-port N] [--stun-host H] [--stun-port N] [--ready-file PATH] [--seconds N]
 //
 // Port 0 lets the system choose; the ready file then receives "http_port stun_port" once both
-// are listening, which is how a script learns them.
+// are listening, which is how a script learns them. --stun-host (a loopback address, 127.0.0.1
+// by default) matters when bridges run on the same machine: a gateway sends all traffic for the
+// relay's host through the relay, so the relay must not share its host with the peers.
 
 #include <atomic>
 #include <cstdio>
@@ -39,24 +41,32 @@ bool quiet_path(const std::string& path) {
 int main(int argc, char** argv) {
     int http_port = 18671;
     int stun_port = 3478;
+    std::string stun_host = "127.0.0.1";
     double seconds = 0;
     std::string ready_file;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string key = argv[i];
         if (key == "--http-port") http_port = std::atoi(argv[i + 1]);
         else if (key == "--stun-port") stun_port = std::atoi(argv[i + 1]);
+        else if (key == "--stun-host") stun_host = argv[i + 1];
         else if (key == "--ready-file") ready_file = argv[i + 1];
         else if (key == "--seconds") seconds = std::atof(argv[i + 1]);
         else {
-            std::printf("usage: ember_standin [--http-port N] [--stun-port N] [--ready-file PATH] [--seconds N]\n");
+            std::printf(
+                "usage: ember_standin [--http-port N] [--stun-host H] [--stun-port N] [--ready-file PATH] "
+                "[--seconds N]\n");
             return 2;
         }
     }
     zq::network_init();
     standin::EmberCourt court;
-    standin::StunRelayServer stun("127.0.0.1", stun_port);
+    if (stun_host.rfind("127.", 0) != 0) {
+        say("--stun-host must be a loopback address");
+        return 2;
+    }
+    standin::StunRelayServer stun(stun_host, stun_port);
     if (!stun.address().usable()) {
-        say(zq::format_text("cannot bind udp 127.0.0.1:%d", stun_port));
+        say(zq::format_text("cannot bind udp %s:%d", stun_host.c_str(), stun_port));
         return 1;
     }
     http::Server server;
@@ -77,8 +87,8 @@ int main(int argc, char** argv) {
         say("cannot serve http: " + error);
         return 1;
     }
-    say(zq::format_text("The Ember Court stand-in on http://127.0.0.1:%d, STUN and relay on udp %d", server.port,
-                        stun.address().port));
+    say(zq::format_text("The Ember Court stand-in on http://127.0.0.1:%d, STUN and relay on udp %s", server.port,
+                        stun.address().text().c_str()));
     if (!ready_file.empty()) {
         std::ofstream out(ready_file + ".tmp");
         out << server.port << " " << stun.address().port << "\n";
