@@ -283,7 +283,7 @@ std::map<int, Member> Player::peers() const {
 // --- the P2P socket ---
 
 bool Player::ping(int udp_port, std::string* error) {
-    udp_responder_ = zq::Endpoint{"127.0.0.1", udp_port};
+    const zq::Endpoint responder{"127.0.0.1", udp_port};
     std::string request(1, '\x01');
     auto name = zq::p2p::fixed16(online_id_);
     request.append(name.data(), name.size());
@@ -291,11 +291,12 @@ bool Player::ping(int udp_port, std::string* error) {
     int before = 0;
     {
         std::lock_guard<std::mutex> hold(state_lock);
+        udp_responder_ = responder;
         before = pings_answered_;
     }
     // A lost datagram is retried; the loop is bounded in count.
     for (int attempt = 0; attempt < 20; ++attempt) {
-        zq::send_to(p2p_, request.data(), static_cast<int>(request.size()), zq::to_sockaddr(udp_responder_));
+        zq::send_to(p2p_, request.data(), static_cast<int>(request.size()), zq::to_sockaddr(responder));
         double until = zq::steady_seconds() + 0.25;
         while (zq::steady_seconds() < until) {
             {
@@ -369,10 +370,12 @@ void Player::p2p_thread() {
 }
 
 void Player::on_datagram(const std::string& bytes, const zq::Endpoint& from) {
-    if (from == udp_responder_ && bytes.size() == 6) {
+    {
         std::lock_guard<std::mutex> hold(state_lock);
-        ++pings_answered_;
-        return;
+        if (from == udp_responder_ && bytes.size() == 6) {
+            ++pings_answered_;
+            return;
+        }
     }
     if (bytes.size() < 4) return;
     if (bytes.compare(0, 4, zq::p2p::kControlPrefix) == 0) {

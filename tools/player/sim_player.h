@@ -127,9 +127,9 @@ private:
 
     zq::Socket p2p_ = zq::invalid_socket;
     zq::Endpoint p2p_address_;
-    zq::Endpoint udp_responder_;
 
     mutable std::mutex state_lock;  // guards everything below
+    zq::Endpoint udp_responder_;    // set by ping, read by the reader thread
     std::map<int, Member> members_;
     std::map<std::string, std::uint32_t> sent_;
     std::map<std::string, std::uint32_t> next_expected_;
