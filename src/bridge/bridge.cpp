@@ -70,7 +70,9 @@ bool Bridge::start(std::string* error) {
                          web_server_.port));
 
     // The routes are a map by port, so this is ascending port order.
-    for (const auto& [port, url] : config_.game_proxy_routes) {
+    for (const auto& route : config_.game_proxy_routes) {
+        const int port = route.first;
+        const std::string url = route.second;
         auto proxy = std::make_unique<http::Server>();
         std::string proxy_error;
         if (!proxy->start(host, port,

@@ -70,7 +70,11 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
 TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     LogCapture log;
     ProxySetup s([](zq::Config& c) {
-        c.game_proxy_routes[1] = "http://127.0.0.1:" + std::to_string(web_test::closed_port());
+        // A second route on a port of its own, to a service that is not there.
+        const int listen = web_test::closed_port();
+        int target = web_test::closed_port();
+        while (target == listen) target = web_test::closed_port();
+        c.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(target);
     });
     ScriptedAnswer moved = ScriptedAnswer::text(302, "elsewhere");
     moved.headers = {{"Location", "https://example.invalid/next"}};
