@@ -25,7 +25,8 @@ bool Bridge::fail(std::string* error, const std::string& message) {
 // The P2P gateway comes up here, before any listener, when p2p_gateway is on.
 bool Bridge::start_gateway(std::string* error) {
     std::string lan = config_.local_addr.empty() ? local_ipv4() : config_.local_addr;
-    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(), lan, nullptr);
+    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(), lan,
+                                             [this](const Endpoint& mapped) { on_mapped_change(mapped); });
     gateway->stun_refresh = config_.stun_refresh;
     std::string text;
     if (!gateway->start(&text)) {

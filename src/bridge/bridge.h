@@ -81,6 +81,10 @@ public:
     // Replaces the state file whole; a failure is not reported.
     void save_state(const nlohmann::json& doc);
 
+    // Tells the service our new public address, once for each logged-in session, in or out of
+    // a room. Runs on a gateway thread; no lock is held over the calls.
+    void on_mapped_change(const Endpoint& mapped);
+
     // Null when p2p_gateway is off.
     std::unique_ptr<p2p::Gateway> gateway;
 

@@ -5,29 +5,15 @@
 #include "shell/net.h"
 #include "support/fake_game.h"
 #include "support/host.h"
+#include "support/ports.h"
 #include "support/process.h"
 
 using namespace testing_support;
 
-namespace {
-
-// A port that was free a moment ago; the child binds it soon after.
-int free_port(bool tcp) {
-    zq::network_init();
-    zq::Socket s = tcp ? zq::open_tcp_socket() : zq::open_udp_socket();
-    zq::bind_socket(s, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
-    zq::SockAddr held;
-    zq::local_address(s, &held);
-    zq::close_socket(s);
-    return zq::from_sockaddr(held).port;
-}
-
-}  // namespace
-
 // The whole run: start lines, a game served, and an orderly end on a console stop event.
 TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     TempDir dir;
-    int tcp = free_port(true), udp = free_port(false), web = free_port(true);
+    int tcp = free_port(true), udp = free_port(false), web = free_port(true, tcp);
     {
         std::ofstream config(dir.path() / "sarnlink_config.json");
         config << "{\"tcp_port\":" << tcp << ",\"udp_port\":" << udp << ",\"webapi_port\":" << web

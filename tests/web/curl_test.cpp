@@ -16,8 +16,9 @@ TEST(WebCurl, SeesTheWebApiAndBothProxies) {
     moved.headers = {{"Location", "https://example.invalid/next"}};
     service.answer("/old", moved);
     zq::Config c = web_test::bridge_config(service.base_url());
+    const int listen = web_test::closed_port();
     c.game_proxy_routes = {{0, service.base_url()},
-                           {1, "http://127.0.0.1:" + std::to_string(web_test::closed_port())}};
+                           {listen, "http://127.0.0.1:" + std::to_string(web_test::closed_port(listen))}};
     web_test::RunningBridge b(c);
     const std::string web = b.web_url();
 

@@ -72,9 +72,7 @@ TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     ProxySetup s([](zq::Config& c) {
         // A second route on a port of its own, to a service that is not there.
         const int listen = web_test::closed_port();
-        int target = web_test::closed_port();
-        while (target == listen) target = web_test::closed_port();
-        c.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(target);
+        c.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(web_test::closed_port(listen));
     });
     ScriptedAnswer moved = ScriptedAnswer::text(302, "elsewhere");
     moved.headers = {{"Location", "https://example.invalid/next"}};

@@ -15,6 +15,7 @@
 #include "support/fake_service.h"
 #include "support/host.h"
 #include "support/log_capture.h"
+#include "support/ports.h"
 #include "support/process.h"
 
 namespace web_test {
@@ -28,16 +29,7 @@ inline zq::Config bridge_config(const std::string& service_url) {
     return c;
 }
 
-// A port that nobody listens on: the system's choice, let go at once.
-inline int closed_port() {
-    zq::network_init();
-    zq::Socket s = zq::open_tcp_socket();
-    zq::bind_socket(s, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
-    zq::SockAddr bound;
-    zq::local_address(s, &bound);
-    zq::close_socket(s);
-    return zq::from_sockaddr(bound).port;
-}
+using testing_support::closed_port;
 
 struct RunningBridge {
     explicit RunningBridge(zq::Config c) : bridge(std::move(c)) {

@@ -6,7 +6,7 @@ const char* const Matching::kPaths[] = {"/mp/matching2/context_start", "/mp/matc
                                          "/mp/matching2/join_room",     "/mp/matching2/leave_room",
                                          "/mp/matching2/kick_member",   "/mp/matching2/heartbeat",
                                          "/np/events/poll",             "/np/events/ack",
-                                         nullptr};
+                                         "/mp/matching2/signaling_update", nullptr};
 
 namespace {
 
@@ -61,6 +61,9 @@ bool Matching::close_room(std::uint64_t room_id, const std::string& reason) {
 
 std::optional<std::pair<std::string, int>> Matching::locate(const std::string& online_id) const {
     std::lock_guard<std::mutex> hold(lock);
+    // What a player last said of himself is newer than what his room recorded at the join.
+    auto told = signaled.find(online_id);
+    if (told != signaled.end()) return told->second;
     for (const auto& [id, room] : rooms)
         for (const auto& [member_id, member] : room.members)
             if (member.value("OnlineId", "") == online_id)
@@ -95,6 +98,21 @@ std::optional<Answer> Matching::serve(const Call& call) {
     std::lock_guard<std::mutex> hold(lock);
 
     if (path == "/mp/matching2/context_start") return ok();
+
+    if (path == "/mp/matching2/signaling_update") {
+        std::string online_id = body.value("OnlineId", "");
+        std::pair<std::string, int> mapped{body.value("MappedAddr", ""), body.value("MappedPort", 0)};
+        signaled[online_id] = mapped;
+        std::uint64_t room_id = 0;
+        if (Room* room = room_of_session_locked(body.value("SessionId", ""), &room_id)) {
+            auto member = room->members.find(body.value("MemberId", 0));
+            if (member != room->members.end() && member->second.value("OnlineId", "") == online_id) {
+                member->second["Addr"] = mapped.first;
+                member->second["Port"] = mapped.second;
+            }
+        }
+        return ok();
+    }
 
     if (path == "/mp/matching2/create_room") {
         std::uint64_t room_id = next_room_id++;

@@ -31,7 +31,7 @@ public:
     std::vector<std::uint64_t> room_ids() const;
     // Ends a room as its host or a moderator would: every member hears room_closed.
     bool close_room(std::uint64_t room_id, const std::string& reason);
-    // The public address of an online id as its room knows it.
+    // The public address of an online id: as he last reported it, else as his room knows it.
     std::optional<std::pair<std::string, int>> locate(const std::string& online_id) const;
 
 private:
@@ -50,6 +50,7 @@ private:
     std::uint64_t next_room_id = 1001;
     std::map<std::string, std::vector<nlohmann::json>> event_queues;
     std::map<std::string, std::uint64_t> acked;
+    std::map<std::string, std::pair<std::string, int>> signaled;  // online id -> reported address
 };
 
 }  // namespace standin
