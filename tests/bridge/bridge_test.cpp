@@ -4,6 +4,7 @@
 #include <random>
 
 #include "bridge/bridge.h"
+#include "support/bridge_config.h"
 #include "support/fake_game.h"
 #include "support/log_capture.h"
 #include "support/ports.h"
@@ -23,13 +24,7 @@ std::string bytes(std::initializer_list<int> list) {
 }
 
 zq::Config test_config() {
-    zq::Config c;
-    c.tcp_port = 0;
-    c.udp_port = 0;
-    c.webapi_port = 0;
-    c.p2p_gateway = false;
-    c.game_proxy_routes.clear();
-    return c;
+    return testing_support::local_bridge_config();
 }
 
 // A started bridge on free ports.

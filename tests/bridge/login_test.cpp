@@ -7,6 +7,7 @@
 #include "bridge/frames.h"
 #include "bridge/login.h"
 #include "shell/platform.h"
+#include "support/bridge_config.h"
 #include "support/fake_accounts.h"
 #include "support/fake_game.h"
 #include "support/fake_service.h"
@@ -33,13 +34,7 @@ protected:
     void SetUp() override { ASSERT_TRUE(service.start()); }
 
     void start_bridge(bool create_accounts = false) {
-        zq::Config c;
-        c.tcp_port = 0;
-        c.udp_port = 0;
-        c.webapi_port = 0;
-        c.p2p_gateway = false;
-        c.game_proxy_routes.clear();
-        c.velmar_server = service.base_url();
+        zq::Config c = testing_support::local_bridge_config(service.base_url());
         c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
         c.create_accounts = create_accounts;
         bridge = std::make_unique<zq::Bridge>(c);

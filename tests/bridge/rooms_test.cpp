@@ -5,6 +5,7 @@
 #include "bridge/frames.h"
 #include "bridge/session.h"
 #include "shell/platform.h"
+#include "support/bridge_config.h"
 #include "support/fake_accounts.h"
 #include "support/fake_game.h"
 #include "support/fake_matching.h"
@@ -65,13 +66,8 @@ struct Rig {
     }
 
     std::unique_ptr<zq::Bridge> make_bridge(bool gateway, double poll_interval) {
-        zq::Config c;
-        c.tcp_port = 0;
-        c.udp_port = 0;
-        c.webapi_port = 0;
+        zq::Config c = testing_support::local_bridge_config(service.base_url());
         c.p2p_gateway = gateway;
-        c.game_proxy_routes.clear();
-        c.velmar_server = service.base_url();
         c.local_addr = "192.0.2.10";
         c.stun_server = "off";
         c.poll_interval = poll_interval;

@@ -9,6 +9,7 @@
 #include "bridge/session.h"
 #include "bridge/signaling.h"
 #include "shell/platform.h"
+#include "support/bridge_config.h"
 #include "support/fake_accounts.h"
 #include "support/fake_game.h"
 #include "support/fake_service.h"
@@ -43,12 +44,9 @@ protected:
         ASSERT_TRUE(service.start());
         auto me = store.add("me");
         std::ofstream(dir.path() / "state.json") << json{{"accounts", {{"me", {{"token", me.token}}}}}}.dump();
-        zq::Config c;
-        c.tcp_port = c.udp_port = c.webapi_port = 0;
-        c.game_proxy_routes.clear();
+        zq::Config c = testing_support::local_bridge_config(service.base_url());
         c.p2p_gateway = gateway;
         c.stun_server = "off";
-        c.velmar_server = service.base_url();
         c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
         bridge = std::make_unique<zq::Bridge>(c);
         std::string error;

@@ -17,13 +17,6 @@ using zq::p2p::Gateway;
 
 namespace {
 
-// Lines that hold the text anywhere.
-int count_containing(const testing_support::LogCapture& log, const std::string& text) {
-    int n = 0;
-    for (const auto& l : log.lines()) n += l.find(text) != std::string::npos;
-    return n;
-}
-
 Endpoint public_of(const Gateway& g) { return Endpoint{"127.0.0.1", g.port}; }
 
 std::uint64_t counter(const Gateway& g, int member_id, std::uint64_t zq::p2p::LinkInfo::*field) {
@@ -127,7 +120,7 @@ TEST(DataPath, APeerAtANewPortOfItsHostIsLearned) {
     got = first.receive_data();
     ASSERT_TRUE(got);
     EXPECT_EQ(got->bytes, "\xFF\xC3\x01\x01to first"s);
-    EXPECT_EQ(count_containing(log, "p2p: member 2 (bob) also at"), 1);
+    EXPECT_EQ(log.count_containing("p2p: member 2 (bob) also at"), 1);
 }
 
 // Nothing from strangers reaches the port, nor a guess between two peers behind one host. Each

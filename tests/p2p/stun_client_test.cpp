@@ -19,13 +19,6 @@ using zq::p2p::Gateway;
 
 namespace {
 
-// Lines that hold the text anywhere.
-int count_containing(const testing_support::LogCapture& log, const std::string& text) {
-    int n = 0;
-    for (const auto& l : log.lines()) n += l.find(text) != std::string::npos;
-    return n;
-}
-
 struct Told {
     std::mutex lock;
     std::vector<Endpoint> addresses;
@@ -74,8 +67,8 @@ TEST(StunClient, LearnsItsAddressAndHoldsTheRelayWhileGranted) {
     EXPECT_NE(server.last_request_token(), std::string(8, '\0'));
     EXPECT_EQ(told.size(), 1u);
     EXPECT_EQ(told.at(0), self);
-    EXPECT_EQ(count_containing(log, "p2p: relay on"), 1);
-    EXPECT_EQ(count_containing(log, "p2p: STUN sees us as"), 1);
+    EXPECT_EQ(log.count_containing("p2p: relay on"), 1);
+    EXPECT_EQ(log.count_containing("p2p: STUN sees us as"), 1);
 
     server.set_grant(false);
     ASSERT_TRUE(wait_until([&] { return g.relay_port() == 0; }, 10.0));

@@ -36,6 +36,13 @@ public:
         return std::any_of(lines_.begin(), lines_.end(),
                            [&](const std::string& l) { return l.find(text) != std::string::npos; });
     }
+    // Lines that hold the text anywhere.
+    int count_containing(const std::string& text) const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
+            return l.find(text) != std::string::npos;
+        }));
+    }
     bool wait_for(const std::string& exact_text, double seconds = 10.0) const {
         return wait_until([&] { return count(exact_text) > 0; }, seconds);
     }

@@ -15,7 +15,7 @@ TEST(WebCurl, SeesTheWebApiAndBothProxies) {
     ScriptedAnswer moved = ScriptedAnswer::text(302, "elsewhere");
     moved.headers = {{"Location", "https://example.invalid/next"}};
     service.answer("/old", moved);
-    zq::Config c = web_test::bridge_config(service.base_url());
+    zq::Config c = web_test::local_bridge_config(service.base_url());
     const int listen = web_test::closed_port();
     c.game_proxy_routes = {{0, service.base_url()},
                            {listen, "http://127.0.0.1:" + std::to_string(web_test::closed_port(listen))}};

@@ -21,7 +21,7 @@ struct ProxySetup {
     std::unique_ptr<RunningBridge> b;
     explicit ProxySetup(const std::function<void(zq::Config&)>& adjust = {}) {
         EXPECT_TRUE(service.start());
-        zq::Config c = web_test::bridge_config("http://127.0.0.1:1");
+        zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
         c.game_proxy_routes = {{0, service.base_url()}};
         if (adjust) adjust(c);
         b = std::make_unique<RunningBridge>(c);
@@ -139,7 +139,7 @@ TEST(GameProxy, ATakenPortFailsTheStartAndReleasesEverything) {
     LogCapture log;
     FakeService service;  // holds the port that the second route asks for
     ASSERT_TRUE(service.start());
-    zq::Config c = web_test::bridge_config(service.base_url());
+    zq::Config c = web_test::local_bridge_config(service.base_url());
     c.game_proxy_routes = {{0, service.base_url()}, {service.port(), service.base_url()}};
     zq::Bridge bridge(c);
     std::string error;

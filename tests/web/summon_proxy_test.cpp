@@ -16,7 +16,7 @@ struct SummonSetup {
     std::unique_ptr<RunningBridge> b;
     SummonSetup() {
         EXPECT_TRUE(service.start());
-        b = std::make_unique<RunningBridge>(web_test::bridge_config(service.base_url()));
+        b = std::make_unique<RunningBridge>(web_test::local_bridge_config(service.base_url()));
     }
     std::string url(const std::string& target) const { return b->web_url() + target; }
 };
@@ -97,7 +97,7 @@ TEST(SummonProxy, PassesStatusBodyAndPlacementOnlyOr502WhenUnreachable) {
     EXPECT_FALSE(s.service.last_request().has_header("X-ZQ-Token"));  // nobody is logged in
     EXPECT_EQ(log.count("summon /summon_messenger/list: 0 bytes -> HTTP 409, 13 bytes, placement eu-2"), 1);
 
-    RunningBridge gone(web_test::bridge_config("http://127.0.0.1:" + std::to_string(web_test::closed_port())));
+    RunningBridge gone(web_test::local_bridge_config("http://127.0.0.1:" + std::to_string(web_test::closed_port())));
     auto failed = send("POST", gone.web_url() + "/summon_messenger/list", "{}");
     EXPECT_EQ(failed.status, 502u);
     json body = json::parse(failed.body, nullptr, false);

@@ -18,7 +18,7 @@ json list(const char* key, int start) {
 
 TEST(WebApi, AnswersItsRoutesAndLogsWhatItDoesNotKnow) {
     testing_support::LogCapture log;
-    RunningBridge b(web_test::bridge_config("http://127.0.0.1:1"));
+    RunningBridge b(web_test::local_bridge_config("http://127.0.0.1:1"));
     const std::string web = b.web_url();
 
     auto status = send("GET", web + "/status?x=1");
@@ -51,7 +51,7 @@ TEST(WebApi, AnswersItsRoutesAndLogsWhatItDoesNotKnow) {
 }
 
 TEST(WebApiDebug, StateWithTheGatewayOffAndNoPeerRoutes) {
-    zq::Config c = web_test::bridge_config("http://127.0.0.1:1");
+    zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
     c.debug_endpoints = true;
     RunningBridge b(c);
     {
@@ -71,7 +71,7 @@ TEST(WebApiDebug, StateWithTheGatewayOffAndNoPeerRoutes) {
 }
 
 TEST(WebApiDebug, PeerRoutesDriveTheGateway) {
-    zq::Config c = web_test::bridge_config("http://127.0.0.1:1");
+    zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
     c.debug_endpoints = c.p2p_gateway = true;
     c.stun_server = "off";
     RunningBridge b(c);

@@ -11,6 +11,7 @@
 #include "bridge/bridge.h"
 #include "bridge/session.h"
 #include "http/fetch.h"
+#include "support/bridge_config.h"
 #include "support/fake_game.h"
 #include "support/fake_service.h"
 #include "support/host.h"
@@ -20,14 +21,7 @@
 
 namespace web_test {
 
-inline zq::Config bridge_config(const std::string& service_url) {
-    zq::Config c;
-    c.tcp_port = c.udp_port = c.webapi_port = 0;
-    c.p2p_gateway = false;
-    c.community_server = c.velmar_server = service_url;
-    c.game_proxy_routes.clear();
-    return c;
-}
+using testing_support::local_bridge_config;
 
 using testing_support::closed_port;
 
