@@ -35,7 +35,8 @@ TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     EXPECT_EQ(reply->payload(), std::string(4, '\0'));
 
     if (running_under_wine())
-        GTEST_SKIP() << "Wine does not deliver Ctrl-Break to a child's process group, so the stop event never arrives";
+        GTEST_SKIP() << "Wine does not deliver Ctrl-Break to a child's process group; WineConsole.StopsOnCtrlC "
+                        "sends Ctrl-C from the Linux side instead";
     cli.interrupt();
     EXPECT_EQ(cli.wait(), 0) << cli.output();
     EXPECT_NE(cli.output().find("[sarnlink] stopping\n"), std::string::npos);
