@@ -47,8 +47,13 @@ UpstreamReply UpstreamClient::post_json(const std::string& path, const nlohmann:
     http::ClientRequest request;
     request.method = "POST";
     request.url = base_url + path;
-    // Invalid UTF-8 is the caller's fault and throws from the JSON layer unrepaired.
-    request.body = body.dump(-1, ' ', false, nlohmann::json::error_handler_t::strict);
+    // Text that is not valid UTF-8 (a game may send any bytes) is not repaired: the call fails
+    // as any other call does, so a command answers its failure code instead of ending the process.
+    try {
+        request.body = body.dump(-1, ' ', false, nlohmann::json::error_handler_t::strict);
+    } catch (const nlohmann::json::exception& e) {
+        throw BridgeError(path + ": " + e.what());
+    }
     request.timeout_ms = timeout_ms;
     request.headers.emplace_back("Content-Type", "application/json");
     request.headers.emplace_back("Accept", "application/json");

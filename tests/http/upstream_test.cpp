@@ -198,6 +198,12 @@ TEST_F(UpstreamTest, TransportFailuresCarryThePathInFront) {
     zq::UpstreamClient no_base("");
     EXPECT_EQ(error_of([&] { no_base.recover_account("bob", "RC"); }), "/auth/recover: bad url /auth/recover");
 
+    // Bytes that are not UTF-8 (a game may send any) fail the call before anything is sent.
+    const std::size_t sent = service.request_count();
+    std::string garbled = error_of([&] { client->post_json("/x", json{{"Name", "ab\xff"}}, 1000); });
+    EXPECT_EQ(garbled.rfind("/x: ", 0), 0u) << garbled;
+    EXPECT_EQ(service.request_count(), sent);
+
     service.answer("/slow", ScriptedAnswer::delayed(30, {{"ResKind", 0}}));
     EXPECT_EQ(error_of([&] { client->post_json("/slow", json::object(), 300); }),
               "/slow: The read operation timed out");
