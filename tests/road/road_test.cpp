@@ -6,17 +6,23 @@
 #include <memory>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "bridge/bridge.h"
 #include "http/server.h"
 #include "player/sim_player.h"
 #include "shell/platform.h"
 #include "standin/ember_court.h"
 #include "standin/stun_relay_server.h"
+#include "support/files.h"
+#include "support/log_capture.h"
 #include "support/process.h"
 #include "support/wait.h"
 
 namespace {
 
+using testing_support::LogCapture;
+using testing_support::read_file;
 using testing_support::TempDir;
 using testing_support::wait_until;
 
@@ -24,9 +30,7 @@ class Road : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string error;
-        ASSERT_TRUE(service.start("127.0.0.1", 0, [this](const http::ServerRequest& r) { return court.handle(r); },
-                                  &error))
-            << error;
+        ASSERT_TRUE(serve(0, &error)) << error;
         ASSERT_TRUE(stun.address().usable());
         west = start_bridge("west");
         east = start_bridge("east");
@@ -39,6 +43,11 @@ protected:
         if (west) west->stop();
         if (east) east->stop();
         service.stop();
+    }
+
+    bool serve(int port, std::string* error) {
+        return service.start("127.0.0.1", port, [this](const http::ServerRequest& r) { return court.handle(r); },
+                             error);
     }
 
     std::unique_ptr<zq::Bridge> start_bridge(const std::string& name) {
@@ -90,6 +99,13 @@ protected:
         auto peers = player.peers();
         EXPECT_EQ(peers.size(), 1u);
         return peers.empty() ? sim::Member{} : peers.begin()->second;
+    }
+
+    std::string stored_token(const std::string& bridge, const std::string& name) {
+        auto state = nlohmann::json::parse(read_file(dir.path() / (bridge + "_state.json")), nullptr, false);
+        if (!state.is_object()) return "";
+        return zq::json_text(state.value("accounts", nlohmann::json::object()).value(name, nlohmann::json::object()),
+                             "token", "");
     }
 
     static bool all_arrived(const sim::Player& to, const sim::Player& from) {
@@ -200,6 +216,44 @@ TEST_F(Road, AGameThatDropsMidRoomLeavesTheRoomBehindIt) {
     auto joined = ashling.next_event();
     ASSERT_TRUE(joined && joined->member);
     EXPECT_EQ(joined->member->online_id, "carrow");
+}
+
+TEST_F(Road, TheEventPumpOutlivesAServiceThatGoesAwayAndComesBack) {
+    LogCapture log;
+    std::uint64_t room = meet();
+    ASSERT_NE(room, 0u);
+    std::string west_token = stored_token("west", "ashling");
+    std::string east_token = stored_token("east", "bramwell");
+    ASSERT_FALSE(west_token.empty());
+    ASSERT_FALSE(east_token.empty());
+    int port = service.port;
+    service.stop();
+    // Each pump's first failure is retried at once without a word; the second is logged and
+    // starts a back-off, which is when the service comes back here.
+    const std::string second_failure = "event poll failed (2 in a row): /np/events/poll: ";
+    ASSERT_TRUE(wait_until([&] { return log.count_containing(second_failure) >= 2; })) << "both pumps back off";
+    EXPECT_EQ(log.count_containing("event poll failed (1 in a row)"), 0);
+
+    // A game that logs in meanwhile keeps the stored token: an unreachable service is not a refusal.
+    sim::Player again("ashling");
+    std::string error;
+    ASSERT_TRUE(again.connect(west->bound_tcp_port(), &error)) << error;
+    ASSERT_TRUE(again.login(&error)) << error;
+    EXPECT_EQ(log.count("velmar: using the stored token for 'ashling' (server unreachable, kept)"), 1);
+    again.disconnect();
+
+    // The same service, with the same accounts and rooms, on the same port.
+    ASSERT_TRUE(serve(port, &error)) << error;
+    ASSERT_TRUE(bramwell.leave_room(&error)) << error;
+    auto left = ashling.next_event(10.0);
+    ASSERT_TRUE(left && left->member) << "the pump polls again after its back-off";
+    EXPECT_EQ(left->code, sim::kMemberLeft);
+    EXPECT_EQ(left->member->online_id, "bramwell");
+    EXPECT_TRUE(ashling.peers().empty());
+
+    EXPECT_EQ(stored_token("west", "ashling"), west_token);
+    EXPECT_EQ(stored_token("east", "bramwell"), east_token);
+    EXPECT_FALSE(log.contains("refused; recovering"));
 }
 
 }  // namespace
