@@ -1,18 +1,24 @@
 // The stand-in of The Ember Court for development: the service on HTTP and the STUN and relay
-// server on UDP, both on the loopback, until Ctrl-C or the given number of seconds.
+// server on UDP, until Ctrl-C or the given number of seconds.
 //
-//   ember_standin [--http-port N] [--stun-host H] [--stun-port N] [--ready-file PATH] [--seconds N]
+//   ember_standin [--http-host H] [--http-port N] [--stun-host H] [--stun-port N] [--relay-members]
+//                 [--ready-file PATH] [--seconds N]
 //
-// Port 0 lets the system choose; the ready file then receives "http_port stun_port" once both
-// are listening, which is how a script learns them. --stun-host (a loopback address, 127.0.0.1
-// by default) matters when bridges run on the same machine: a gateway sends all traffic for the
-// relay's host through the relay, so the relay must not share its host with the peers.
+// Both listen on the loopback by default; other addresses serve test networks such as network
+// namespaces. Port 0 lets the system choose; the ready file then receives "http_port stun_port"
+// once both are listening, which is how a script learns them. --stun-host matters when bridges
+// run on the same machine: a gateway sends all traffic for the relay's host through the relay,
+// so the relay must not share its host with the peers. --relay-members tells the members of a
+// room each other's relay addresses instead of their mapped ones, as the service does for
+// players whose NATs cannot be punched through. On the way out it says how many relay frames
+// it forwarded.
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "http/server.h"
@@ -41,38 +47,52 @@ bool quiet_path(const std::string& path) {
 int main(int argc, char** argv) {
     int http_port = 18671;
     int stun_port = 3478;
+    std::string http_host = "127.0.0.1";
     std::string stun_host = "127.0.0.1";
+    bool relay_members = false;
     double seconds = 0;
     std::string ready_file;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    for (int i = 1; i < argc; i += 2) {
         std::string key = argv[i];
-        if (key == "--http-port") http_port = std::atoi(argv[i + 1]);
+        if (key == "--relay-members") {
+            relay_members = true;
+            --i;
+            continue;
+        }
+        if (i + 1 >= argc) key.clear();
+        if (key == "--http-host") http_host = argv[i + 1];
+        else if (key == "--http-port") http_port = std::atoi(argv[i + 1]);
         else if (key == "--stun-port") stun_port = std::atoi(argv[i + 1]);
         else if (key == "--stun-host") stun_host = argv[i + 1];
         else if (key == "--ready-file") ready_file = argv[i + 1];
         else if (key == "--seconds") seconds = std::atof(argv[i + 1]);
         else {
             std::printf(
-                "usage: ember_standin [--http-port N] [--stun-host H] [--stun-port N] [--ready-file PATH] "
-                "[--seconds N]\n");
+                "usage: ember_standin [--http-host H] [--http-port N] [--stun-host H] [--stun-port N] "
+                "[--relay-members] [--ready-file PATH] [--seconds N]\n");
             return 2;
         }
     }
     zq::network_init();
     standin::EmberCourt court;
-    if (stun_host.rfind("127.", 0) != 0) {
-        say("--stun-host must be a loopback address");
-        return 2;
-    }
     standin::StunRelayServer stun(stun_host, stun_port);
     if (!stun.address().usable()) {
         say(zq::format_text("cannot bind udp %s:%d", stun_host.c_str(), stun_port));
         return 1;
     }
+    if (relay_members) {
+        // The mapped address a member reports is the one the relay server saw asking, which is
+        // how its allocation is found.
+        court.matching.set_reach([&stun](const std::string& host, int port) {
+            std::optional<std::pair<std::string, int>> relay;
+            if (auto a = stun.relay_address_of(zq::Endpoint{host, port})) relay = std::make_pair(a->host, a->port);
+            return relay;
+        });
+    }
     http::Server server;
     std::string error;
     bool started = server.start(
-        "127.0.0.1", http_port,
+        http_host, http_port,
         [&court](const http::ServerRequest& request) {
             http::ServerResponse response = court.handle(request);
             std::string path = request.path.substr(0, request.path.find('?'));
@@ -87,8 +107,9 @@ int main(int argc, char** argv) {
         say("cannot serve http: " + error);
         return 1;
     }
-    say(zq::format_text("The Ember Court stand-in on http://127.0.0.1:%d, STUN and relay on udp %s", server.port,
-                        stun.address().text().c_str()));
+    say(zq::format_text("The Ember Court stand-in on http://%s:%d, STUN and relay on udp %s%s", http_host.c_str(),
+                        server.port, stun.address().text().c_str(),
+                        relay_members ? ", members meet through the relay" : ""));
     if (!ready_file.empty()) {
         std::ofstream out(ready_file + ".tmp");
         out << server.port << " " << stun.address().port << "\n";
@@ -100,6 +121,7 @@ int main(int argc, char** argv) {
     double until = seconds > 0 ? zq::steady_seconds() + seconds : 0;
     while (!stop && (until == 0 || zq::steady_seconds() < until)) zq::sleep_ms(200);
     server.stop();
+    say(zq::format_text("relay forwarded %d frames", stun.relayed()));
     say("stopped");
     return 0;
 }

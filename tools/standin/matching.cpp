@@ -10,21 +10,33 @@ const char* const Matching::kPaths[] = {"/mp/matching2/context_start", "/mp/matc
 
 namespace {
 
-nlohmann::json member_record(int member_id, const nlohmann::json& body) {
-    return {{"MemberId", member_id},
-            {"OnlineId", body.value("OnlineId", "")},
-            {"Addr", body.value("MappedAddr", "")},
-            {"Port", body.value("MappedPort", 0)},
-            {"LocalAddr", body.value("LocalAddr", "")},
-            {"LocalPort", body.value("LocalPort", 0)}};
-}
-
 Answer ok(nlohmann::json body = nlohmann::json::object()) {
     body["ResKind"] = 0;
     return Answer{200, std::move(body)};
 }
 
 }  // namespace
+
+void Matching::set_reach(Reach r) {
+    std::lock_guard<std::mutex> hold(lock);
+    reach = std::move(r);
+}
+
+std::pair<std::string, int> Matching::reach_locked(std::pair<std::string, int> mapped) const {
+    if (!reach) return mapped;
+    auto other = reach(mapped.first, mapped.second);
+    return other ? *other : mapped;
+}
+
+nlohmann::json Matching::member_record_locked(int member_id, const nlohmann::json& body) const {
+    auto [addr, port] = reach_locked({body.value("MappedAddr", ""), body.value("MappedPort", 0)});
+    return {{"MemberId", member_id},
+            {"OnlineId", body.value("OnlineId", "")},
+            {"Addr", addr},
+            {"Port", port},
+            {"LocalAddr", body.value("LocalAddr", "")},
+            {"LocalPort", body.value("LocalPort", 0)}};
+}
 
 void Matching::push_event(const std::string& online_id, const nlohmann::json& event) {
     std::lock_guard<std::mutex> hold(lock);
@@ -101,7 +113,7 @@ std::optional<Answer> Matching::serve(const Call& call) {
 
     if (path == "/mp/matching2/signaling_update") {
         std::string online_id = body.value("OnlineId", "");
-        std::pair<std::string, int> mapped{body.value("MappedAddr", ""), body.value("MappedPort", 0)};
+        std::pair<std::string, int> mapped = reach_locked({body.value("MappedAddr", ""), body.value("MappedPort", 0)});
         signaled[online_id] = mapped;
         std::uint64_t room_id = 0;
         if (Room* room = room_of_session_locked(body.value("SessionId", ""), &room_id)) {
@@ -120,7 +132,7 @@ std::optional<Answer> Matching::serve(const Call& call) {
         room.session_id = "session-" + std::to_string(room_id);
         room.max_members = body.value("MaxMembers", 5);
         int member_id = room.next_member++;
-        room.members[member_id] = member_record(member_id, body);
+        room.members[member_id] = member_record_locked(member_id, body);
         return ok({{"RoomId", room_id},
                    {"SessionId", room.session_id},
                    {"MemberId", member_id},
@@ -136,7 +148,7 @@ std::optional<Answer> Matching::serve(const Call& call) {
         Room& room = found->second;
         if (static_cast<int>(room.members.size()) >= room.max_members) return refused("full", 2);
         int member_id = room.next_member++;
-        nlohmann::json record = member_record(member_id, body);
+        nlohmann::json record = member_record_locked(member_id, body);
         nlohmann::json joined = record;
         joined["Name"] = "room_member_joined";
         joined["RoomId"] = room_id;

@@ -4,6 +4,7 @@
 // kicks and closings queue the events the other members would see. Safe from several threads.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -34,6 +35,12 @@ public:
     // The public address of an online id: as he last reported it, else as his room knows it.
     std::optional<std::pair<std::string, int>> locate(const std::string& online_id) const;
 
+    // Where the others are told to reach a member who reports this mapped address; nothing
+    // keeps the mapped address. A service sets it to hand out relay addresses to players whose
+    // NATs cannot be punched through. Called with the matching lock held.
+    using Reach = std::function<std::optional<std::pair<std::string, int>>(const std::string& host, int port)>;
+    void set_reach(Reach reach);
+
 private:
     struct Room {
         std::string session_id;
@@ -42,6 +49,8 @@ private:
         std::map<int, nlohmann::json> members;
     };
 
+    nlohmann::json member_record_locked(int member_id, const nlohmann::json& body) const;
+    std::pair<std::string, int> reach_locked(std::pair<std::string, int> mapped) const;
     Room* room_of_session_locked(const std::string& session_id, std::uint64_t* room_id);
     void tell_others_locked(const Room& room, int except, const nlohmann::json& event);
 
@@ -51,6 +60,7 @@ private:
     std::map<std::string, std::vector<nlohmann::json>> event_queues;
     std::map<std::string, std::uint64_t> acked;
     std::map<std::string, std::pair<std::string, int>> signaled;  // online id -> reported address
+    Reach reach;
 };
 
 }  // namespace standin

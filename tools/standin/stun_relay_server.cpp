@@ -95,6 +95,13 @@ int StunRelayServer::relayed() const {
     return relayed_;
 }
 
+std::optional<zq::Endpoint> StunRelayServer::relay_address_of(const zq::Endpoint& client) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto found = allocations_.find(client.text());
+    if (found == allocations_.end()) return std::nullopt;
+    return zq::Endpoint{address_.host, found->second.port};
+}
+
 void StunRelayServer::serve() {
     std::string buffer(65536, '\0');
     while (!stopping_) {

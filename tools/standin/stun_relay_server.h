@@ -36,6 +36,9 @@ public:
     std::string last_request_token() const;
     // Relay frames forwarded from one allocation to another.
     int relayed() const;
+    // The relay address (this server's host, the allocation's port) held by the client that
+    // asks from this address; nothing before that client's first granted Binding Request.
+    std::optional<zq::Endpoint> relay_address_of(const zq::Endpoint& client) const;
 
 private:
     struct Allocation {
