@@ -74,6 +74,16 @@ protected:
         if (!why.empty()) GTEST_SKIP() << why;
     }
 
+    // Every program ends in order, so that one that fails on its way out (a sanitizer's report
+    // among others) fails the test.
+    void TearDown() override {
+        auto all = {&players[0], &players[1], &bridges[0], &bridges[1], &standin};
+        for (auto* p : all)
+            if (*p) (*p)->interrupt();
+        for (auto* p : all)
+            if (*p) EXPECT_EQ((*p)->wait(10.0), 0) << (*p)->output();
+    }
+
     void build(NatKind kind) {
         const std::string forward = "echo 1 > /proc/sys/net/ipv4/ip_forward";
         bool ok = lab.add("inet") && lab.ip("inet", {"addr", "add", std::string(kService) + "/32", "dev", "lo"}) &&
