@@ -65,6 +65,7 @@ bool NetworkLab::run(const std::filesystem::path& program, const std::vector<std
         for (const auto& a : args) text << ' ' << a;
         text << ": exit " << r.exit_code << ": " << r.output;
         error_ = text.str();
+        while (!error_.empty() && (error_.back() == '\n' || error_.back() == ' ')) error_.pop_back();
     }
     return false;
 }
