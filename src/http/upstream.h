@@ -35,8 +35,9 @@ public:
     std::string current_token() const;
     std::string current_online_id() const;
 
-    // One POST of the compact JSON body; throws only when the transport fails. With a session,
-    // the request goes out on it instead of the process-wide one.
+    // One POST of the compact JSON body; throws only when the transport fails, or when the body
+    // holds text that is not UTF-8 and so never leaves. With a session, the request goes out on it
+    // instead of the process-wide one.
     UpstreamReply post_json(const std::string& path, const nlohmann::json& body, std::uint32_t timeout_ms,
                             http::RecycledSession* session = nullptr);
     // The body of a positive answer (2xx with ResKind 0), or a BridgeError that says why not.

@@ -1,0 +1,327 @@
+// Faults injected around a running bridge: a service that refuses, answers badly or holds its
+// answer; a game that leaves while a command or a poll is out; a state file that cannot be
+// written. What is checked is what the game and the player see: result codes, a bridge that
+// goes on serving, and files left whole.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+
+#include "bridge/bridge.h"
+#include "bridge/frames.h"
+#include "shell/platform.h"
+#include "support/bridge_config.h"
+#include "support/fake_accounts.h"
+#include "support/fake_game.h"
+#include "support/fake_matching.h"
+#include "support/fake_service.h"
+#include "support/files.h"
+#include "support/log_capture.h"
+#include "support/ports.h"
+#include "support/process.h"
+
+using nlohmann::json;
+using testing_support::FakeAccounts;
+using testing_support::FakeGame;
+using testing_support::FakeService;
+using testing_support::length_prefixed;
+using testing_support::LogCapture;
+using testing_support::ScriptedAnswer;
+using testing_support::TempDir;
+using testing_support::wait_until;
+
+namespace {
+
+std::string varint_field(std::uint32_t number, std::uint64_t value) {
+    std::string out;
+    zq::put_varint(out, number << 3);
+    zq::put_varint(out, value);
+    return out;
+}
+
+std::string login_body(const std::string& npid) { return length_prefixed(zq::FieldMessage().string(1, npid).bytes()); }
+
+zq::Config config_for(const std::string& velmar, const std::filesystem::path& state) {
+    zq::Config c = testing_support::local_bridge_config(velmar);
+    c.local_addr = "192.0.2.10";
+    c.poll_interval = 0.02;
+    c.create_accounts = true;
+    c.state_file = zq::wide_to_utf8(state.wstring());
+    return c;
+}
+
+// Holds the requests that reach it until it is opened; counts those it holds.
+class Gate {
+public:
+    void close() {
+        std::lock_guard<std::mutex> guard(lock_);
+        open_ = false;
+    }
+    void open() {
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            open_ = true;
+        }
+        wake_.notify_all();
+    }
+    void pass() {
+        std::unique_lock<std::mutex> guard(lock_);
+        ++held_;
+        wake_.wait(guard, [this] { return open_; });
+        --held_;
+    }
+    bool wait_held(double seconds = 10.0) {
+        return wait_until([this] {
+            std::lock_guard<std::mutex> guard(lock_);
+            return held_ > 0;
+        }, seconds);
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable wake_;
+    bool open_ = true;
+    int held_ = 0;
+};
+
+}  // namespace
+
+// Each command that goes upstream answers the game its own failure code, whether the service
+// cannot be reached or answers with a status, a page or a cut-off document; nothing is saved, and
+// the connection serves on.
+TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCode) {
+    struct Fault {
+        const char* name;
+        std::optional<ScriptedAnswer> answer;  // none: nobody listens
+        const char* words;                     // behind the path in the log
+    } faults[] = {
+        {"refused connection", std::nullopt, "request failed ("},
+        {"401", ScriptedAnswer::text(401, R"({"ResKind":1,"Message":"who are you"})"), "HTTP 401 who are you"},
+        {"500", ScriptedAnswer::json({{"ResKind", 0}}, 500), "HTTP 500 "},
+        {"html page", ScriptedAnswer::text(200, "<html><body>Bad Gateway</body></html>"),
+         "no account/matching service (HTTP 200)"},
+        {"truncated json", ScriptedAnswer::text(200, R"({"ResKind":0,"RoomId":7,"Sess)"),
+         "no account/matching service (HTTP 200)"},
+    };
+    struct Command {
+        std::uint16_t number;
+        std::string body;
+        int code;
+    } commands[] = {
+        {0, login_body("ash"), 5},                                                      // login refused
+        {100, length_prefixed(varint_field(1, 3)), 2},                                  // context start
+        {101, length_prefixed(""), 2},                                                  // create room
+        {102, length_prefixed(varint_field(1, 1001)), 14},                              // join room
+        {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},             // kick
+        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},        // resolve peer
+    };
+
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.name);
+        TempDir dir;
+        FakeService service;
+        ASSERT_TRUE(service.start());
+        if (fault.answer) service.set_fallback([&](const auto&) { return fault.answer; });
+        std::string url = fault.answer ? service.base_url()
+                                       : "http://127.0.0.1:" + std::to_string(testing_support::closed_port());
+        LogCapture log;
+        zq::Bridge bridge(config_for(url, dir.path() / "state.json"));
+        ASSERT_TRUE(bridge.start(nullptr));
+        FakeGame game;
+        ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
+        std::uint64_t packet = 0;
+        for (const auto& command : commands) {
+            auto reply = game.request(command.number, ++packet, command.body);
+            ASSERT_TRUE(reply) << command.number;
+            EXPECT_EQ(reply->result(), command.code) << command.number;
+            EXPECT_EQ(reply->payload(), "") << command.number;
+        }
+        EXPECT_TRUE(log.contains("create_room failed: /mp/matching2/create_room: " + std::string(fault.words)));
+        EXPECT_FALSE(std::filesystem::exists(dir.path() / "state.json"));
+        auto features = game.request(111, ++packet, "");
+        ASSERT_TRUE(features);
+        EXPECT_EQ(features->result(), 0);
+    }
+}
+
+// Online ids come from the game as raw bytes; one that is not UTF-8 cannot go into a JSON body.
+// The command fails like any upstream failure, and the bridge lives on.
+TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
+    TempDir dir;
+    FakeService service;
+    ASSERT_TRUE(service.start());
+    FakeAccounts store{service};
+    LogCapture log;
+    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
+    ASSERT_TRUE(bridge.start(nullptr));
+    FakeGame game;
+    ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
+
+    auto reply = game.request(105, 1, length_prefixed(zq::FieldMessage().string(1, "b\xFF\xFEob").bytes()));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 26);
+    reply = game.request(0, 2, login_body("ash\xC3"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 5);
+    EXPECT_TRUE(log.contains("velmar account failed for 'ash\xC3': /auth/account/create: "));
+    reply = game.request(100, 3, length_prefixed(""));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 2);
+    EXPECT_TRUE(service.requests().empty());
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "state.json"));
+
+    // The same connection, and a new one, are served as before.
+    reply = game.request(0, 4, login_body("ash"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 0);
+    FakeGame other;
+    ASSERT_TRUE(other.connect_and_greet(bridge.bound_tcp_port()));
+    ASSERT_TRUE(other.request(111, 1, ""));
+}
+
+// A game that goes away while its command waits on the service, and one that goes away while
+// its pump's poll is out: other games are served meanwhile, each session leaves its room once
+// its call comes back, and stop does not linger.
+TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed) {
+    constexpr const char* kKick = "/mp/matching2/kick_member";
+    constexpr const char* kPoll = "/np/events/poll";
+    constexpr const char* kLeave = "/mp/matching2/leave_room";
+    Gate kick_gate, poll_gate;
+    TempDir dir;
+    FakeService service;
+    ASSERT_TRUE(service.start());
+    FakeAccounts store{service};
+    testing_support::FakeMatching matching{service};
+    for (auto [path, gate] : {std::pair{kKick, &kick_gate}, std::pair{kPoll, &poll_gate}}) {
+        service.handle(path, [&matching, gate](const testing_support::RecordedRequest& r) {
+            gate->pass();
+            return testing_support::scripted(*matching.rooms.serve(testing_support::call_of(r)));
+        });
+    }
+    // However the test ends, nothing stays held while the service stops.
+    struct OpenAtEnd {
+        Gate& a;
+        Gate& b;
+        ~OpenAtEnd() {
+            a.open();
+            b.open();
+        }
+    } open_at_end{kick_gate, poll_gate};
+
+    LogCapture log;
+    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
+    ASSERT_TRUE(bridge.start(nullptr));
+    const int port = bridge.bound_tcp_port();
+    FakeGame alice, bob, carol;
+    ASSERT_TRUE(alice.connect_and_greet(port));
+    ASSERT_TRUE(bob.connect_and_greet(port));
+    ASSERT_EQ(alice.request(0, 1, login_body("alice"))->result(), 0);
+    ASSERT_EQ(bob.request(0, 1, login_body("bob"))->result(), 0);
+    ASSERT_EQ(alice.request(100, 2, length_prefixed(""))->result(), 0);
+    ASSERT_EQ(bob.request(100, 2, length_prefixed(""))->result(), 0);
+    ASSERT_EQ(alice.request(101, 3, length_prefixed(""))->result(), 0);  // room 1001, alice is 1
+    ASSERT_EQ(bob.request(102, 3, length_prefixed(varint_field(1, 1001)))->result(), 0);
+
+    // Alice's kick is held by the service; she leaves while it is out.
+    kick_gate.close();
+    ASSERT_TRUE(alice.send_request(110, 4, length_prefixed(varint_field(3, 9))));
+    ASSERT_TRUE(kick_gate.wait_held());
+    alice.close();
+    ASSERT_TRUE(carol.connect_and_greet(port));
+    ASSERT_EQ(carol.request(0, 1, login_body("carol"))->result(), 0);
+    ASSERT_EQ(bob.request(111, 4, "")->result(), 0);
+    EXPECT_EQ(matching.rooms.room_members(1001).size(), 2u);
+    kick_gate.open();
+    EXPECT_TRUE(log.wait_for("tcp: session for 'alice' closed"));
+    EXPECT_EQ(matching.rooms.room_members(1001).size(), 1u);
+    EXPECT_TRUE(log.wait_for("event: member 1 left (leave_room)"));
+
+    // Bob leaves while his pump's poll is held.
+    poll_gate.close();
+    ASSERT_TRUE(poll_gate.wait_held());
+    bob.close();
+    auto reply = carol.request(101, 2, length_prefixed(""));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 0);
+    EXPECT_FALSE(log.contains("tcp: session for 'bob' closed"));  // his session waits for its pump
+    poll_gate.open();
+    EXPECT_TRUE(log.wait_for("tcp: session for 'bob' closed"));
+    EXPECT_TRUE(matching.rooms.room_members(1001).empty());
+    EXPECT_EQ(service.requests_to(kLeave).size(), 2u);
+
+    auto began = std::chrono::steady_clock::now();
+    bridge.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+    EXPECT_TRUE(carol.wait_closed());
+}
+
+namespace {
+
+// A player whose state file cannot be replaced logs in all the same, goes on with the account in
+// memory, and finds the file as it was. The check is what the game and the service see.
+void login_with_unwritable_state(const std::filesystem::path& state, const std::function<void()>& break_it) {
+    FakeService service;
+    ASSERT_TRUE(service.start());
+    FakeAccounts store{service};
+    const std::string before =
+        json{{"accounts", {{"elder", {{"velmar_name", "elder"}, {"recovery_code", "rc-old"}}}}}}.dump();
+    if (std::filesystem::is_directory(state.parent_path())) testing_support::write_file(state, before);
+    break_it();
+
+    LogCapture log;
+    zq::Bridge bridge(config_for(service.base_url(), state));
+    ASSERT_TRUE(bridge.start(nullptr));
+    FakeGame game;
+    ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
+    ASSERT_EQ(game.request(0, 1, login_body("fresh"))->result(), 0);
+    EXPECT_EQ(log.count("velmar: created account 'fresh' (token and recovery code stored in sarnlink_state.json - "
+                        "keep that file)"),
+              1);
+    const std::string token = store.get("fresh").token;
+    ASSERT_FALSE(token.empty());
+
+    auto identity = game.request(39, 2, "");
+    ASSERT_TRUE(identity);
+    EXPECT_EQ(zq::string_field(*zq::read_request(identity->payload()), 1), token);
+    service.answer_json("/mp/matching2/context_start", {{"ResKind", 0}});
+    ASSERT_EQ(game.request(100, 3, length_prefixed(""))->result(), 0);
+    EXPECT_EQ(service.requests_to("/mp/matching2/context_start").at(0).header("X-ZQ-Token"), token);
+
+    if (std::filesystem::is_directory(state.parent_path()))
+        EXPECT_EQ(testing_support::read_file(state), before);
+    else
+        EXPECT_FALSE(std::filesystem::exists(state));
+}
+
+}  // namespace
+
+// The temporary file's name is taken by a folder, or the state file's folder is a plain file:
+// both refuse the write even to an administrator.
+TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldFileWhole) {
+    {
+        SCOPED_TRACE("temporary name taken");
+        TempDir dir;
+        login_with_unwritable_state(dir.path() / "state.json",
+                                    [&] { std::filesystem::create_directory(dir.path() / "state.json.tmp"); });
+    }
+    {
+        SCOPED_TRACE("folder is a file");
+        TempDir dir;
+        testing_support::write_file(dir.path() / "plain", "not a folder");
+        login_with_unwritable_state(dir.path() / "plain" / "state.json", [] {});
+    }
+}
+
+// A full medium: the temporary file opens but no byte fits. /dev/full gives exactly that error for
+// a plain write, so the temporary name leads there.
+TEST(BridgeFaults, StateFileOnAFullMediumKeepsTheOldFile) {
+    if (!std::filesystem::exists("/dev/full"))
+        GTEST_SKIP() << "no /dev/full here (Windows has no device that is always full to stand for a full disk)";
+    TempDir dir;
+    login_with_unwritable_state(dir.path() / "state.json", [&] {
+        std::filesystem::create_symlink("/dev/full", dir.path() / "state.json.tmp");
+    });
+}
