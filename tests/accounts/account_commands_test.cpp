@@ -156,6 +156,42 @@ TEST_F(AccountCommands, FailedWriteLosesNothing) {
     EXPECT_TRUE(accounts().contains("elm"));
 }
 
+// The commands show the web code and the sign-in's user code on purpose; a token or a recovery
+// code never reaches the console or the --log file, also when it is given on the command line.
+TEST_F(AccountCommands, NoTokenOrRecoveryCodeIsPrintedOrLogged) {
+    std::string seen;
+    int runs = 0;
+    auto run_logged = [&](const std::vector<std::string>& args) {
+        std::string log = "run" + std::to_string(++runs) + ".log";
+        std::vector<std::string> with_log = {"--log", log};
+        with_log.insert(with_log.end(), args.begin(), args.end());
+        auto r = run(with_log);
+        seen += r.output + read_file(dir.path() / log);
+        return r;
+    };
+    std::vector<std::string> secrets;
+
+    ASSERT_EQ(run_logged({"--create", "ash"}).exit_code, 0);
+    auto created = store.get("ash");
+    secrets.insert(secrets.end(), {created.token, created.recovery_code});
+    EXPECT_EQ(verdict(run_logged({"--web-code", "ash"})), "WEB-ash");
+    ASSERT_EQ(run_logged({"--sign-out", "ash"}).exit_code, 0);
+    ASSERT_EQ(run_logged({"--recover", "ash", created.recovery_code}).exit_code, 0);
+    auto recovered = store.get("ash");
+    secrets.insert(secrets.end(), {recovered.token, recovered.recovery_code});
+    EXPECT_EQ(run_logged({"--recover", "ash", "rc-wrong-code"}).exit_code, 1);
+    secrets.push_back("rc-wrong-code");
+    store.set_device_flow(0, "approved", "ember");
+    ASSERT_EQ(run_logged({"--link-discord"}).exit_code, 0);
+    secrets.push_back(store.get("ember").token);
+
+    EXPECT_NE(read_file(dir.path() / "run4.log").find("account: recovered 'ash'"), std::string::npos);
+    for (const auto& secret : secrets) {
+        ASSERT_FALSE(secret.empty());
+        EXPECT_EQ(seen.find(secret), std::string::npos) << secret;
+    }
+}
+
 TEST_F(AccountCommands, DiscordSignIn) {
     write_file(state(), json{{"accounts", {{"ember", {{"recovery_code", "old"}, {"token", "old"}}}}}}.dump());
     store.set_device_flow(2, "approved", "ember");
