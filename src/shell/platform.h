@@ -3,6 +3,7 @@
 // Implemented in platform_win32.cpp and platform_posix.cpp.
 
 #include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <optional>
@@ -38,5 +39,13 @@ std::string computer_name();
 
 // Local broken-down time, thread-safe.
 std::tm local_time(std::time_t t);
+
+// What this process holds of the machine right now: its threads, and its memory (resident set on
+// Linux, private bytes on Windows). Zero where the system does not tell.
+struct ProcessUsage {
+    int threads = 0;
+    std::uint64_t memory_bytes = 0;
+};
+ProcessUsage process_usage();
 
 }  // namespace zq

@@ -3,6 +3,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include <unistd.h>
@@ -127,6 +129,18 @@ std::tm local_time(std::time_t t) {
     std::tm out{};
     localtime_r(&t, &out);
     return out;
+}
+
+ProcessUsage process_usage() {
+    ProcessUsage usage;
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("Threads:", 0) == 0) usage.threads = std::atoi(line.c_str() + 8);
+        // In kB, whatever the line's unit word says.
+        if (line.rfind("VmRSS:", 0) == 0) usage.memory_bytes = std::strtoull(line.c_str() + 6, nullptr, 10) * 1024;
+    }
+    return usage;
 }
 
 }  // namespace zq

@@ -1,7 +1,9 @@
 #include "shell/platform.h"
 
 #include <windows.h>
+#include <psapi.h>
 #include <shellapi.h>
+#include <tlhelp32.h>
 
 #include <time.h>
 
@@ -84,6 +86,25 @@ std::tm local_time(std::time_t t) {
     std::tm out{};
     localtime_s(&out, &t);
     return out;
+}
+
+ProcessUsage process_usage() {
+    ProcessUsage usage;
+    // The snapshot lists every thread of the system; ours are those with our process id.
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    if (snapshot != INVALID_HANDLE_VALUE) {
+        const DWORD self = GetCurrentProcessId();
+        THREADENTRY32 entry = {};
+        entry.dwSize = sizeof entry;
+        for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
+            usage.threads += entry.th32OwnerProcessID == self;
+        CloseHandle(snapshot);
+    }
+    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    counters.cb = sizeof counters;
+    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters))
+        usage.memory_bytes = counters.PrivateUsage;
+    return usage;
 }
 
 }  // namespace zq

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "shell/log.h"
 #include "shell/net.h"
@@ -117,4 +119,19 @@ TEST(Util, LogTurnover) {
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[2].substr(8), " [sarnlink] console only");
     EXPECT_EQ(seen[2][2], ':');
+}
+
+TEST(ProcessUsage, SeesAThreadComeAndGo) {
+    const zq::ProcessUsage before = zq::process_usage();
+    EXPECT_GT(before.threads, 0);
+    EXPECT_GT(before.memory_bytes, 0u);
+    std::atomic<bool> release{false};
+    std::thread extra([&] {
+        while (!release) zq::sleep_ms(1);
+    });
+    // Other tests' threads do not run here, so the count moves by exactly this one.
+    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads + 1; }));
+    release = true;
+    extra.join();
+    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads; }));
 }

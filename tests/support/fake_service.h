@@ -67,6 +67,8 @@ public:
     bool start(std::string* error = nullptr);
     void stop();
     int port() const;
+    // Connections open on the service now, each held by a thread of this process.
+    int open_connections() const { return server.active_connections.load(); }
     // "http://127.0.0.1:<port>", without a trailing slash.
     std::string base_url() const;
 
