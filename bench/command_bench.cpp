@@ -1,0 +1,128 @@
+// The command round trip as the game feels it: a Request out, its Reply back, over the loopback
+// against a bridge whose remote service is the tests' stand-in. One connection and many; one
+// request at a time and a window of pipelined ones; and the login, which asks the service.
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bridge/bridge.h"
+#include "bridge/frames.h"
+#include "measure.h"
+#include "shell/platform.h"
+#include "support/fake_accounts.h"
+#include "support/fake_game.h"
+#include "support/fake_service.h"
+#include "support/files.h"
+#include "support/process.h"
+
+namespace {
+
+using testing_support::FakeGame;
+
+constexpr double kSeconds = 2.0;
+constexpr int kMaxGames = 32;
+
+std::string name_of(int i) { return "bench" + std::to_string(i); }
+
+std::string echo_body(std::uint64_t value) { return zq::wrap_message(zq::FieldMessage().number(2, value).bytes()); }
+
+bool login(FakeGame& game, int i) {
+    auto reply = game.request(0, 1, zq::wrap_message(zq::FieldMessage().string(1, name_of(i)).bytes()));
+    return reply && reply->result() == 0;
+}
+
+// Sequential round trips on each of `games` connections at once, for kSeconds.
+void round_trips(std::vector<std::unique_ptr<FakeGame>>& all, int games) {
+    std::vector<std::vector<double>> samples(games);
+    std::atomic<bool> failed{false};
+    std::vector<std::thread> threads;
+    const double end = bench::now() + kSeconds;
+    for (int g = 0; g < games; ++g)
+        threads.emplace_back([&, g] {
+            for (std::uint64_t packet = 1; bench::now() < end; ++packet) {
+                const double sent = bench::now();
+                auto reply = all[g]->request(108, packet, echo_body(packet));
+                if (!reply || reply->packet_id != packet) return failed.store(true);
+                samples[g].push_back(bench::now() - sent);
+            }
+        });
+    for (auto& t : threads) t.join();
+    std::vector<double> merged;
+    for (auto& s : samples) merged.insert(merged.end(), s.begin(), s.end());
+    if (failed) std::fprintf(stderr, "round trips on %d connections: a reply went missing\n", games);
+    bench::report("round trips, " + std::to_string(games) + " connection(s), one at a time",
+                  static_cast<double>(merged.size()) / kSeconds, merged);
+}
+
+// One connection that keeps `window` requests in flight.
+void pipelined(FakeGame& game, int window) {
+    std::uint64_t sent = 0, answered = 0;
+    const double end = bench::now() + kSeconds;
+    while (bench::now() < end) {
+        while (sent - answered < static_cast<std::uint64_t>(window)) game.send_request(108, ++sent, echo_body(sent));
+        auto reply = game.read_frame(5.0);
+        if (!reply) {
+            std::fprintf(stderr, "pipelined: a reply went missing\n");
+            return;
+        }
+        answered += reply->kind == 1;
+    }
+    while (answered < sent && game.read_frame(5.0)) ++answered;
+    bench::report("round trips, 1 connection, " + std::to_string(window) + " in flight",
+                  static_cast<double>(answered) / kSeconds);
+}
+
+}  // namespace
+
+int main() {
+    testing_support::TempDir dir;
+    testing_support::FakeService service;
+    testing_support::FakeAccounts accounts(service);
+    if (!service.start()) return 1;
+    nlohmann::json records = nlohmann::json::object();
+    for (int i = 0; i < kMaxGames; ++i)
+        records[name_of(i)] = {{"token", accounts.add(name_of(i)).token}, {"online_id", name_of(i)}};
+    testing_support::write_file(dir.path() / "state.json", nlohmann::json{{"accounts", records}}.dump());
+
+    zq::Config c;
+    c.tcp_port = c.udp_port = c.webapi_port = 0;
+    c.p2p_gateway = false;
+    c.velmar_server = c.community_server = service.base_url();
+    c.game_proxy_routes.clear();
+    c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
+    zq::Bridge bridge(c);
+    std::string error;
+    if (!bridge.start(&error)) {
+        std::fprintf(stderr, "bridge: %s\n", error.c_str());
+        return 1;
+    }
+
+    std::vector<std::unique_ptr<FakeGame>> games;
+    for (int i = 0; i < kMaxGames; ++i) {
+        games.push_back(std::make_unique<FakeGame>());
+        if (!games.back()->connect_and_greet(bridge.bound_tcp_port()) || !login(*games.back(), i)) {
+            std::fprintf(stderr, "game %d could not log in\n", i);
+            return 1;
+        }
+    }
+
+    // A login asks the service to check the stored token: the slowest command a game waits for.
+    std::vector<double> logins;
+    const double end = bench::now() + kSeconds;
+    while (bench::now() < end) {
+        const double sent = bench::now();
+        if (!login(*games[0], 0)) return 1;
+        logins.push_back(bench::now() - sent);
+    }
+    bench::report("logins (token check upstream), 1 connection", static_cast<double>(logins.size()) / kSeconds, logins);
+
+    for (int n : {1, 8, 32}) round_trips(games, n);
+    for (int window : {16, 64}) pipelined(*games[0], window);
+    bridge.stop();
+    service.stop();
+    return 0;
+}
