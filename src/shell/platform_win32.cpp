@@ -100,10 +100,10 @@ ProcessUsage process_usage() {
             usage.threads += entry.th32OwnerProcessID == self;
         CloseHandle(snapshot);
     }
-    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    // The commit charge: the private bytes, also where the extended record's field stays 0 (Wine).
+    PROCESS_MEMORY_COUNTERS counters = {};
     counters.cb = sizeof counters;
-    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters))
-        usage.memory_bytes = counters.PrivateUsage;
+    if (GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)) usage.memory_bytes = counters.PagefileUsage;
     return usage;
 }
 

@@ -38,10 +38,6 @@ using testing_support::wait_until;
 
 namespace {
 
-// Wine's loopback is slower and its thread start-up dearer: fewer of everything there, the
-// same shape of load.
-int scaled(int count) { return testing_support::running_under_wine() ? (count + 3) / 4 : count; }
-
 std::string player_name(int i) { return "player" + std::to_string(i); }
 
 // Collects what went wrong on the client threads; gtest assertions stay on the test's thread.
@@ -213,16 +209,16 @@ protected:
 
 TEST_F(BridgeLoad, GamesPipelineCommandsAndEveryReplyFindsItsRequest) {
     Faults faults;
-    run_games(scaled(kPlayers), 4, faults);
+    run_games(kPlayers, 4, faults);
     EXPECT_EQ(faults.count(), 0) << faults.text();
     EXPECT_TRUE(wait_until([&] { return sessions_empty(); }));
     // One token check each, and nothing written: the stored tokens all held.
-    EXPECT_EQ(service.requests_to("/np/signaling/resolve").size(), static_cast<std::size_t>(scaled(kPlayers)));
+    EXPECT_EQ(service.requests_to("/np/signaling/resolve").size(), static_cast<std::size_t>(kPlayers));
 }
 
 TEST_F(BridgeLoad, WebApiAndGameProxyAnswerManyConnectionsAtOnce) {
     Faults faults;
-    run_http(scaled(24), 8, faults);
+    run_http(24, 8, faults);
     EXPECT_EQ(faults.count(), 0) << faults.text();
 }
 
@@ -230,7 +226,9 @@ TEST_F(BridgeLoad, ThreadsAndMemoryComeBackAfterTheLoad) {
     // The stand-in of the service runs in this process too: its connection threads (one for
     // each connection that the bridge's HTTP client keeps open to it) are not the bridge's.
     auto bridge_threads = [&] { return zq::process_usage().threads - service.open_connections(); };
-    auto settled = [&](int threads) { return wait_until([&] { return bridge_threads() == threads; }, 10.0); };
+    auto settled = [&](int threads, double seconds) {
+        return wait_until([&] { return bridge_threads() == threads; }, seconds);
+    };
 
     const int before_warm_up = bridge_threads();
     ASSERT_GT(before_warm_up, 0);
@@ -239,20 +237,24 @@ TEST_F(BridgeLoad, ThreadsAndMemoryComeBackAfterTheLoad) {
     run_http(2, 2, faults);
     ASSERT_TRUE(wait_until([&] { return sessions_empty(); }));
     // A system may keep what a first use started (a thread pool, say): that is counted in.
-    if (!settled(before_warm_up)) std::fprintf(stderr, "kept after the first use: %d threads\n", bridge_threads() - before_warm_up);
+    if (!settled(before_warm_up, 3.0)) std::fprintf(stderr, "kept after the first use: %d threads\n", bridge_threads() - before_warm_up);
     const int start_threads = bridge_threads();
     const std::uint64_t start_memory = zq::process_usage().memory_bytes;
 
     for (int pass = 0; pass < 2; ++pass) {
-        std::thread games([&] { run_games(scaled(kPlayers), 2, faults); });
-        run_http(scaled(16), 6, faults);
+        std::thread games([&] { run_games(kPlayers, 2, faults); });
+        run_http(16, 6, faults);
         games.join();
     }
     ASSERT_EQ(faults.count(), 0) << faults.text();
     ASSERT_TRUE(wait_until([&] { return sessions_empty(); }));
 
-    // Connection threads end on their own once their sockets close; none may stay behind.
-    EXPECT_TRUE(settled(start_threads)) << "threads: " << start_threads << " before, " << bridge_threads() << " after";
+    // Connection threads end on their own once their sockets close; none may stay behind. Under
+    // Wine the runtime's own pool threads (which its HTTP client uses) come and go on timers of
+    // their own, so there the count need only come down to the start, not meet it.
+    const bool wine = testing_support::running_under_wine();
+    EXPECT_TRUE(wine ? wait_until([&] { return bridge_threads() <= start_threads; }, 10.0) : settled(start_threads, 10.0))
+        << "threads: " << start_threads << " before, " << bridge_threads() << " after";
     // Allocators keep pages they were given, so only growth far beyond the load's own size counts.
     const std::uint64_t end_memory = zq::process_usage().memory_bytes;
     EXPECT_LT(end_memory, start_memory + (48ull << 20))

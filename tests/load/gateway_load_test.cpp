@@ -11,7 +11,6 @@
 
 #include "p2p/gateway.h"
 #include "support/fake_port.h"
-#include "support/host.h"
 #include "support/wait.h"
 
 using testing_support::FakePort;
@@ -42,8 +41,7 @@ std::string port_frame(int from, int to, std::uint32_t seq) {
 }
 
 TEST(GatewayLoad, FourPlayersStreamToEachOtherAndNothingIsAltered) {
-    // Wine's loopback drops and delays more under a burst: a shorter stream there, same batches.
-    const std::uint32_t rounds = testing_support::running_under_wine() ? 4 : 12;
+    const std::uint32_t rounds = 12;
     const std::uint32_t batch = 25;  // frames from each port to each peer per round
 
     std::array<FakePort, kPlayers> ports;

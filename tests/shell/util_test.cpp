@@ -133,7 +133,8 @@ TEST(ProcessUsage, SeesAThreadComeAndGo) {
         while (!release) zq::sleep_ms(1);
     });
     // Other tests' threads do not run here, so the count moves by exactly this one.
-    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads + 1; }));
+    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads + 1; }))
+        << before.threads << " before, " << zq::process_usage().threads << " now";
     release = true;
     extra.join();
     EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads; }));
