@@ -54,7 +54,7 @@ for name in "${targets[@]}"; do
   if "$binary" "$limit" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -close_fd_mask=1 \
        -artifact_prefix="$build/findings/$name-" ${FUZZ_ARGS:-} "$work" $seeds \
        >"$build/fuzz-$name.log" 2>&1; then
-    echo "   $name: clean after $((SECONDS - started)) s, $(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$build/fuzz-$name.log" | grep -o '[0-9]*$') runs"
+    echo "   $name: clean after $((SECONDS - started)) s, $(grep -a -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$build/fuzz-$name.log" | grep -o '[0-9]*$') runs"
   else
     echo "   $name: FAILED, see $build/fuzz-$name.log and $build/findings/"
     tail -n 40 "$build/fuzz-$name.log"
