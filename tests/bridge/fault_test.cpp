@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 #include "bridge/bridge.h"
 #include "bridge/frames.h"
@@ -145,6 +146,51 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
         ASSERT_TRUE(features);
         EXPECT_EQ(features->result(), 0);
     }
+}
+
+// A service that takes each request and never answers: every call ends at its own time-out and
+// the game gets the command's failure code. The games wait side by side, so this lasts one
+// time-out (8 s), not the sum of them.
+TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
+    Gate silence;
+    silence.close();
+    TempDir dir;
+    FakeService service;
+    ASSERT_TRUE(service.start());
+    service.set_fallback([&](const auto&) -> std::optional<ScriptedAnswer> {
+        silence.pass();
+        return std::nullopt;
+    });
+    struct Opener {
+        Gate& gate;
+        ~Opener() { gate.open(); }  // before the service stops, also when an assertion ends the test
+    } opener{silence};
+    LogCapture log;
+    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
+    ASSERT_TRUE(bridge.start(nullptr));
+
+    struct Command {
+        std::uint16_t number;
+        std::string body;
+        int code;
+        int result = -1;
+    } commands[] = {
+        {0, login_body("ash"), 5},                                                // account creation times out
+        {100, length_prefixed(varint_field(1, 3)), 2},                            // context start
+        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},  // resolve peer
+    };
+    std::vector<std::thread> games;
+    for (auto& command : commands) {
+        games.emplace_back([&bridge, &command] {
+            FakeGame game;
+            if (!game.connect_and_greet(bridge.bound_tcp_port())) return;
+            if (auto reply = game.request(command.number, 1, command.body, 30.0)) command.result = reply->result();
+        });
+    }
+    for (auto& game : games) game.join();
+    for (const auto& command : commands) EXPECT_EQ(command.result, command.code) << command.number;
+    EXPECT_TRUE(log.contains("velmar account failed for 'ash': /auth/account/create: The read operation timed out"));
+    EXPECT_TRUE(log.contains("context_start failed: /mp/matching2/context_start: The read operation timed out"));
 }
 
 // Online ids come from the game as raw bytes; one that is not UTF-8 cannot go into a JSON body.
