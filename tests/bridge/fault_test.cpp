@@ -29,21 +29,14 @@ using testing_support::FakeAccounts;
 using testing_support::FakeGame;
 using testing_support::FakeService;
 using testing_support::length_prefixed;
+using testing_support::login_body;
 using testing_support::LogCapture;
 using testing_support::ScriptedAnswer;
 using testing_support::TempDir;
+using testing_support::varint_field;
 using testing_support::wait_until;
 
 namespace {
-
-std::string varint_field(std::uint32_t number, std::uint64_t value) {
-    std::string out;
-    zq::put_varint(out, number << 3);
-    zq::put_varint(out, value);
-    return out;
-}
-
-std::string login_body(const std::string& npid) { return length_prefixed(zq::FieldMessage().string(1, npid).bytes()); }
 
 zq::Config config_for(const std::string& velmar, const std::filesystem::path& state) {
     zq::Config c = testing_support::local_bridge_config(velmar);

@@ -21,6 +21,7 @@ using testing_support::length_prefixed;
 using testing_support::LogCapture;
 using testing_support::ScriptedAnswer;
 using testing_support::TempDir;
+using testing_support::varint_field;
 using testing_support::wait_until;
 
 namespace {
@@ -31,13 +32,6 @@ constexpr const char* kLeave = "/mp/matching2/leave_room";
 constexpr const char* kKick = "/mp/matching2/kick_member";
 constexpr const char* kHeartbeat = "/mp/matching2/heartbeat";
 constexpr const char* kPoll = "/np/events/poll";
-
-std::string varint_field(std::uint32_t number, std::uint64_t value) {
-    std::string out;
-    zq::put_varint(out, number << 3);
-    zq::put_varint(out, value);
-    return out;
-}
 
 zq::FieldList fields_of(const std::string& payload) {
     auto fields = zq::read_request(payload);
@@ -83,7 +77,7 @@ struct Rig {
     std::shared_ptr<zq::Session> game_as(FakeGame& game, const std::string& name, zq::Bridge* on = nullptr) {
         zq::Bridge& b = on ? *on : *bridge;
         EXPECT_TRUE(game.connect_and_greet(b.bound_tcp_port()));
-        auto reply = game.request(0, 1, length_prefixed(zq::FieldMessage().string(1, name).bytes()));
+        auto reply = game.request(0, 1, testing_support::login_body(name));
         EXPECT_TRUE(reply && reply->result() == 0);
         std::lock_guard<std::mutex> guard(b.sessions_lock);
         return b.sessions.back();

@@ -20,15 +20,10 @@
 using nlohmann::json;
 using testing_support::FakeGame;
 using testing_support::length_prefixed;
+using testing_support::login_body;
 using testing_support::LogCapture;
 using testing_support::TempDir;
 using testing_support::wait_until;
-
-namespace {
-
-std::string login_body(const std::string& npid) { return length_prefixed(zq::FieldMessage().string(1, npid).bytes()); }
-
-}  // namespace
 
 // With trace on, every flow that carries a token or a recovery code runs once: a refused token
 // recovered, an account created, the identity asked for, room calls, and the game's own HTTP

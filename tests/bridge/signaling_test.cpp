@@ -52,7 +52,7 @@ protected:
         std::string error;
         ASSERT_TRUE(bridge->start(&error)) << error;
         ASSERT_TRUE(game.connect_and_greet(bridge->bound_tcp_port()));
-        auto reply = game.request(0, 1, zq::wrap_message(zq::FieldMessage().string(1, "me").bytes()));
+        auto reply = game.request(0, 1, testing_support::login_body("me"));
         ASSERT_TRUE(reply && reply->result() == 0);
         service.clear_requests();
     }

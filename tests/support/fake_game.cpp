@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "bridge/frames.h"
 #include "shell/util.h"
 
 namespace testing_support {
@@ -143,5 +144,14 @@ std::string length_prefixed(std::string_view message) {
     out.append(message);
     return out;
 }
+
+std::string varint_field(std::uint32_t number, std::uint64_t value) {
+    std::string out;
+    zq::put_varint(out, number << 3);
+    zq::put_varint(out, value);
+    return out;
+}
+
+std::string login_body(const std::string& npid) { return length_prefixed(zq::FieldMessage().string(1, npid).bytes()); }
 
 }  // namespace testing_support

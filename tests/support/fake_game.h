@@ -66,5 +66,9 @@ private:
 
 // A Request body: a little-endian u32 count followed by the field message bytes.
 std::string length_prefixed(std::string_view message);
+// One varint field of a field message, key then value, as the game writes it.
+std::string varint_field(std::uint32_t number, std::uint64_t value);
+// The body of a login Request for an online id.
+std::string login_body(const std::string& npid);
 
 }  // namespace testing_support
