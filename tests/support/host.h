@@ -9,6 +9,22 @@ namespace testing_support {
 // True when this Windows build runs under Wine.
 bool running_under_wine();
 
+// True in a build under AddressSanitizer or ThreadSanitizer, whose shadow memory and
+// quarantines make the process's memory figures say nothing about the program's own.
+constexpr bool sanitizer_build() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return true;
+#else
+    return false;
+#endif
+#else
+    return false;
+#endif
+}
+
 // The full path of a program found on PATH, or an empty path.
 std::filesystem::path find_program(const std::string& name);
 
