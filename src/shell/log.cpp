@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <ctime>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 
 #include "shell/platform.h"
+#include "shell/util.h"
 
 namespace zq {
 
@@ -15,6 +17,18 @@ namespace {
 std::mutex log_lock;
 std::unique_ptr<std::ofstream> log_file;
 std::function<void(const std::string&)> log_sink;
+
+// Per-cause windows for log_limited. The number of causes is fixed by the code that names
+// them, so the map stays small.
+struct CauseWindow {
+    double started = 0;
+    int written = 0;
+    long long dropped = 0;
+};
+std::mutex limit_lock;
+std::map<std::string, CauseWindow, std::less<>> limit_windows;
+constexpr double kLimitWindowSeconds = 10.0;
+constexpr int kLimitLinesPerWindow = 5;
 
 }  // namespace
 
@@ -33,6 +47,30 @@ void log_line(const std::string& text) {
         log_file->flush();
     }
     if (log_sink) log_sink(line);
+}
+
+bool log_limited(const std::string& cause, const std::string& text) {
+    long long dropped = 0;
+    {
+        std::lock_guard<std::mutex> guard(limit_lock);
+        CauseWindow& w = limit_windows[cause];
+        double now = steady_seconds();
+        if (w.written == 0 || now - w.started >= kLimitWindowSeconds) {
+            dropped = w.dropped;
+            w = CauseWindow{now, 0, 0};
+        }
+        if (w.written >= kLimitLinesPerWindow) {
+            ++w.dropped;
+            return false;
+        }
+        ++w.written;
+    }
+    if (dropped > 0) {
+        log_line(text + format_text(" (%lld more like this left out)", dropped));
+    } else {
+        log_line(text);
+    }
+    return true;
 }
 
 void open_log_file(const std::filesystem::path& path) {

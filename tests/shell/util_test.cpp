@@ -121,6 +121,20 @@ TEST(Util, LogTurnover) {
     EXPECT_EQ(seen[2][2], ':');
 }
 
+// A stranger who triggers one cause over and over gets a handful of lines, not one each,
+// and does not silence the other causes.
+TEST(Util, LogLimitedPerCause) {
+    std::vector<std::string> seen;
+    zq::set_log_sink([&](const std::string& line) { seen.push_back(line); });
+    int written = 0;
+    for (int i = 0; i < 50; ++i) written += zq::log_limited("test flood", "flood line") ? 1 : 0;
+    bool other = zq::log_limited("test other", "other line");
+    zq::set_log_sink(nullptr);
+    EXPECT_EQ(written, 5);
+    EXPECT_TRUE(other);
+    EXPECT_EQ(seen.size(), 6u);
+}
+
 TEST(ProcessUsage, SeesAThreadComeAndGo) {
     // A first thread, so that what a runtime starts beside the first one (a sanitizer's
     // background thread) is there before the count is taken.
