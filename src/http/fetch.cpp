@@ -19,13 +19,23 @@ SessionHandle* shared_session() {
     return shared.handle;
 }
 
+ClientResponse cancelled_response() {
+    ClientResponse response;
+    response.error = "cancelled";
+    return response;
+}
+
 }  // namespace
 
 RecycledSession::~RecycledSession() { detail::close_session(handle); }
 
-ClientResponse fetch(const ClientRequest& request) { return detail::transact(shared_session(), request); }
+ClientResponse fetch(const ClientRequest& request) {
+    if (request.cancel && request.cancel->cancelled()) return cancelled_response();
+    return detail::transact(shared_session(), request);
+}
 
 ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request) {
+    if (request.cancel && request.cancel->cancelled()) return cancelled_response();
     std::lock_guard<std::mutex> guard(recycled.lock);
     if (recycled.handle && zq::steady_seconds() - recycled.opened_at >= recycled.max_age) {
         detail::close_session(recycled.handle);

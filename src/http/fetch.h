@@ -9,7 +9,9 @@
 // "sarnlink"; no HTTP/2, no content decoding, no certificate failure waived. On libcurl the
 // trusted authorities are the system's, or the bundle that SSL_CERT_FILE names.
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -17,12 +19,26 @@
 
 namespace http {
 
+// Lets an owner that is stopping end the calls it started: once cancel() is called, a call that
+// carries it fails with "cancelled" as soon as it can, and one not yet started fails at once.
+class CancelFlag {
+public:
+    void cancel() { cancelled_.store(true); }
+    bool cancelled() const { return cancelled_.load(); }
+
+private:
+    std::atomic<bool> cancelled_{false};
+};
+
 struct ClientRequest {
     std::string method = "POST";
     std::string url;  // absolute, UTF-8: scheme, host, optional port, path and query
     HeaderList headers;
     std::string body;
     std::uint32_t timeout_ms = 8000;
+    // Whole-call limit in milliseconds, 0 for none; ends an answer that trickles in forever.
+    std::uint32_t deadline_ms = 0;
+    std::shared_ptr<const CancelFlag> cancel;  // may be null
 };
 
 // A non-empty error means the transaction failed, whatever else is filled in. Its texts:
@@ -33,6 +49,8 @@ struct ClientRequest {
 //   "The read operation timed out"    a phase before the response head took longer than timeout_ms
 //   "request failed (<n>)"            sending or waiting for the head failed otherwise
 //   "read failed (<n>)"               reading the body failed (a time-out here too)
+//   "cancelled"                       the request's CancelFlag was set
+//   "deadline passed"                 the whole call took longer than deadline_ms
 // <n> is the system's error number (GetLastError, errno; libcurl's code when it has none).
 // An HTTP error status is no failure: a 404 comes back with an empty error.
 struct ClientResponse {
