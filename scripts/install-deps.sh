@@ -1,14 +1,41 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing sarnlink need, if any is missing.
+# Installs the Debian packages that building, testing and packaging sarnlink need, if any is
+# missing. `scripts/install-deps.sh --list` prints the list and installs nothing; the tool
+# check (scripts/check-tools.sh) reads it from there.
 set -euo pipefail
 
+# One package a line; a new need of the build or the tests goes here and nowhere else.
 packages=(
-  cmake ninja-build g++ ccache pkg-config
-  nlohmann-json3-dev libgtest-dev libcurl4-openssl-dev libssl-dev
-  g++-mingw-w64-x86-64-posix wine64
-  clang libclang-rt-dev
-  curl openssl python3 coturn iproute2 nftables
+  cmake
+  ninja-build
+  g++
+  ccache
+  pkg-config
+  nlohmann-json3-dev
+  libgtest-dev
+  libcurl4-openssl-dev
+  libssl-dev
+  g++-mingw-w64-x86-64-posix
+  binutils-mingw-w64-x86-64
+  wine
+  wine64
+  clang
+  libclang-rt-dev
+  curl
+  openssl
+  python3
+  coturn
+  iproute2
+  nftables
+  dpkg-dev
+  file
+  chromium
 )
+
+if [ "${1:-}" = "--list" ]; then
+  printf '%s\n' "${packages[@]}"
+  exit 0
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -22,5 +49,6 @@ sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -q
-$sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
+# Another apt on the machine holds the lock for a while; wait for it rather than fail.
+$sudo apt-get -o DPkg::Lock::Timeout=300 update -q
+$sudo apt-get -o DPkg::Lock::Timeout=300 install -y -q --no-install-recommends "${missing[@]}"

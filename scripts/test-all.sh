@@ -1,16 +1,45 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds sarnlink for Linux and for Windows, and runs every test:
 # the Linux suite natively, the Windows suite under Wine, the Linux suite again under
-# AddressSanitizer with UndefinedBehaviorSanitizer and under ThreadSanitizer, and a short run
-# of every fuzz target.
+# AddressSanitizer with UndefinedBehaviorSanitizer and under ThreadSanitizer, a short run
+# of every fuzz target, and last the release packages, built and checked as a player gets them.
+# Each stage prints how long it took, and a table of all of them closes the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
+stage_names=()
+stage_seconds=()
+status=0
+# stage NAME fatal|go-on COMMAND...: a failed build ends the run at once (nothing after it can
+# pass); a failed test stage marks the run failed and lets the other stages run.
+stage() {
+  local name=$1 kind=$2 started=$SECONDS rc=0
+  shift 2
+  echo "== $name (at $SECONDS s)"
+  "$@" || rc=$?
+  stage_names+=("$name")
+  stage_seconds+=($((SECONDS - started)))
+  echo "== $name: $((SECONDS - started)) s$([ $rc -eq 0 ] || echo ", FAILED")"
+  if [ $rc -ne 0 ]; then
+    status=1
+    if [ "$kind" = fatal ]; then summary; exit 1; fi
+  fi
+}
+summary() {
+  echo "== stage times"
+  local i
+  for i in "${!stage_names[@]}"; do printf '   %-26s %5d s\n' "${stage_names[$i]}" "${stage_seconds[$i]}"; done
+  printf '   %-26s %5d s\n' "total" "$SECONDS"
+}
+
+stage "tools" fatal scripts/check-tools.sh
+
 jobs=$(nproc)
 export WINEDEBUG=-all
 # Keep one Wine server up for the whole Windows suite instead of one per test program.
-if command -v wineserver >/dev/null; then wineboot -i >/dev/null 2>&1 || true; wineserver -p 600 || true; fi
+wineboot -i >/dev/null 2>&1 || true
+wineserver -p 600 || true
 
 # A sanitizer report fails the test that caused it, with the stack that led there. Child
 # processes (sarnlink-cli) inherit these.
@@ -18,15 +47,11 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1:detect_stack_
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:history_size=4}
 
-status=0
+build() { cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -j "$jobs"; }
 for preset in linux-debug windows-release linux-asan linux-tsan; do
-  echo "== $preset: build (at ${SECONDS} s)"
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs"
-  echo "== $preset: test (at ${SECONDS} s)"
-  ctest --preset "$preset" -j "$jobs" || status=1
+  stage "$preset build" fatal build "$preset"
+  stage "$preset test" go-on ctest --preset "$preset" -j "$jobs"
 done
-echo "== fuzz smoke (at ${SECONDS} s)"
-scripts/fuzz-smoke.sh || status=1
-echo "== done in ${SECONDS} s"
+stage "fuzz smoke" go-on scripts/fuzz-smoke.sh
+summary
 exit $status
