@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Builds the release packages into build/packages/, with SHA256SUMS beside them:
+#   sarnlink-<version>-windows-x64.zip     the static .exe, README.txt, the example
+#                                          configuration and the licences
+#   sarnlink_<version>_amd64.deb           sarnlink-cli in /usr/bin, dependencies declared
+#   sarnlink-<version>-linux-x86_64.tar.gz the same files as the .deb, to unpack anywhere
+# Installs what is missing first, like the other scripts. scripts/check-packages.sh then checks
+# the packages as a player gets them (test-all runs both).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=$(nproc)
+out=build/packages
+rm -rf "$out"
+mkdir -p "$out"
+
+if grep -q '\.example"' src/shell/deployment.h; then
+  echo "release: note: src/shell/deployment.h still names placeholder hosts (.example); these packages cannot reach a real service"
+fi
+
+for preset in windows-release linux-release; do
+  echo "== release: $preset"
+  cmake --preset "$preset" >/dev/null
+  # Only the program: the packages need nothing else, and the install step does not ask for more.
+  cmake --build --preset "$preset" --target sarnlink-cli -j "$jobs"
+  rm -rf "build/$preset/packages"
+  cpack --config "build/$preset/CPackConfig.cmake" -B "build/$preset/packages" >/dev/null
+  find "build/$preset/packages" -maxdepth 1 -type f \( -name '*.zip' -o -name '*.deb' -o -name '*.tar.gz' \) \
+    -exec cp {} "$out/" \;
+done
+
+(cd "$out" && sha256sum -- *.zip *.deb *.tar.gz > SHA256SUMS)
+echo "== release: packages in $out"
+(cd "$out" && ls -l -- *.zip *.deb *.tar.gz SHA256SUMS)
