@@ -53,5 +53,7 @@ for preset in linux-debug windows-release linux-asan linux-tsan; do
   stage "$preset test" go-on ctest --preset "$preset" -j "$jobs"
 done
 stage "fuzz smoke" go-on scripts/fuzz-smoke.sh
+stage "release packages" fatal scripts/release.sh
+stage "package checks" go-on scripts/check-packages.sh
 summary
 exit $status
