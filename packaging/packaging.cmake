@@ -61,6 +61,9 @@ set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 if(WIN32)
   set(CPACK_GENERATOR ZIP)
   set(CPACK_PACKAGE_FILE_NAME sarnlink-${PROJECT_VERSION}-windows-x64)
+  # Explorer's "Extract All" already makes a folder named after the zip; a folder inside the
+  # zip would nest a second one and put the program two levels below where the player chose.
+  set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY OFF)
 else()
   set(CPACK_GENERATOR DEB TGZ)
   set(CPACK_PACKAGE_FILE_NAME sarnlink-${PROJECT_VERSION}-linux-x86_64)

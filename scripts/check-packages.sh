@@ -42,10 +42,11 @@ cleanup() {
 trap cleanup EXIT
 
 # --- Windows: the zip as a player unpacks it.
-folder="$work/Spiele für sarnlink"
-mkdir -p "$folder"
-(cd "$folder" && cmake -E tar xf "$zip")
-top="$folder/sarnlink-$version-windows-x64"
+# Unpacked as Explorer's "Extract All" does: into a folder named after the zip, here inside a
+# game folder whose name has a blank and a non-ASCII letter.
+top="$work/Spiele für Duskhallow/sarnlink-$version-windows-x64"
+mkdir -p "$top"
+(cd "$top" && cmake -E tar xf "$zip")
 for f in sarnlink-cli.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
          licenses/mingw-w64-runtime-and-winpthreads.txt licenses/gcc-runtime-libstdc++-libgcc.txt \
          licenses/GPL-3.txt; do
@@ -56,7 +57,7 @@ python3 -c 'import json,sys; json.load(open(sys.argv[1]))' "$top/sarnlink_config
   fail "sarnlink_config.example.json is not valid JSON"
 # A player's desktop has a UTF-8 locale; Wine maps the folder's name to Windows through it.
 said=$(cd "$top" && LANG=C.UTF-8 WINEDEBUG=-all timeout 300 wine ./sarnlink-cli.exe --version 2>/dev/null | tr -d '\r') || true
-if [ "$said" = "$expected" ]; then ok "zip unpacked into '$folder' runs --version under Wine"
+if [ "$said" = "$expected" ]; then ok "zip unpacked into '$top' runs --version under Wine"
 else fail "sarnlink-cli.exe --version under Wine said '$said', not '$expected'"; fi
 
 # Only DLLs that come with Windows itself.
