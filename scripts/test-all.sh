@@ -10,16 +10,27 @@ scripts/install-deps.sh
 
 stage_names=()
 stage_seconds=()
+stage_cpu=()
 status=0
+# Processor seconds of all finished child processes. On a machine that others share, the wall
+# time of a build stage says little; its processor time divided by the cores says what it takes
+# on a machine of its own.
+cpu_seconds() {
+  local f
+  read -r -a f < /proc/$$/stat  # fields 16 and 17: user and system time of waited-for children
+  echo $(( (f[15] + f[16]) / $(getconf CLK_TCK) ))
+}
 # stage NAME fatal|go-on COMMAND...: a failed build ends the run at once (nothing after it can
 # pass); a failed test stage marks the run failed and lets the other stages run.
 stage() {
-  local name=$1 kind=$2 started=$SECONDS rc=0
+  local name=$1 kind=$2 started=$SECONDS cpu_started rc=0
+  cpu_started=$(cpu_seconds)
   shift 2
   echo "== $name (at $SECONDS s)"
   "$@" || rc=$?
   stage_names+=("$name")
   stage_seconds+=($((SECONDS - started)))
+  stage_cpu+=($(($(cpu_seconds) - cpu_started)))
   echo "== $name: $((SECONDS - started)) s$([ $rc -eq 0 ] || echo ", FAILED")"
   if [ $rc -ne 0 ]; then
     status=1
@@ -27,10 +38,12 @@ stage() {
   fi
 }
 summary() {
-  echo "== stage times"
+  echo "== stage times (wall clock; processor time of the stage's programs; $(nproc) cores)"
   local i
-  for i in "${!stage_names[@]}"; do printf '   %-26s %5d s\n' "${stage_names[$i]}" "${stage_seconds[$i]}"; done
-  printf '   %-26s %5d s\n' "total" "$SECONDS"
+  for i in "${!stage_names[@]}"; do
+    printf '   %-26s %5d s  cpu %5d s\n' "${stage_names[$i]}" "${stage_seconds[$i]}" "${stage_cpu[$i]}"
+  done
+  printf '   %-26s %5d s  cpu %5d s\n' "total" "$SECONDS" "$(cpu_seconds)"
 }
 
 stage "tools" fatal scripts/check-tools.sh
