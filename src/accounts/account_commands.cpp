@@ -1,5 +1,6 @@
 #include "accounts/account_commands.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "accounts/state_file.h"
@@ -45,10 +46,14 @@ bool auth_post(const std::string& server, const std::string& path, const nlohman
 }
 
 std::string device_name() {
-    std::string name = get_env("COMPUTERNAME").value_or(std::string());
+    // The name goes into a JSON body, which takes only valid UTF-8: bytes that are none become
+    // replacement characters, and a character that the limit of 48 bytes would cut is left out.
+    std::string name = wide_to_utf8(utf8_to_wide(get_env("COMPUTERNAME").value_or(std::string())));
     if (name.empty()) return "sarnlink";
-    // The limit is in bytes, so a multi-byte character may be cut.
-    return "sarnlink on " + name.substr(0, 48);
+    std::size_t end = std::min<std::size_t>(name.size(), 48);
+    if (end < name.size())
+        while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;
+    return "sarnlink on " + name.substr(0, end);
 }
 
 bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record) {

@@ -14,7 +14,8 @@ namespace zq {
 bool auth_post(const std::string& server, const std::string& path, const nlohmann::json& request,
                nlohmann::json& reply, std::string& error);
 
-// "sarnlink on <first 48 bytes of COMPUTERNAME>", or "sarnlink" when it is not set.
+// "sarnlink on <first 48 bytes of COMPUTERNAME>", cut back to a whole character, or "sarnlink"
+// when it is not set.
 std::string device_name();
 
 std::string account_create(const std::string& server, const std::filesystem::path& state, const std::string& name);

@@ -33,6 +33,6 @@ nlohmann::json& ensure_accounts(nlohmann::json& root) {
     return accounts;
 }
 
-std::filesystem::path state_path(const std::string& state_file) { return std::filesystem::path(utf8_to_wide(state_file)); }
+std::filesystem::path state_path(const std::string& state_file) { return utf8_path(state_file); }
 
 }  // namespace zq

@@ -16,6 +16,17 @@ std::optional<std::string> parse_stun_ping(std::string_view datagram) {
     return std::string(id.substr(0, id.find('\0')));
 }
 
+namespace {
+
+std::string printable(const std::string& id) {
+    std::string out = id;
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    return out;
+}
+
+}  // namespace
+
 std::string stun_reply(const Endpoint& sender) {
     // SockAddr has the sockaddr_in layout: port at offset 2, address at offset 4, both in
     // network order already.
@@ -40,14 +51,28 @@ void Bridge::stun_thread(Socket udp) {
         auto id = parse_stun_ping(std::string_view(buffer, static_cast<std::size_t>(n)));
         if (!id) continue;
         Endpoint sender = from_sockaddr(from);
-        bool news = false;
+        bool news = false, full = false;
         {
             std::lock_guard<std::mutex> guard(endpoints_lock);
             auto it = stun_table.find(*id);
-            news = it == stun_table.end() || !(it->second == sender);
-            stun_table[*id] = sender;
+            if (it != stun_table.end()) {
+                news = !(it->second == sender);
+                it->second = sender;
+            } else if (stun_table.size() < stun_table_limit) {
+                news = true;
+                stun_table.emplace(*id, sender);
+            } else {
+                full = true;
+            }
         }
-        if (news) log_line(format_text("stun: %s pings from %s", quote(*id).c_str(), sender.text().c_str()));
+        // The id is whatever the sender put there: log it as text that cannot break the line.
+        if (news)
+            log_limited("stun ping", format_text("stun: %s pings from %s", quote(printable(*id)).c_str(),
+                                                 sender.text().c_str()));
+        if (full)
+            log_limited("stun table full",
+                        format_text("stun: %zu ids noted already; %s from %s is not noted",
+                                    stun_table_limit, quote(printable(*id)).c_str(), sender.text().c_str()));
         std::string reply = stun_reply(sender);
         send_to(udp, reply.data(), static_cast<int>(reply.size()), from);
     }

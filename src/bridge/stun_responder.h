@@ -18,6 +18,11 @@ namespace zq {
 
 inline constexpr std::size_t stun_ping_min_size = 21;
 
+// Anyone who can reach the socket can ping with a fresh id each time, so the table of ids is
+// bounded: once full, ids already in it are still followed, and new ones are answered but not
+// noted. A PC has a handful of accounts; this is far above them.
+inline constexpr std::size_t stun_table_limit = 256;
+
 // The online id of a valid ping (possibly empty), or nothing for a datagram to drop.
 std::optional<std::string> parse_stun_ping(std::string_view datagram);
 

@@ -13,6 +13,9 @@ namespace {
 
 constexpr int kBufferSize = 65536;
 constexpr std::size_t kMaxWaitSockets = 64;
+// Addresses one link may collect by learning: a NAT that rebinds now and then stays followed,
+// and nobody can grow a link without end.
+constexpr std::size_t kMaxKnownAddresses = 8;
 
 // A peer that lives on the relay is known by the relay's host and the port of its allocation;
 // the relay's own address is its control channel and is never wrapped.
@@ -49,7 +52,7 @@ void Gateway::send_to_port(const std::shared_ptr<Link>& link, const std::string&
     send_to(s, frame.data(), static_cast<int>(frame.size()), to_sockaddr(*to));
 }
 
-std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender) {
+std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, bool proving) {
     for (auto& [id, link] : links) {
         bool known = link->known_addresses.count(sender) != 0;
         if (!(sender == link->endpoint || sender == link->local_endpoint || known)) continue;
@@ -57,7 +60,12 @@ std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender) {
         if (sender != link->endpoint && known) link->endpoint = sender;
         return link;
     }
-    // A NAT that gave the peer a new port: safe to follow only when one link has this host.
+    // A NAT that gave the peer a new port. Anyone behind the peer's NAT shares its host, so a
+    // new port is taken only from a punch, the datagram of the gateway's own framing, and only
+    // while nothing has come from the peer yet: after that the peer is known where it is, and
+    // a newcomer on its host would only take its traffic. It is safe to follow at all only
+    // when one link has this host.
+    if (!proving) return nullptr;
     std::shared_ptr<Link> only;
     int count = 0;
     for (auto& [id, link] : links) {
@@ -66,11 +74,11 @@ std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender) {
             ++count;
         }
     }
-    if (count != 1) return nullptr;
+    if (count != 1 || only->peer_heard || only->known_addresses.size() + 2 > kMaxKnownAddresses) return nullptr;
     only->known_addresses.insert(only->endpoint);
     only->known_addresses.insert(sender);
-    log_line(format_text("p2p: member %d (%s) also at %s", only->member_id, only->online_id.c_str(),
-                         sender.text().c_str()));
+    log_limited("p2p address learned", format_text("p2p: member %d (%s) also at %s", only->member_id,
+                                                   only->online_id.c_str(), sender.text().c_str()));
     only->endpoint = sender;
     return only;
 }
@@ -96,15 +104,23 @@ void Gateway::peer_thread() {
         }
 
         if (datagram.size() >= 20 && datagram[0] == 0x01 && datagram[1] == 0x01) {
-            on_stun_answer(datagram);
+            // Only the server that was asked may answer; a guessed transaction from anywhere
+            // else would set our public address and the relay.
+            bool from_server;
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                from_server = stun_target.usable() && sender == stun_target;
+            }
+            if (from_server) on_stun_answer(datagram);
             continue;
         }
 
+        const bool punch = is_punch(datagram);
         std::shared_ptr<Link> link;
         {
             std::lock_guard<std::mutex> guard(mutex);
-            link = find_link_from(sender);
-            if (is_punch(datagram)) {
+            link = find_link_from(sender, punch);
+            if (punch) {
                 // A punch only opens the NAT; both sides send their own, so it is never answered.
                 if (link) link->peer_heard = true;
                 continue;

@@ -127,8 +127,9 @@ private:
 
     void send_to_peer(const std::string& frame, const Endpoint& destination);
     void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
-    // Expects the mutex held. Learns a peer's new port when exactly one link has its host.
-    std::shared_ptr<Link> find_link_from(const Endpoint& sender);
+    // Expects the mutex held. With proving (the datagram is a punch), learns a peer's new port
+    // when exactly one link has its host and that link has not heard its peer yet.
+    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool proving);
 
     void refresh_stun();
     void on_stun_answer(const std::string& datagram);

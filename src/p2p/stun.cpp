@@ -1,8 +1,8 @@
 #include "p2p/stun.h"
 
 #include <cstdio>
-#include <mutex>
-#include <random>
+
+#include "shell/platform.h"
 
 namespace zq::p2p {
 
@@ -24,13 +24,11 @@ void put_be32(std::string& out, std::uint32_t v) {
 
 }  // namespace
 
-std::array<unsigned char, 12> random_transaction_id() {
-    // One engine per process; the lock is for processes (tests) that run two gateways.
-    static std::mutex engine_lock;
-    static std::mt19937_64 engine{std::random_device{}()};
-    std::lock_guard<std::mutex> guard(engine_lock);
+std::optional<std::array<unsigned char, 12>> random_transaction_id() {
+    // The id is all that ties an answer to our request, so it must not be guessable from
+    // earlier ones: it comes from the system's cryptographic generator.
     std::array<unsigned char, 12> id{};
-    for (auto& b : id) b = static_cast<unsigned char>(engine() & 0xFF);
+    if (!secure_random(id.data(), id.size())) return std::nullopt;
     return id;
 }
 

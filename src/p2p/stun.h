@@ -31,8 +31,8 @@ inline constexpr std::uint16_t kAttrRelayGrant = 0x8101;
 inline constexpr std::string_view kRelayMagic{"zqr1", 4};
 inline constexpr std::size_t kRelayTokenSize = 8;
 
-// Twelve bytes from the process's one 64-bit Mersenne Twister.
-std::array<unsigned char, 12> random_transaction_id();
+// Twelve bytes from the system's cryptographic generator; nothing if it failed.
+std::optional<std::array<unsigned char, 12>> random_transaction_id();
 
 // token: the 8-byte relay token, or empty for none (eight zero bytes go out).
 std::string binding_request(const std::array<unsigned char, 12>& transaction_id, std::string_view token);

@@ -15,12 +15,15 @@ void Gateway::refresh_stun() {
         return;
     }
     Endpoint target{host, stun_server->port};
+    // Without an id that nobody can guess, no request goes out; the next refresh tries again.
+    std::optional<std::array<unsigned char, 12>> id = random_transaction_id();
+    if (!id) return;
     std::string request;
     {
         std::lock_guard<std::mutex> guard(mutex);
         // The token names our allocation to the server that gave it, and to no other.
         std::string token = relay && relay->server.host == host ? relay->token : std::string();
-        request = binding_request(random_transaction_id(), token);
+        request = binding_request(*id, token);
         // A late answer to the previous request no longer matches.
         stun_transaction = request.substr(4, 16);
         stun_target = target;

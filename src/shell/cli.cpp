@@ -91,26 +91,35 @@ int run_cli(const std::vector<std::wstring>& args) {
             break;
     }
 
-    if (!o.log_path.empty()) open_log_file(std::filesystem::path(o.log_path));
+    if (!o.log_path.empty()) open_log_file(wide_path(o.log_path));
 
+    const std::string config_name = wide_to_utf8(o.config_path);
+    auto refuse = [&](const std::string& problem) {
+        std::printf("config %s: %s\n", config_name.c_str(), problem.c_str());
+        std::fflush(stdout);
+        return 1;
+    };
     nlohmann::json doc;  // null: every key takes its default
-    std::ifstream in(std::filesystem::path(o.config_path), std::ios::binary);
+    std::ifstream in(wide_path(o.config_path), std::ios::binary);
     if (in) {
         std::stringstream text;
         text << in.rdbuf();
         doc = nlohmann::json::parse(text.str(), nullptr, false, false);
         if (doc.is_discarded()) {
-            std::printf("config %s is not valid JSON\n", wide_to_utf8(o.config_path).c_str());
+            std::printf("config %s is not valid JSON\n", config_name.c_str());
             std::fflush(stdout);
             return 1;
         }
     }
-    Config config = config_from_json(doc);
+    Config config;
+    std::string problem;
+    if (!config_from_json(doc, config, problem)) return refuse(problem);
 
     if (o.link) return run_link_discord(config);
     if (!o.route.empty()) return run_route(config, o.route, o.game_dir);
     if (!o.account_op.empty()) return run_account_command(config, o.account_op, o.account_name, o.account_code);
     if (!o.web_code_id.empty()) return run_web_code(config, o.web_code_id);
+    if (!settle_bridge_config(config, problem)) return refuse(problem);
     return run_bridge(config);
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "shell/deployment.h"
+#include "shell/net.h"
 #include "shell/util.h"
 #include "shell/version.h"
 
@@ -15,6 +16,8 @@ std::string service_url(const char* port_suffix) { return std::string("https://"
 void read_number(const nlohmann::json& doc, const char* key, double& into) {
     if (json_has(doc, key) && doc.at(key).is_number()) into = doc.at(key).get<double>();
 }
+
+std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
 
 bool read_flag(const nlohmann::json& doc, const char* key, bool fallback) {
     return json_int(doc, key, fallback ? 1 : 0) != 0;
@@ -29,7 +32,7 @@ Config::Config()
       game_proxy_routes{{31316, service_url(":20443")}, {31317, service_url(":18671")}},
       user_agent(std::string("sarnlink/") + kVersion) {}
 
-Config config_from_json(const nlohmann::json& doc) {
+bool config_from_json(const nlohmann::json& doc, Config& config, std::string& problem) {
     Config c;
     c.velmar_server = json_text(doc, "velmar_server", c.velmar_server);
     c.auth_server = json_text(doc, "auth_server", c.auth_server);
@@ -50,16 +53,57 @@ Config config_from_json(const nlohmann::json& doc) {
     c.create_accounts = read_flag(doc, "create_accounts", false);
     read_number(doc, "stun_refresh", c.stun_refresh);
     if (json_has(doc, "game_proxy_routes") && doc.at("game_proxy_routes").is_object()) {
-        // A hand-edited routing table with a hole in it is worse than stopping: bad keys
-        // (std::stoi) and non-text values (get<std::string>) throw, and nobody catches them.
+        // A hand-edited routing table with a hole in it is worse than not starting, so unlike
+        // every other key a bad entry is not forgiven.
         c.game_proxy_routes.clear();
         for (const auto& [key, value] : doc.at("game_proxy_routes").items()) {
-            std::string url = value.get<std::string>();
-            c.game_proxy_routes[std::stoi(key, nullptr, 10)] = url;
+            std::optional<std::int64_t> port = leading_int64(key);
+            if (!port) {
+                problem = format_text("game_proxy_routes key %s is not a port number", in_quotes(key).c_str());
+                return false;
+            }
+            if (*port < 0 || *port > 65535) {
+                problem = format_text("game_proxy_routes key %s is not a port from 0 to 65535", in_quotes(key).c_str());
+                return false;
+            }
+            if (!value.is_string()) {
+                problem = format_text("game_proxy_routes value for %s is not a URL text", in_quotes(key).c_str());
+                return false;
+            }
+            c.game_proxy_routes[static_cast<std::int32_t>(*port)] = value.get<std::string>();
         }
     }
     c.user_agent = json_text(doc, "user_agent", c.user_agent);
-    return c;
+    config = std::move(c);
+    return true;
+}
+
+bool settle_bridge_config(Config& config, std::string& problem) {
+    // Binding a name would leave the address all zero, which listens on every interface; a
+    // name is taken for the address it stands for, and text that is none is refused.
+    std::string dotted = config.bind_host.empty() ? std::string() : resolve_ipv4(config.bind_host);
+    if (dotted.empty()) {
+        problem = format_text("bind_host %s is not an IPv4 address, and no IPv4 address was found for that name",
+                              in_quotes(config.bind_host).c_str());
+        return false;
+    }
+    config.bind_host = dotted;
+
+    const std::string& stun = config.stun_server;
+    std::size_t colon = stun.find(':');
+    if (stun == "off" || colon == std::string::npos) return true;
+    if (colon == 0) {
+        problem = format_text("stun_server %s has no host before the colon", in_quotes(stun).c_str());
+        return false;
+    }
+    std::string port = stun.substr(colon + 1);
+    std::optional<std::int64_t> number = leading_int64(port);
+    bool digits_only = !port.empty() && port.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits_only || !number || *number < 1 || *number > 65535) {
+        problem = format_text("stun_server %s has no port from 1 to 65535 after the colon", in_quotes(stun).c_str());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace zq

@@ -35,8 +35,14 @@ struct Config {
     Config();
 };
 
-// Fills a Config from a parsed document; anything but an object gives the defaults.
-// Forgiving everywhere except game_proxy_routes, whose bad keys and values throw.
-Config config_from_json(const nlohmann::json& doc);
+// Fills config from a parsed document; anything but an object gives the defaults. Forgiving
+// everywhere except game_proxy_routes: a bad key or value there fills problem with the key and
+// the reason, and returns false.
+bool config_from_json(const nlohmann::json& doc, Config& config, std::string& problem);
+
+// The settings that only a running bridge uses, checked before it starts: bind_host becomes
+// dotted IPv4 text (a name is resolved), and stun_server must be "off", a host, or a host and
+// a port. False with the key and the reason in problem.
+bool settle_bridge_config(Config& config, std::string& problem);
 
 }  // namespace zq

@@ -75,12 +75,12 @@ bool log_limited(const std::string& cause, const std::string& text) {
 
 void open_log_file(const std::filesystem::path& path) {
     std::lock_guard<std::mutex> guard(log_lock);
-    std::wstring wide = path.wstring();
-    std::size_t at = wide.rfind(L".log");
-    std::wstring stem = at == std::wstring::npos ? wide : wide.substr(0, at);
+    std::string text = path_utf8(path);
+    std::size_t at = text.rfind(".log");
+    std::string stem = at == std::string::npos ? text : text.substr(0, at);
     // An open file cannot be renamed on Windows; let go of any earlier one first.
     log_file.reset();
-    replace_file(path, std::filesystem::path(stem + L".prev.log"));
+    replace_file(path, utf8_path(stem + ".prev.log"));
     log_file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
 }
 

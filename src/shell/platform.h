@@ -48,4 +48,17 @@ struct ProcessUsage {
 };
 ProcessUsage process_usage();
 
+// Paths from text and back. A path built straight from a wide string goes through the C
+// library's locale on POSIX, which in the default "C" locale cannot hold a non-ASCII name.
+std::filesystem::path wide_path(const std::wstring& text);
+std::filesystem::path utf8_path(const std::string& text);
+std::string path_utf8(const std::filesystem::path& path);
+
+// Fills out with bytes from the system's cryptographic generator; false if it failed.
+bool secure_random(void* out, std::size_t size);
+
+// A closed standard output (a pipe whose reader went away) must fail the write, not end the
+// process.
+void ignore_broken_pipe();
+
 }  // namespace zq

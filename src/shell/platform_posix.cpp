@@ -1,12 +1,14 @@
 #include "shell/platform.h"
 
 #include <csignal>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
 
+#include <sys/random.h>
 #include <unistd.h>
 
 namespace zq {
@@ -142,5 +144,28 @@ ProcessUsage process_usage() {
     }
     return usage;
 }
+
+// File names on POSIX are bytes; the program's text is UTF-8, and so are the names it makes.
+std::filesystem::path wide_path(const std::wstring& text) { return std::filesystem::path(wide_to_utf8(text)); }
+
+std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(text); }
+
+std::string path_utf8(const std::filesystem::path& path) { return path.string(); }
+
+bool secure_random(void* out, std::size_t size) {
+    auto* bytes = static_cast<unsigned char*>(out);
+    while (size > 0) {
+        ssize_t n = getrandom(bytes, size, 0);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        bytes += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void ignore_broken_pipe() { std::signal(SIGPIPE, SIG_IGN); }
 
 }  // namespace zq

@@ -1,6 +1,7 @@
 #include "shell/platform.h"
 
 #include <windows.h>
+#include <bcrypt.h>
 #include <psapi.h>
 #include <shellapi.h>
 #include <tlhelp32.h>
@@ -106,5 +107,19 @@ ProcessUsage process_usage() {
     if (GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)) usage.memory_bytes = counters.PagefileUsage;
     return usage;
 }
+
+std::filesystem::path wide_path(const std::wstring& text) { return std::filesystem::path(text); }
+
+std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(utf8_to_wide(text)); }
+
+std::string path_utf8(const std::filesystem::path& path) { return wide_to_utf8(path.wstring()); }
+
+bool secure_random(void* out, std::size_t size) {
+    return BCryptGenRandom(nullptr, static_cast<PUCHAR>(out), static_cast<ULONG>(size),
+                           BCRYPT_USE_SYSTEM_PREFERRED_RNG) == 0;
+}
+
+// Windows raises no signal for a closed pipe; the write fails by itself.
+void ignore_broken_pipe() {}
 
 }  // namespace zq

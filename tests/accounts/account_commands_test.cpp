@@ -54,6 +54,16 @@ protected:
     FakeAccounts store{service};
 };
 
+// The name goes out in a JSON body: a character that the 48-byte limit would cut is left out
+// whole, and bytes that are no UTF-8 at all cannot stop the command.
+TEST_F(AccountCommands, CreateWithAComputerNameThatTheLimitCutsMidCharacter) {
+    auto r = run({"--create", "ash"}, {{"COMPUTERNAME", std::string(47, 'P') + "\xC3\xA9Q"}});
+    ASSERT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_EQ(verdict(r), "ok");
+    EXPECT_EQ(service.requests_to("/auth/account/create").at(0).json()["DeviceName"],
+              "sarnlink on " + std::string(47, 'P'));
+}
+
 TEST_F(AccountCommands, CreateSignOutRecoverRoundTrip) {
     write_file(state(), R"({"accounts": 5, "other": {"kept": true}})");
     auto r = run({"--create", "ash"}, {{"COMPUTERNAME", std::string(60, 'P')}});

@@ -96,14 +96,16 @@ TEST(DataPath, PunchesStopOnceThePeerIsHeard) {
     EXPECT_LE(late, 1);
 }
 
-// A peer whose NAT gave him a new port is followed, and followed back to a port known before.
-TEST(DataPath, APeerAtANewPortOfItsHostIsLearned) {
+// A peer whose NAT gave him a new port is followed once his punch comes from it, and followed
+// back to a port known before.
+TEST(DataPath, APeerAtANewPortOfItsHostIsLearnedFromItsPunch) {
     LogCapture log;
     FakePort first, second, port;
     Gateway g(0, std::nullopt, "127.0.0.1", nullptr);
     ASSERT_TRUE(g.start(nullptr));
     Endpoint bob = g.add_member(2, "bob", first.address(), {}, "alice", 1, 0, port.address());
 
+    second.send_raw(public_of(g), zq::p2p::kPunch);
     second.send_raw(public_of(g), "\xFF\xC3\x01\x01via second"s);
     auto got = port.receive_data();
     ASSERT_TRUE(got);
@@ -117,10 +119,45 @@ TEST(DataPath, APeerAtANewPortOfItsHostIsLearned) {
     first.send_raw(public_of(g), "\xFF\xC3\x01\x01via first"s);
     ASSERT_TRUE(port.receive_data());
     port.send(bob, 1, 1, "to first");
-    got = first.receive_data();
+    do got = first.receive_data();
+    while (got && zq::p2p::is_punch(got->bytes));
     ASSERT_TRUE(got);
     EXPECT_EQ(got->bytes, "\xFF\xC3\x01\x01to first"s);
     EXPECT_EQ(log.count_containing("p2p: member 2 (bob) also at"), 1);
+}
+
+// Others behind the peer's NAT share its host. Their data is not taken for the peer's, before
+// or after the peer is heard, nor is their punch once the peer is known; the port's frames go on
+// going to the peer.
+TEST(DataPath, AnotherPortOfThePeersHostIsNotTakenForThePeer) {
+    LogCapture log;
+    FakePort bob, intruder, port;
+    Gateway g(0, std::nullopt, "127.0.0.1", nullptr);
+    ASSERT_TRUE(g.start(nullptr));
+    Endpoint bob_sees = g.add_member(2, "bob", bob.address(), {}, "alice", 1, 0, port.address());
+
+    intruder.send_raw(public_of(g), "\xFF\xC3\x01\x01" "before"s);
+    bob.send_raw(public_of(g), "\xFF\xC3\x01\x01" "bob"s);
+    auto got = port.receive_data();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->bytes, "\x00\x01\x00\x01" "bob"s);
+
+    intruder.send_raw(public_of(g), zq::p2p::kPunch);
+    intruder.send_raw(public_of(g), "\xFF\xC3\x01\x01" "after"s);
+    bob.send_raw(public_of(g), "\xFF\xC3\x01\x01" "bob again"s);
+    got = port.receive_data();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->from, bob_sees);
+    EXPECT_EQ(got->bytes, "\x00\x01\x00\x01" "bob again"s);
+
+    port.send(bob_sees, 1, 1, "answer");
+    do got = bob.receive_data();
+    while (got && zq::p2p::is_punch(got->bytes));
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->bytes, "\xFF\xC3\x01\x01" "answer"s);
+    EXPECT_EQ(g.links_snapshot().at(0).endpoint, bob.address());
+    EXPECT_EQ(g.links_snapshot().at(0).to_port, 2u);
+    EXPECT_FALSE(log.contains("also at"));
 }
 
 // Nothing from strangers reaches the port, nor a guess between two peers behind one host. Each

@@ -7,6 +7,7 @@
 
 #include "p2p/gateway.h"
 #include "support/process.h"  // before wait.h: it declares wait_until with its default
+#include "support/fake_port.h"
 #include "support/log_capture.h"
 #include "support/stun_relay_server.h"
 #include "support/wait.h"
@@ -81,6 +82,29 @@ TEST(StunClient, LearnsItsAddressAndHoldsTheRelayWhileGranted) {
     EXPECT_EQ(told.at(1), nat);
     server.set_reported(Endpoint{"203.0.113.5", 6001});
     EXPECT_TRUE(wait_until([&] { return told.size() == 3; }, 10.0));
+}
+
+// An answer that carries the right transaction counts only from the server that was asked.
+TEST(StunClient, AnAnswerFromAnotherAddressIsIgnored) {
+    using namespace std::string_literals;
+    LogCapture log;
+    testing_support::FakePort server, stranger;
+    Gateway g(0, server.address(), "127.0.0.1", nullptr);
+    g.stun_refresh = 1000.0;  // the one request of the first pass
+    ASSERT_TRUE(g.start(nullptr));
+    auto request = server.receive();
+    ASSERT_TRUE(request);
+    ASSERT_EQ(request->bytes.size(), 36u);
+    // MAPPED-ADDRESS 192.0.2.1 or .2, port 4660, behind the request's cookie and transaction.
+    auto answer = [&](char last) {
+        return "\x01\x01\x00\x0C"s + request->bytes.substr(4, 16) + "\x00\x01\x00\x08\x00\x01\x12\x34\xC0\x00\x02"s +
+               last;
+    };
+    stranger.send_raw(request->from, answer('\x01'));
+    server.send_raw(request->from, answer('\x02'));
+    ASSERT_TRUE(wait_until([&] { return g.mapped_address().has_value(); }, 10.0));
+    EXPECT_EQ(*g.mapped_address(), (Endpoint{"192.0.2.2", 4660}));
+    EXPECT_FALSE(log.contains("p2p: STUN sees us as 192.0.2.1"));
 }
 
 // A real STUN server's answer (XOR-MAPPED-ADDRESS) is understood, and the private attribute
