@@ -8,6 +8,7 @@ packages=(
   g++-mingw-w64-x86-64-posix wine64
   clang libclang-rt-dev
   curl openssl python3 coturn iproute2 nftables
+  chromium
 )
 
 missing=()
