@@ -37,7 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             FUZZ_CHECK(clean_header_text(value));
         }
 
-        const std::uint64_t length = http::announced_length(head.headers);
+        const http::BodyLength announced = http::body_length(head.headers, http::max_request_body);
+        if (announced.kind != http::BodyLength::Ok) {
+            // Refused: an error status, and nothing after it is read as a request.
+            FUZZ_CHECK(announced.kind == http::BodyLength::Malformed || announced.bytes > http::max_request_body);
+            break;
+        }
+        const std::uint64_t length = announced.bytes;
         if (length > buffer.size()) break;  // the server would wait for the rest
         http::ServerResponse response;
         response.body = buffer.substr(0, static_cast<std::size_t>(length));

@@ -90,6 +90,8 @@ int main(int argc, char** argv) {
         });
     }
     http::Server server;
+    // Stands for the remote service: every player's bridge keeps connections open here.
+    server.max_connections = 1024;
     std::string error;
     bool started = server.start(
         http_host, http_port,

@@ -1,10 +1,10 @@
 #include "http/server.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <exception>
 #include <sstream>
+#include <system_error>
 
+#include "shell/log.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 
@@ -49,22 +49,24 @@ RequestHead parse_request_head(std::string_view head) {
     return out;
 }
 
-std::uint64_t announced_length(const HeaderList& headers) {
-    std::string text;
-    bool found = false;
+BodyLength body_length(const HeaderList& headers, std::uint64_t limit) {
+    const std::string* text = nullptr;
     for (const auto& [name, value] : headers) {
-        if (iequals(name, "Content-Length")) {
-            text = value;
-            found = true;
-            break;
-        }
+        if (!iequals(name, "Content-Length")) continue;
+        // Two lengths that disagree leave no way to tell where the next request starts.
+        if (text && *text != value) return {BodyLength::Malformed, 0};
+        text = &value;
     }
-    if (!found || text.empty()) return 0;
-    errno = 0;
-    char* end = nullptr;
-    unsigned long long n = std::strtoull(text.c_str(), &end, 10);
-    if (end == text.c_str() || errno == ERANGE) return 0;
-    return n;
+    if (!text || text->empty()) return {};
+    if (text->find_first_not_of("0123456789") != std::string::npos) return {BodyLength::Malformed, 0};
+    const std::size_t first = text->find_first_not_of('0');
+    if (first == std::string::npos) return {};
+    // Nineteen digits always fit in 64 bits; more never fit under any limit worth having.
+    if (text->size() - first > 19) return {BodyLength::TooLarge, ~std::uint64_t{0}};
+    std::uint64_t n = 0;
+    for (std::size_t i = first; i < text->size(); ++i) n = n * 10 + static_cast<std::uint64_t>((*text)[i] - '0');
+    if (n > limit) return {BodyLength::TooLarge, n};
+    return {BodyLength::Ok, n};
 }
 
 std::string format_response(const ServerResponse& response, bool keep_alive, bool head_only) {
@@ -83,6 +85,27 @@ std::string format_response(const ServerResponse& response, bool keep_alive, boo
 }
 
 Server::~Server() { stop(); }
+
+namespace {
+
+bool send_all(zq::Socket s, const std::string& out) {
+    std::size_t sent = 0;
+    while (sent < out.size()) {
+        int n = zq::send_some(s, out.data() + sent, static_cast<int>(out.size() - sent));
+        if (n < 1) return false;
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+http::ServerResponse error_response(const char* message, int status) {
+    nlohmann::ordered_json body;
+    body["ResKind"] = 1;
+    body["Message"] = message;
+    return json_response(body, status);
+}
+
+}  // namespace
 
 bool Server::start(const std::string& host, int port_wanted, Handler handler_in, std::string* error) {
     zq::network_init();
@@ -106,6 +129,7 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
         zq::close_socket(wake);
         wake = zq::invalid_socket;
     }
+    cancel_ = std::make_shared<CancelFlag>();
     running = true;
     accept_thread = std::thread([this, s] { accept_loop(s); });
     return true;
@@ -113,80 +137,175 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
 
 void Server::stop() {
     if (!running.exchange(false)) return;
-    // Closing alone does not wake a blocked accept everywhere; shutting down does.
+    // Upstream calls end first, so that the handlers that made them return soon.
+    if (cancel_) cancel_->cancel();
+    // Nobody reads this datagram, so the wake socket stays readable for every waiting thread.
+    if (wake != zq::invalid_socket) zq::send_to(wake, "x", 1, wake_address);
     zq::shutdown_socket(listener);
+    if (accept_thread.joinable()) accept_thread.join();
+    // Closed only now: a socket number closed under a waiting thread may come back as another.
     zq::close_socket(listener);
     listener = zq::invalid_socket;
-    if (accept_thread.joinable()) accept_thread.join();
+    std::map<std::uint64_t, std::thread> all;
     {
         // Wakes every recv; each connection thread closes its own socket.
         std::lock_guard<std::mutex> guard(connections_lock);
         for (zq::Socket s : connections) zq::shutdown_socket(s);
+        all.swap(threads_);
+        finished_threads_.clear();
     }
-    // Nobody reads this datagram, so the wake socket stays readable for every waiting connection.
-    if (wake != zq::invalid_socket) zq::send_to(wake, "x", 1, wake_address);
-    for (int i = 0; i < 300; ++i) {
-        if (active_connections.load() < 1) {
-            zq::close_socket(wake);
-            wake = zq::invalid_socket;
-            return;
+    for (auto& [id, thread] : all) thread.join();
+    zq::close_socket(wake);
+    wake = zq::invalid_socket;
+}
+
+bool Server::wait_for(zq::Socket s, double deadline) {
+    std::vector<zq::Socket> waited;
+    if (s != zq::invalid_socket) waited.push_back(s);
+    if (wake != zq::invalid_socket) waited.push_back(wake);
+    std::vector<bool> ready;
+    for (;;) {
+        const double left = deadline - zq::steady_seconds();
+        if (left <= 0 || !running) return false;
+        // At most a second at a time, so that a server without its wake socket still stops.
+        const int slice = left >= 1.0 ? 1000 : static_cast<int>(left * 1000) + 1;
+        if (waited.empty()) {
+            zq::sleep_ms(slice);
+            continue;
         }
-        zq::sleep_ms(10);
+        const int n = zq::wait_readable(waited, slice, ready);
+        if (n < 0 || !running) return false;
+        if (n == 0) continue;
+        if (wake != zq::invalid_socket && ready.back()) return false;
+        return s != zq::invalid_socket && ready[0];
     }
-    // A handler still busy after 3 seconds is left running; its thread may still look at wake.
+}
+
+void Server::join_finished_threads() {
+    std::vector<std::thread> done;
+    {
+        std::lock_guard<std::mutex> guard(connections_lock);
+        for (std::uint64_t id : finished_threads_) {
+            auto it = threads_.find(id);
+            if (it == threads_.end()) continue;
+            done.push_back(std::move(it->second));
+            threads_.erase(it);
+        }
+        finished_threads_.clear();
+    }
+    for (auto& thread : done) thread.join();
 }
 
 void Server::accept_loop(zq::Socket listening) {
+    constexpr double first_backoff = 0.05;
+    double backoff = first_backoff;
     while (running) {
+        join_finished_threads();
+        // Returns now and then with nothing to accept, so that ended threads are joined soon.
+        if (!wait_for(listening, zq::steady_seconds() + 1.0)) continue;
         zq::Socket s = zq::accept_socket(listening);
-        if (s == zq::invalid_socket) return;
-        {
-            std::lock_guard<std::mutex> guard(connections_lock);
-            connections.insert(s);
+        if (s == zq::invalid_socket) {
+            if (!running) return;
+            // Out of descriptors or buffers: the connection waits in the backlog, and the loop
+            // tries again a little later instead of spinning or giving up.
+            const int code = zq::last_socket_error();
+            zq::log_limited(zq::format_text("http accept :%d", port),
+                            zq::format_text("http :%d: accept failed (error %d), trying again", port, code));
+            wait_for(zq::invalid_socket, zq::steady_seconds() + backoff);
+            backoff = backoff * 2 < 1.0 ? backoff * 2 : 1.0;
+            continue;
         }
+        backoff = first_backoff;
+        if (active_connections.load() >= max_connections) {
+            zq::log_limited(zq::format_text("http full :%d", port),
+                            zq::format_text("http :%d: %d connections open, refused another", port, max_connections));
+            zq::close_socket(s);
+            continue;
+        }
+        std::lock_guard<std::mutex> guard(connections_lock);
+        connections.insert(s);
         active_connections.fetch_add(1);
-        std::thread([this, s] {
-            connection_thread(s);
-            // Last touch of the server: stop may return and destroy it right after this.
+        const std::uint64_t id = next_thread_++;
+        try {
+            threads_.emplace(id, std::thread([this, s, id] {
+                connection_thread(s);
+                std::lock_guard<std::mutex> done(connections_lock);
+                finished_threads_.push_back(id);
+                active_connections.fetch_sub(1);
+            }));
+        } catch (const std::system_error& e) {
+            connections.erase(s);
             active_connections.fetch_sub(1);
-        }).detach();
+            zq::close_socket(s);
+            zq::log_limited(zq::format_text("http thread :%d", port),
+                            zq::format_text("http :%d: refused a connection, no thread: %s", port, e.what()));
+        }
     }
 }
 
 void Server::connection_thread(zq::Socket s) {
-    std::string buffer;
+    std::string buffer;  // grows with what arrives, never with what a header announces
     char block[8192];
     bool keep_alive = true;
-    // Appends one receive to the buffer; false when the peer is gone or failed.
-    std::vector<zq::Socket> waited = {s, wake};
-    std::vector<bool> ready;
-    auto receive = [&] {
-        if (wake != zq::invalid_socket && (zq::wait_readable(waited, -1, ready) < 1 || ready[1])) return false;
+    bool first = true;
+    // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
+    // passed, or the server is stopping.
+    auto receive = [&](double deadline) {
+        if (!wait_for(s, deadline)) return false;
         int n = zq::recv_some(s, block, sizeof block);
         if (n < 1) return false;
         buffer.append(block, static_cast<std::size_t>(n));
         return true;
     };
+    auto seconds_from_now = [](int ms) { return zq::steady_seconds() + ms / 1000.0; };
     while (keep_alive && running) {
+        // A new connection owes its head from the start; a kept-alive one may sit idle longer,
+        // but once its next request has begun, the head is due within the same time.
+        bool begun = first || !buffer.empty();
+        first = false;
+        double deadline = seconds_from_now(begun ? head_timeout_ms : idle_timeout_ms);
         std::size_t searched = 0;
         std::size_t end;
         bool have_head = true;
         while ((end = buffer.find("\r\n\r\n", searched)) == std::string::npos) {
             searched = buffer.size() < 3 ? 0 : buffer.size() - 3;
             // An overlong head is dropped without an answer, even if this block held its end.
-            if (!receive() || buffer.size() > max_head_buffer) {
+            if (!receive(deadline) || buffer.size() > max_head_buffer) {
                 have_head = false;
                 break;
+            }
+            if (!begun) {
+                begun = true;
+                deadline = seconds_from_now(head_timeout_ms);
             }
         }
         if (!have_head) break;
         RequestHead head = parse_request_head(std::string_view(buffer).substr(0, end));
         buffer.erase(0, end + 4);
 
-        std::uint64_t length = announced_length(head.headers);
+        const BodyLength length = body_length(head.headers, max_body);
+        if (length.kind != BodyLength::Ok) {
+            // Where this body ends is unknown or too far away: answer, and end the connection.
+            if (length.kind == BodyLength::TooLarge)
+                zq::log_limited(zq::format_text("http body :%d", port),
+                                zq::format_text("http :%d: refused a body of %llu bytes (at most %llu)", port,
+                                                static_cast<unsigned long long>(length.bytes),
+                                                static_cast<unsigned long long>(max_body)));
+            const ServerResponse refused = length.kind == BodyLength::TooLarge
+                                               ? error_response("request body too large", 413)
+                                               : error_response("bad Content-Length", 400);
+            if (send_all(s, format_response(refused, false, head.method == "HEAD"))) {
+                // Reads on for a moment, so that closing with unread bytes does not reset the
+                // connection before the client has read the answer.
+                const double linger = seconds_from_now(1000);
+                while (receive(linger)) buffer.clear();
+            }
+            break;
+        }
+        const double body_deadline = seconds_from_now(body_timeout_ms);
         bool complete = true;
-        while (buffer.size() < length) {
-            if (!receive()) {
+        while (buffer.size() < length.bytes) {
+            if (!receive(body_deadline)) {
                 complete = false;
                 break;
             }
@@ -197,8 +316,9 @@ void Server::connection_thread(zq::Socket s) {
         request.method = std::move(head.method);
         request.path = std::move(head.path);
         request.headers = std::move(head.headers);
-        request.body = buffer.substr(0, static_cast<std::size_t>(length));
-        buffer.erase(0, static_cast<std::size_t>(length));
+        request.body = buffer.substr(0, static_cast<std::size_t>(length.bytes));
+        request.cancel = cancel_;
+        buffer.erase(0, static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")
             keep_alive = false;
@@ -213,16 +333,7 @@ void Server::connection_thread(zq::Socket s) {
             response = json_response(body, 500);
         }
 
-        std::string out = format_response(response, keep_alive, request.method == "HEAD");
-        std::size_t sent = 0;
-        while (sent < out.size()) {
-            int n = zq::send_some(s, out.data() + sent, static_cast<int>(out.size() - sent));
-            if (n < 1) {
-                keep_alive = false;
-                break;
-            }
-            sent += static_cast<std::size_t>(n);
-        }
+        if (!send_all(s, format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
     }
     {
         std::lock_guard<std::mutex> guard(connections_lock);

@@ -1,12 +1,20 @@
 #pragma once
 // A minimal HTTP/1.1 server for the loopback: one thread per connection, blocking sockets,
-// keep-alive and pipelining, no chunked coding, no time-outs. It knows no routes: every request
-// goes to one handler, and what the handler returns is written back.
+// keep-alive and pipelining, no chunked coding. It knows no routes: every request goes to one
+// handler, and what the handler returns is written back.
+//
+// Anything on the machine can connect, so every resource a caller can make it hold is bounded:
+// connections at once (more are closed at once), the time a request head, a body and an idle
+// keep-alive connection may take, and the size of a body (larger ones get 413). Every
+// connection thread is owned and joined by stop, which first cancels the handlers' upstream
+// calls through the flag that each request carries.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,6 +24,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "http/fetch.h"
 #include "http/headers.h"
 #include "shell/net.h"
 
@@ -26,6 +35,9 @@ struct ServerRequest {
     std::string path;  // as sent, query included
     HeaderList headers;
     std::string body;
+    // Set when the server stops; a handler hands it to the upstream calls it makes for this
+    // request, so that stop does not wait for them. Never null on the server's threads.
+    std::shared_ptr<const CancelFlag> cancel;
 };
 
 struct ServerResponse {
@@ -57,9 +69,19 @@ struct RequestHead {
 // Pure parse of a head: a malformed request line gives empty or partial words, never a failure.
 RequestHead parse_request_head(std::string_view head);
 
-// The body length that a request announces: Content-Length read like strtoull in base 10,
-// 0 when it is missing, empty, not a number or out of range.
-std::uint64_t announced_length(const HeaderList& headers);
+// The largest request body taken: far above what the game posts (its largest bodies, play log
+// uploads, are some kilobytes), small enough that a full set of connections stays affordable.
+inline constexpr std::uint64_t max_request_body = 8u << 20;
+
+// What the Content-Length headers of a message say. Missing or empty means 0. A value that is
+// not plain decimal digits (a sign, "12abc", "-1"), or several headers that disagree, is
+// Malformed; a number above limit, or too long for 64 bits, is TooLarge.
+struct BodyLength {
+    enum Kind { Ok, Malformed, TooLarge };
+    Kind kind = Ok;
+    std::uint64_t bytes = 0;
+};
+BodyLength body_length(const HeaderList& headers, std::uint64_t limit);
 
 // The whole response as one block. With head_only the body is left out while Content-Length
 // still gives its size.
@@ -74,8 +96,16 @@ public:
 
     // Listens on host (dotted IPv4, no name look-up) and port (0 picks a free one, see port).
     bool start(const std::string& host, int port, Handler handler, std::string* error);
-    // Safe at any time and any number of times; waits at most 3 seconds for busy connections.
+    // Safe at any time and any number of times. Cancels the handlers' upstream calls, wakes
+    // every connection and joins every thread of the server before it returns.
     void stop();
+
+    // Limits, set before start. Times in milliseconds.
+    int max_connections = 64;      // open at once; more are closed as soon as they are accepted
+    int head_timeout_ms = 10000;   // for a whole request head, from its first byte (or the accept)
+    int idle_timeout_ms = 30000;   // for the first byte of the next request on a kept-alive one
+    int body_timeout_ms = 30000;   // for a whole body, from the end of its head
+    std::uint64_t max_body = max_request_body;
 
     zq::Socket listener = zq::invalid_socket;
     int port = 0;  // the port actually bound
@@ -92,8 +122,20 @@ private:
     zq::Socket wake = zq::invalid_socket;
     zq::SockAddr wake_address;
 
+    // Connection threads by a number of their own (socket numbers come back after a close).
+    // Guarded by connections_lock. A thread that ends puts its number in finished_threads_,
+    // and the accept loop joins it.
+    std::uint64_t next_thread_ = 0;
+    std::map<std::uint64_t, std::thread> threads_;
+    std::vector<std::uint64_t> finished_threads_;
+    std::shared_ptr<CancelFlag> cancel_;
+
     void accept_loop(zq::Socket listening);
     void connection_thread(zq::Socket s);
+    void join_finished_threads();
+    // Waits on s (or only on the wake socket when s is invalid) until it is readable, the
+    // deadline (steady seconds) passes or stop is under way; true only for the first.
+    bool wait_for(zq::Socket s, double deadline);
 };
 
 }  // namespace http

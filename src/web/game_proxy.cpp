@@ -8,6 +8,7 @@
 #include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/util.h"
+#include "web/guard.h"
 #include "web/paths.h"
 
 namespace zq {
@@ -40,11 +41,26 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
                                         const http::ServerRequest& request) {
     const Config& config = bridge.config();
 
+    std::string refused = web::foreign_caller(request, config.bind_host);
+    // The target is joined to base_url: it may name a path there and nothing else.
+    if (refused.empty() && !web::safe_target(request.path)) refused = "target";
+    if (!refused.empty()) {
+        // A window of lines per route and kind of refusal, so that one flood hides no other.
+        log_limited("game refused " + base_url + " " + refused.substr(0, refused.find(' ')),
+                    format_text("game %s %s: refused (%s)", web::printable(request.method).c_str(),
+                                                web::printable(request.path).c_str(), refused.c_str()));
+        http::ServerResponse response;
+        response.status = refused == "target" ? 400 : 403;
+        return response;
+    }
+
     http::ClientRequest upstream;
     upstream.method = request.method;
     upstream.url = base_url + request.path;
     upstream.body = request.body;
     upstream.timeout_ms = 15000;  // the game's own calls may be slower than the matching API's
+    upstream.deadline_ms = 60000;  // and a trickling answer must still end
+    upstream.cancel = request.cancel;
 
     std::string game_agent;
     for (const auto& [name, value] : request.headers) {

@@ -12,6 +12,7 @@
 #include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/util.h"
+#include "web/guard.h"
 #include "web/paths.h"
 
 namespace zq {
@@ -44,6 +45,9 @@ bool is_empty_advertisement(const nlohmann::json& value) {
 http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& request) {
     const Config& config = bridge.config();
     const std::string path = web::path_without_query(request.path);
+    // The path is joined to the community server's URL: it must not lead anywhere else there.
+    if (!web::safe_target(path) || web::has_dot_segment(path))
+        return http::json_response(Json{{"ResKind", 1}, {"Message", "bad path"}}, 400);
 
     if (path == "/summon_messenger/create") {
         nlohmann::json advertisement = nlohmann::json::parse(request.body, nullptr, false);
@@ -59,6 +63,8 @@ http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& r
     upstream.method = "POST";
     upstream.url = config.community_server + path;
     upstream.body = request.body;
+    upstream.cancel = request.cancel;
+    upstream.deadline_ms = 30000;  // an answer that trickles in must not hold the game's call
     upstream.headers = {{"Content-Type", "application/json"}, {"User-Agent", config.user_agent}};
     const Bridge::Credentials credentials = bridge.current_credentials();
     if (!credentials.token.empty()) upstream.headers.emplace_back("X-ZQ-Token", credentials.token);

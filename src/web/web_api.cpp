@@ -11,6 +11,7 @@
 #include "shell/log.h"
 #include "shell/util.h"
 #include "shell/version.h"
+#include "web/guard.h"
 #include "web/paths.h"
 #include "web/summon_proxy.h"
 
@@ -89,6 +90,14 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     const std::string path = web::path_without_query(request.path);
     const std::vector<std::string> segments = web::path_segments(path);
     const bool debug = bridge.config().debug_endpoints;
+
+    if (const std::string why = web::foreign_caller(request, bridge.config().bind_host); !why.empty()) {
+        const std::string cause = format_text("webapi refused :%d ", bridge.bound_webapi_port()) +
+                                  why.substr(0, why.find(' '));
+        log_limited(cause, format_text("webapi: refused %s %s (%s)", web::printable(method).c_str(),
+                                                  web::printable(path).c_str(), why.c_str()));
+        return http::json_response(Json{{"ResKind", 1}, {"Message", "forbidden"}}, 403);
+    }
 
     if (method == "GET" && path == "/status")
         return http::json_response(Json{{"ok", true}, {"bridge", "sarnlink"}, {"version", kVersion}}, 200);

@@ -18,11 +18,13 @@ struct RawResponse {
 
 class RawClient {
 public:
-    explicit RawClient(int port) {
+    // With connect_now false the socket is made now and connected by connect().
+    explicit RawClient(int port, bool connect_now = true) : port_(port) {
         zq::network_init();
         s_ = zq::open_tcp_socket();
-        connected_ = zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port}));
+        if (connect_now) connect();
     }
+    bool connect() { return connected_ = zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port_})); }
     ~RawClient() { zq::close_socket(s_); }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
@@ -48,7 +50,7 @@ public:
         r.head = buffer_.substr(0, end);
         buffer_.erase(0, end + 4);
         std::size_t length = no_body ? 0 : static_cast<std::size_t>(
-            http::announced_length(http::parse_request_head(r.head).headers));
+            http::body_length(http::parse_request_head(r.head).headers, ~std::uint64_t{0}).bytes);
         while (buffer_.size() < length)
             if (!receive()) return r;
         r.body = buffer_.substr(0, length);
@@ -74,6 +76,7 @@ private:
         return true;
     }
 
+    int port_ = 0;
     zq::Socket s_ = zq::invalid_socket;
     bool connected_ = false;
     bool gone_ = false;

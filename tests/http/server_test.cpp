@@ -1,11 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
+#include <memory>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "http/raw_client.h"
 #include "http/server.h"
+#include "shell/platform.h"
 #include "support/host.h"
+#include "support/log_capture.h"
 #include "support/process.h"
+#include "support/wait.h"
 
 using http_test::RawClient;
 
@@ -56,19 +64,32 @@ TEST(HttpServer, ParsesHeadsLeniently) {
     EXPECT_EQ(partial.path, "");
     EXPECT_EQ(partial.headers.size(), 1u);
 
+    using Kind = http::BodyLength::Kind;
     struct Case {
         http::HeaderList headers;
+        Kind kind;
         std::uint64_t length;
     } cases[] = {
-        {{}, 0},
-        {{{"content-length", "12"}}, 12},
-        {{{"Content-Length", "12abc"}}, 12},
-        {{{"Content-Length", " +7"}}, 7},
-        {{{"Content-Length", "abc"}}, 0},
-        {{{"Content-Length", ""}, {"Content-Length", "9"}}, 0},  // only the first counts
-        {{{"Content-Length", "99999999999999999999999"}}, 0},
+        {{}, Kind::Ok, 0},
+        {{{"content-length", "12"}}, Kind::Ok, 12},
+        {{{"Content-Length", ""}}, Kind::Ok, 0},
+        {{{"Content-Length", "0007"}, {"Content-Length", "0007"}}, Kind::Ok, 7},  // repeated, the same
+        {{{"Content-Length", "100"}}, Kind::Ok, 100},
+        {{{"Content-Length", "101"}}, Kind::TooLarge, 101},
+        {{{"Content-Length", "99999999999999999999999"}}, Kind::TooLarge, ~std::uint64_t{0}},
+        {{{"Content-Length", "18446744073709551615"}}, Kind::TooLarge, ~std::uint64_t{0}},
+        {{{"Content-Length", "-1"}}, Kind::Malformed, 0},
+        {{{"Content-Length", "+7"}}, Kind::Malformed, 0},
+        {{{"Content-Length", "12abc"}}, Kind::Malformed, 0},
+        {{{"Content-Length", "abc"}}, Kind::Malformed, 0},
+        {{{"Content-Length", "5"}, {"Content-Length", "6"}}, Kind::Malformed, 0},
+        {{{"Content-Length", "5"}, {"content-length", ""}}, Kind::Malformed, 0},
     };
-    for (const auto& c : cases) EXPECT_EQ(http::announced_length(c.headers), c.length);
+    for (const auto& c : cases) {
+        const http::BodyLength got = http::body_length(c.headers, 100);
+        EXPECT_EQ(got.kind, c.kind) << (c.headers.empty() ? "" : c.headers[0].second);
+        EXPECT_EQ(got.bytes, c.length) << (c.headers.empty() ? "" : c.headers[0].second);
+    }
 
     EXPECT_EQ(http::trim_header(" \t a b \t\r"), "a b");
     EXPECT_EQ(http::trim_header("\ra\r"), "\ra");  // the ends are trimmed differently
@@ -114,10 +135,9 @@ TEST(HttpServer, KeepsAliveUntilCloseRules) {
 TEST(HttpServer, PipelinedRequestsBodiesAndHead) {
     RunningServer s;
     RawClient c(s.server.port);
-    // Five requests in one segment: a body, a length that is no number (so its bytes become the
-    // next request), HEAD, and a lower-case head that is no HEAD.
+    // Five requests in one segment: bodies, HEAD, and a lower-case head that is no HEAD.
     ASSERT_TRUE(c.send("POST /echo1 HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"
-                       "POST /echo2 HTTP/1.1\r\nContent-Length: abc\r\n\r\n"
+                       "POST /echo2 HTTP/1.1\r\nContent-Length: 0\r\n\r\n"
                        "GET /echo3 HTTP/1.1\r\n\r\n"
                        "HEAD /status HTTP/1.1\r\n\r\n"
                        "head /status HTTP/1.1\r\n\r\n"));
@@ -225,4 +245,155 @@ TEST(HttpServer, AnswersTheCurlCommandLine) {
 
     r = run({"--data-binary", "a=1&b=2", base + "/echo?x"});
     EXPECT_EQ(r.output, "POST /echo?x [a=1&b=2]");
+}
+
+// A length that cannot be placed, or a body too large to take, is answered from the head alone,
+// and nothing after it on that connection is read as a request.
+TEST(HttpServer, RefusesBadLengthsAndOversizedBodies) {
+    RunningServer s;
+    for (const char* length : {"-1", "abc", "5\r\nContent-Length: 6"}) {
+        RawClient c(s.server.port);
+        ASSERT_TRUE(c.send(std::string("POST /echo HTTP/1.1\r\nContent-Length: ") + length +
+                           "\r\n\r\nhelloGET /echo HTTP/1.1\r\n\r\n"));
+        auto r = c.read_response();
+        ASSERT_TRUE(r.ok) << length;
+        EXPECT_TRUE(r.head.starts_with("HTTP/1.1 400 Bad Request\r\n")) << r.head;
+        EXPECT_TRUE(has_line(r.head, "Connection: close")) << r.head;
+        EXPECT_EQ(r.body, R"({"ResKind":1,"Message":"bad Content-Length"})");
+        EXPECT_TRUE(c.closed_by_peer()) << length;
+    }
+
+    // 64 MiB on its way: the answer comes while it is still being sent.
+    RawClient big(s.server.port);
+    std::thread sender([&] {
+        big.send("POST /echo HTTP/1.1\r\nContent-Length: 67108864\r\n\r\n" + std::string(64u << 20, 'x'));
+    });
+    auto r = big.read_response();
+    EXPECT_TRUE(r.ok);
+    EXPECT_TRUE(r.head.starts_with("HTTP/1.1 413 Status\r\n")) << r.head;
+    EXPECT_EQ(r.body, R"({"ResKind":1,"Message":"request body too large"})");
+    sender.join();
+
+    // Just under the limit is taken whole.
+    RawClient fits(s.server.port);
+    std::thread fits_sender([&] {
+        fits.send(zq::format_text("POST /echo HTTP/1.1\r\nContent-Length: %llu\r\n\r\n",
+                                  static_cast<unsigned long long>(http::max_request_body)) +
+                  std::string(http::max_request_body, 'y'));
+    });
+    r = fits.read_response();
+    fits_sender.join();
+    EXPECT_EQ(r.body.size(), http::max_request_body + std::string("POST /echo []").size());
+}
+
+TEST(HttpServer, SilentTricklingAndIdleConnectionsAreClosed) {
+    http::Server server;
+    server.head_timeout_ms = 300;
+    server.body_timeout_ms = 300;
+    server.idle_timeout_ms = 3000;
+    ASSERT_TRUE(server.start("127.0.0.1", 0, route, nullptr));
+
+    RawClient silent(server.port);
+    RawClient short_body(server.port);
+    ASSERT_TRUE(short_body.send("POST /echo HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"));
+    EXPECT_TRUE(silent.closed_by_peer());
+    EXPECT_TRUE(short_body.closed_by_peer());
+
+    // A head that trickles in a byte at a time is due as a whole, not per byte.
+    RawClient trickle(server.port);
+    std::atomic<bool> closed{false};
+    const double started = zq::steady_seconds();
+    std::thread sender([&] {
+        trickle.send("GET /status HTTP/1.1\r\n");
+        for (int i = 0; i < 60 && !closed; ++i) {
+            if (!trickle.send("X")) break;
+            zq::sleep_ms(50);
+        }
+    });
+    EXPECT_TRUE(trickle.closed_by_peer());
+    closed = true;
+    sender.join();
+    EXPECT_LT(zq::steady_seconds() - started, 2.5);
+
+    // Kept alive longer than a head may take, then closed once idle for too long.
+    RawClient idle(server.port);
+    ASSERT_TRUE(idle.send("GET /status HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(idle.read_response().ok);
+    zq::sleep_ms(800);  // the gap under test, not a wait for something to happen
+    ASSERT_TRUE(idle.send("GET /status HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(idle.read_response().body, "hello");
+    EXPECT_TRUE(testing_support::wait_until([&] { return idle.closed_by_peer(); }, 10.0));
+}
+
+TEST(HttpServer, ManyIdleConnectionsAreCappedAndTheListenerComesBack) {
+    http::Server server;
+    ASSERT_TRUE(server.start("127.0.0.1", 0, route, nullptr));
+    const zq::ProcessUsage before = zq::process_usage();
+
+    // One at a time, each once the server has taken it in: a burst beyond the listen backlog
+    // would only wait for the system to retry its handshake.
+    std::vector<std::unique_ptr<RawClient>> idle;
+    int closed_at_once = 0;
+    for (int i = 0; i < 500; ++i) {
+        idle.push_back(std::make_unique<RawClient>(server.port));
+        if (i < server.max_connections)
+            ASSERT_TRUE(testing_support::wait_until([&] { return server.active_connections.load() == i + 1; }));
+        else if (idle.back()->closed_by_peer())
+            ++closed_at_once;
+    }
+    EXPECT_EQ(closed_at_once, 500 - server.max_connections);
+    const zq::ProcessUsage during = zq::process_usage();
+    EXPECT_LE(during.threads, before.threads + server.max_connections + 4);
+    if (!testing_support::sanitizer_build())
+        EXPECT_LT(during.memory_bytes, before.memory_bytes + (64ull << 20));
+    EXPECT_EQ(server.active_connections.load(), server.max_connections);
+
+    idle.clear();
+    ASSERT_TRUE(testing_support::wait_until([&] { return server.active_connections.load() == 0; }));
+    RawClient after(server.port);
+    ASSERT_TRUE(after.send("GET /status HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(after.read_response().body, "hello");
+    // Ended connection threads are joined, not left behind.
+    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads <= before.threads + 1; }));
+}
+
+TEST(HttpServer, StopCancelsBusyHandlersAndJoinsEveryThread) {
+    std::atomic<int> busy{0};
+    std::atomic<int> saw_cancel{0};
+    http::Server server;
+    ASSERT_TRUE(server.start("127.0.0.1", 0,
+                             [&](const http::ServerRequest& request) {
+                                 ++busy;
+                                 // Stands for an upstream call that ends when its flag is set.
+                                 if (testing_support::wait_until([&] { return request.cancel->cancelled(); }, 30.0))
+                                     ++saw_cancel;
+                                 return http::ServerResponse{};
+                             },
+                             nullptr));
+    RawClient first(server.port), second(server.port);
+    ASSERT_TRUE(first.send("GET /slow HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(second.send("GET /slow HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(testing_support::wait_until([&] { return busy.load() == 2; }));
+    const double started = zq::steady_seconds();
+    server.stop();
+    EXPECT_LT(zq::steady_seconds() - started, 2.0);
+    EXPECT_EQ(saw_cancel.load(), 2);
+    EXPECT_EQ(server.active_connections.load(), 0);
+}
+
+TEST(HttpServer, AcceptGoesOnAfterRunningOutOfDescriptors) {
+    if (testing_support::running_under_wine())
+        GTEST_SKIP() << "the descriptor limit is lowered with setrlimit, which Windows does not have";
+    testing_support::LogCapture log;
+    RunningServer s;
+    RawClient client(s.server.port, false);  // its socket exists before the descriptors run out
+    {
+        testing_support::DescriptorExhaustion exhaustion;
+        if (!exhaustion.exhaust()) GTEST_SKIP() << "this system would not lower the descriptor limit";
+        ASSERT_TRUE(client.connect());
+        EXPECT_TRUE(log.wait_for(zq::format_text("http :%d: accept failed (error %d), trying again", s.server.port,
+                                                 EMFILE)));
+    }
+    ASSERT_TRUE(client.send("GET /status HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(client.read_response().body, "hello");
 }

@@ -60,6 +60,9 @@ bool FakeService::start(std::string* error) {
         std::lock_guard<std::mutex> hold(lock);
         stopping = false;
     }
+    // The bridge under test keeps pools of connections here (one per game session's poll, and
+    // its shared pool); the default cap is for a listener that strangers can reach.
+    server.max_connections = 1024;
     return server.start("127.0.0.1", 0, [this](const http::ServerRequest& request) { return serve(request); },
                         error);
 }

@@ -28,3 +28,11 @@ void set_env(const std::string& name, const std::string& value) {
 }
 
 }  // namespace testing_support
+
+namespace testing_support {
+
+// Windows has no per-process descriptor limit to lower.
+bool DescriptorExhaustion::exhaust() { return false; }
+void DescriptorExhaustion::release() {}
+
+}  // namespace testing_support

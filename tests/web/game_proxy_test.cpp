@@ -6,6 +6,8 @@
 #include <regex>
 #include <sstream>
 
+#include "shell/deployment.h"
+
 using testing_support::FakeService;
 using testing_support::LogCapture;
 using testing_support::ScriptedAnswer;
@@ -48,7 +50,7 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
     s.service.answer("/x", answer);
 
     auto r = send("GET", s.url("/x?a=1"), "",
-                  {{"Host", "game.example"}, {"Connection", "keep-alive"}, {"Accept-Encoding", "gzip"},
+                  {{"Host", std::string(zq::kRetailHost) + ":20443"}, {"Connection", "keep-alive"}, {"Accept-Encoding", "gzip"},
                    {"X-Other", "kept"}, {"USER-AGENT", "g/1"}});
     EXPECT_EQ(r.status, 200u);
     EXPECT_EQ(r.body, "hello");

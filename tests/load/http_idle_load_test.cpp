@@ -1,0 +1,70 @@
+// Idle connections in the hundreds on each of the bridge's HTTP listeners, as a hostile local
+// process would open them: the bridge's threads and memory stay bounded, and each listener
+// answers again once they are gone.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bridge/bridge.h"
+#include "http/raw_client.h"
+#include "shell/platform.h"
+#include "support/bridge_config.h"
+#include "support/fake_service.h"
+#include "support/host.h"
+#include "support/wait.h"
+
+using http_test::RawClient;
+using testing_support::wait_until;
+
+TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
+    testing_support::FakeService service;
+    ASSERT_TRUE(service.start());
+    service.set_fallback([](const testing_support::RecordedRequest&) -> std::optional<testing_support::ScriptedAnswer> {
+        return testing_support::ScriptedAnswer::text(200, "upstream");
+    });
+    zq::Config c = testing_support::local_bridge_config(service.base_url());
+    c.game_proxy_routes = {{0, service.base_url()}};
+    zq::Bridge bridge(c);
+    std::string error;
+    ASSERT_TRUE(bridge.start(&error)) << error;
+    const std::vector<int> ports = {bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)};
+    constexpr int kPerListener = 500;
+    const int kCap = http::Server().max_connections;  // what each listener holds at once
+
+    const zq::ProcessUsage before = zq::process_usage();
+    std::vector<std::unique_ptr<RawClient>> idle;
+    int answered = 0;
+    for (int port : ports) {
+        for (int i = 0; i < kPerListener; ++i) {
+            idle.push_back(std::make_unique<RawClient>(port));
+            // One request each that goes nowhere upstream (a page's Origin), so that every one
+            // is known to be taken in or turned away before the next one comes.
+            if (idle.back()->send("GET /status HTTP/1.1\r\nOrigin: http://a.example\r\n\r\n") &&
+                idle.back()->read_response().ok)
+                ++answered;
+        }
+    }
+    EXPECT_EQ(answered, kCap * static_cast<int>(ports.size()));
+    const zq::ProcessUsage during = zq::process_usage();
+    EXPECT_LE(during.threads, before.threads + kCap * static_cast<int>(ports.size()) + 4);
+    if (!testing_support::sanitizer_build())
+        EXPECT_LT(during.memory_bytes, before.memory_bytes + (64ull << 20))
+            << (before.memory_bytes >> 10) << " KiB before, " << (during.memory_bytes >> 10) << " KiB during";
+    EXPECT_EQ(service.request_count(), 0u);
+
+    idle.clear();
+    for (int port : ports) {
+        // The listener comes back as soon as the closed connections are noticed.
+        EXPECT_TRUE(wait_until([&] {
+            RawClient c(port);
+            return c.send("GET /status HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n") && c.read_response().ok;
+        })) << port;
+    }
+    EXPECT_EQ(service.request_count(), 1u);
+    const bool wine = testing_support::running_under_wine();
+    EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads <= before.threads + (wine ? 8 : 1); }))
+        << zq::process_usage().threads << " threads, " << before.threads << " before";
+}
