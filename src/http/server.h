@@ -26,6 +26,7 @@ struct ServerRequest {
     std::string path;  // as sent, query included
     HeaderList headers;
     std::string body;
+    zq::Endpoint peer;  // who connected; empty when the system could not tell
 };
 
 struct ServerResponse {
