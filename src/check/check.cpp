@@ -251,7 +251,7 @@ CheckLine check_service(const Config& config) {
         };
         if (either("(60)", "(12175)")) text += " (its certificate is not trusted)";
         else if (either("(6)", "(12007)")) text += " (the name does not resolve: is this PC online?)";
-        else if (either("(7)", "(12029)")) text += " (the connection was refused or blocked)";
+        else if (either("(7)", "(12029)") || response.error.find("(111)") != std::string::npos) text += " (the connection was refused or blocked)";
         return {line.name, Outcome::Fail, text};
     }
     if (response.status >= 500)

@@ -31,7 +31,7 @@ std::string_view status_page_html() {
   th, td { text-align:left; padding:4px 8px 4px 0; border-bottom:1px solid var(--line);
            white-space:nowrap; }
   th { color:var(--dim); font-weight:normal; font-size:13px; }
-  td.num { text-align:right; font-variant-numeric:tabular-nums; }
+  td.num, th.num { text-align:right; padding-right:18px; font-variant-numeric:tabular-nums; }
   .dim { color:var(--dim); }
   .dot { display:inline-block; width:10px; height:10px; border-radius:50%; margin-right:7px;
          background:var(--dim); }
@@ -93,7 +93,7 @@ function pairs(dl, rows) {
 }
 function table(columns, rows) {
   const t = el("table"), head = el("tr");
-  for (const c of columns) head.append(el("th", c));
+  columns.forEach((c, i) => head.append(el("th", c, rows.length && typeof rows[0][i] === "number" ? "num" : "")));
   t.append(head);
   for (const r of rows) {
     const tr = el("tr");

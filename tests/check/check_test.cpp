@@ -125,7 +125,8 @@ TEST(CheckStun, AServerWithASecondAddressTellsWhetherTheMappingDependsOnTheDesti
     testing_support::Process turn(coturn,
                                   {"-S", "-n", "--no-cli", "-L", "127.0.0.1", "-L", "127.0.0.2", "--listening-port",
                                    std::to_string(port), "--alt-listening-port", std::to_string(alt), "--log-file",
-                                   "stdout", "--simple-log", "--pidfile", (dir.path() / "turn.pid").string()},
+                                   "stdout", "--simple-log", "--pidfile", (dir.path() / "turn.pid").string(),
+                                   "--userdb", (dir.path() / "turndb").string()},
                                   dir.path());
     // The probe resends every half second, so a server still starting is waited for.
     zq::check::StunProbe probe = zq::check::probe_stun(zq::Endpoint{"127.0.0.1", port}, 10.0);
