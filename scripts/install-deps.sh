@@ -7,7 +7,7 @@ packages=(
   nlohmann-json3-dev libgtest-dev libcurl4-openssl-dev libssl-dev
   g++-mingw-w64-x86-64-posix wine64
   clang libclang-rt-dev
-  curl openssl python3 coturn iproute2 nftables
+  curl openssl python3 coturn iproute2 nftables chromium
 )
 
 missing=()
