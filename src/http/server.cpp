@@ -318,6 +318,7 @@ void Server::connection_thread(zq::Socket s) {
         request.headers = std::move(head.headers);
         request.body = buffer.substr(0, static_cast<std::size_t>(length.bytes));
         request.cancel = cancel_;
+        if (zq::SockAddr from; zq::peer_address(s, &from)) request.peer = zq::from_sockaddr(from);
         buffer.erase(0, static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")

@@ -38,6 +38,7 @@ struct ServerRequest {
     // Set when the server stops; a handler hands it to the upstream calls it makes for this
     // request, so that stop does not wait for them. Never null on the server's threads.
     std::shared_ptr<const CancelFlag> cancel;
+    zq::Endpoint peer;  // who connected; empty when the system could not tell
 };
 
 struct ServerResponse {

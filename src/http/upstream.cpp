@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "http/service_health.h"
 #include "shell/log.h"
 
 namespace zq {
@@ -63,7 +64,11 @@ UpstreamReply UpstreamClient::post_json(const std::string& path, const nlohmann:
     if (!token_copy.empty()) request.headers.emplace_back("X-ZQ-Token", token_copy);
     if (!ruleset.empty()) request.headers.emplace_back("X-Velmar-Ruleset", ruleset);
 
+    const double began = steady_seconds();
     http::ClientResponse response = session ? http::fetch(*session, request) : http::fetch(request);
+    const double ended = steady_seconds();
+    note_service_call(ServiceCall{path, response.error.empty() ? static_cast<std::int32_t>(response.status) : 0,
+                                  response.error, ended, ended - began});
     if (!response.error.empty()) throw BridgeError(path + ": " + response.error);
 
     UpstreamReply reply;

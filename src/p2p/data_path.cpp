@@ -23,6 +23,12 @@ bool behind_relay(const std::optional<Gateway::Relay>& relay, const Endpoint& de
     return relay && destination.host == relay->server.host && destination.port != relay->server.port;
 }
 
+// Expects the mutex held, for local_endpoint.
+void note_heard(Gateway::Link& link, const Endpoint& sender) {
+    link.last_heard.store(steady_seconds(), std::memory_order_relaxed);
+    link.heard_on_lan.store(link.local_endpoint.usable() && sender == link.local_endpoint, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 void Gateway::send_to_peer(const std::string& frame, const Endpoint& destination) {
@@ -122,7 +128,10 @@ void Gateway::peer_thread() {
             link = find_link_from(sender, punch);
             if (punch) {
                 // A punch only opens the NAT; both sides send their own, so it is never answered.
-                if (link) link->peer_heard = true;
+                if (link) {
+                    link->peer_heard = true;
+                    note_heard(*link, sender);
+                }
                 continue;
             }
         }
@@ -134,6 +143,7 @@ void Gateway::peer_thread() {
             std::lock_guard<std::mutex> guard(mutex);
             link->peer_heard = true;
             ++link->to_port;
+            note_heard(*link, sender);
         }
         send_to_port(link, frame);
     }

@@ -221,9 +221,24 @@ std::int32_t Gateway::relay_port() const {
 std::vector<LinkInfo> Gateway::links_snapshot() const {
     std::lock_guard<std::mutex> guard(mutex);
     std::vector<LinkInfo> rows;
-    for (const auto& [id, l] : links)
-        rows.push_back(LinkInfo{l->member_id, l->online_id, l->endpoint, l->port_sees, l->hello.peer_member,
-                                l->hello.port_member, l->hello.room_id, l->to_peer, l->to_port, l->signaling});
+    for (const auto& [id, l] : links) {
+        LinkInfo& row = rows.emplace_back();
+        row.member_id = l->member_id;
+        row.online_id = l->online_id;
+        row.endpoint = l->endpoint;
+        row.port_sees = l->port_sees;
+        row.peer_member = l->hello.peer_member;
+        row.port_member = l->hello.port_member;
+        row.room_id = l->hello.room_id;
+        row.to_peer = l->to_peer;
+        row.to_port = l->to_port;
+        row.signaling = l->signaling;
+        row.local_endpoint = l->local_endpoint;
+        row.peer_heard = l->peer_heard;
+        row.last_heard = l->last_heard.load(std::memory_order_relaxed);
+        row.heard_on_lan = l->heard_on_lan.load(std::memory_order_relaxed);
+        row.on_relay = relay && l->endpoint.host == relay->server.host && l->endpoint.port != relay->server.port;
+    }
     return rows;
 }
 

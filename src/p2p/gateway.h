@@ -45,6 +45,12 @@ struct LinkInfo {
     std::uint64_t to_peer = 0;
     std::uint64_t to_port = 0;
     std::uint64_t signaling = 0;
+    // For the player's status page.
+    Endpoint local_endpoint;
+    bool peer_heard = false;
+    double last_heard = 0.0;    // steady_seconds of the last punch or frame from the peer; 0: never
+    bool heard_on_lan = false;  // that one came from the peer's LAN address
+    bool on_relay = false;      // the peer's address lies on the relay
 };
 
 class Gateway {
@@ -65,6 +71,10 @@ public:
         std::uint64_t to_peer = 0;
         std::uint64_t to_port = 0;
         std::uint64_t signaling = 0;
+        // Written by peer_thread on each datagram, read by the status page: relaxed atomics, so
+        // they never need a lock of their own in the data path.
+        std::atomic<double> last_heard{0.0};
+        std::atomic<bool> heard_on_lan{false};
 
         Link() = default;
         Link(const Link&) = delete;

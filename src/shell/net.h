@@ -55,6 +55,8 @@ bool connect_socket(Socket s, const SockAddr& address);
 // Blocks; invalid_socket when the listener is closed or fails. The peer is filled when given.
 Socket accept_socket(Socket listener, SockAddr* peer = nullptr);
 bool local_address(Socket s, SockAddr* address);
+// The connected peer's address.
+bool peer_address(Socket s, SockAddr* address);
 
 // Single calls of recv/send/recvfrom/sendto with the system's result: bytes, 0 or below 0.
 int recv_some(Socket s, char* buffer, int size);

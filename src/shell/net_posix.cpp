@@ -110,6 +110,11 @@ bool local_address(Socket s, SockAddr* address) {
     return ::getsockname(fd(s), reinterpret_cast<sockaddr*>(address->bytes), &size) == 0;
 }
 
+bool peer_address(Socket s, SockAddr* address) {
+    socklen_t size = sizeof(sockaddr_in);
+    return ::getpeername(fd(s), reinterpret_cast<sockaddr*>(address->bytes), &size) == 0;
+}
+
 int recv_some(Socket s, char* buffer, int size) {
     ssize_t n;
     do {

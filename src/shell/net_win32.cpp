@@ -113,6 +113,11 @@ bool local_address(Socket s, SockAddr* address) {
     return ::getsockname(sock(s), reinterpret_cast<sockaddr*>(address->bytes), &size) == 0;
 }
 
+bool peer_address(Socket s, SockAddr* address) {
+    int size = sizeof(sockaddr_in);
+    return ::getpeername(sock(s), reinterpret_cast<sockaddr*>(address->bytes), &size) == 0;
+}
+
 int recv_some(Socket s, char* buffer, int size) { return ::recv(sock(s), buffer, size, 0); }
 
 int send_some(Socket s, const char* data, int size) { return ::send(sock(s), data, size, 0); }

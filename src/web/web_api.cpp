@@ -13,6 +13,7 @@
 #include "shell/version.h"
 #include "web/guard.h"
 #include "web/paths.h"
+#include "web/status_page.h"
 #include "web/summon_proxy.h"
 
 namespace zq {
@@ -131,6 +132,8 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
         return http::json_response(Json::object(), 201);
 
     if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(bridge, request);
+
+    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     log_line(format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));
     return http::json_response(Json{{"ResKind", 1}, {"Message", "not found"}}, 404);

@@ -17,6 +17,7 @@
 
 #include "shell/util.h"
 #include "support/files.h"
+#include "support/host.h"
 #include "support/netns.h"
 #include "support/process.h"
 
@@ -29,6 +30,8 @@ using testing_support::TempDir;
 enum class NatKind { EndpointIndependent, AddressDependent };
 
 constexpr const char* kService = "203.0.113.10";
+constexpr const char* kCoturn = "203.0.113.10";
+constexpr const char* kCoturnOther = "203.0.113.11";
 
 struct Home {
     const char* name;
@@ -182,6 +185,40 @@ protected:
         return bridges[bridge]->output().find(text) != std::string::npos;
     }
 
+    // sarnlink-check in home a, against the stand-in's STUN server or against coturn, which
+    // also offers a second address; the launcher is routed, so the router alone decides.
+    std::string check_from_home_a(bool with_coturn) {
+        std::filesystem::path home = dir.path() / "check";
+        testing_support::write_file(home / "game" / "Duskhallow.exe", "");
+        testing_support::write_file(home / "roaming" / "orlond-launcher" / "settings.json",
+                                    R"({"online": 1, "online_server": "127.0.0.1:31313",
+                                        "online_webapi": "http://127.0.0.1:31315", "online_password": "sarnlink"})");
+        testing_support::write_file(
+            home / "sarnlink_config.json",
+            zq::format_text(R"({"velmar_server": "http://%s:18671", "stun_server": "%s:%d",
+                "game_proxy_routes": {}})",
+                            kService, with_coturn ? kCoturn : kService, with_coturn ? 3479 : 3478));
+        auto result = testing_support::run_process(
+            testing_support::system_program("ip"),
+            lab.exec_args(kHomes[0].name, SARNLINK_CHECK_PATH,
+                          {"--config", "sarnlink_config.json", "--orlond", (home / "game").string()}),
+            home, {{"APPDATA", (home / "roaming").string()}}, 60.0);
+        EXPECT_EQ(result.exit_code, 0) << result.output;
+        return result.output;
+    }
+
+    // coturn on the public side with two addresses and two ports, as RFC 5780 asks.
+    std::unique_ptr<Process> start_coturn() {
+        std::filesystem::path coturn = testing_support::find_program("turnserver");
+        if (coturn.empty()) return nullptr;
+        EXPECT_TRUE(lab.ip("inet", {"addr", "add", std::string(kCoturnOther) + "/32", "dev", "lo"})) << lab.error();
+        return start_in("inet", coturn,
+                        {"-S", "-n", "--no-cli", "-L", kCoturn, "-L", kCoturnOther, "--listening-port", "3479",
+                         "--alt-listening-port", "3480", "--log-file", "stdout", "--simple-log", "--pidfile",
+                         (dir.path() / "turn.pid").string(), "--userdb", (dir.path() / "turndb").string()},
+                        dir.path());
+    }
+
     TempDir dir;
     NetworkLab lab;  // declared before the processes, so they are gone before their namespaces
     std::unique_ptr<Process> standin;
@@ -221,6 +258,44 @@ TEST_F(Nat, PlayersBehindAddressDependentNatsMeetThroughTheRelay) {
     EXPECT_TRUE(logged(1, "p2p: member 1 (ashling)" + relay)) << bridges[1]->output();
     // At least the 50 each way that the players counted.
     EXPECT_GE(relayed_frames(), 100);
+}
+
+// A player's check before playing: a router that keeps one mapping for every destination means
+// direct play; one that maps each destination anew means the relay. coturn's second address
+// shows it outright; the stand-in's one address leaves only the port as a hint.
+TEST_F(Nat, SarnlinkCheckFindsDirectPlayLikelyBehindAnEndpointIndependentNat) {
+    build(NatKind::EndpointIndependent);
+    ASSERT_NO_FATAL_FAILURE(start_standin(false));
+    std::string out = check_from_home_a(false);
+    EXPECT_NE(out.find("sees us as 198.51.100.2:"), std::string::npos) << out;
+    EXPECT_NE(out.find("ok    router: kept our port"), std::string::npos) << out;
+    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
+    auto coturn = start_coturn();
+    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
+    out = check_from_home_a(true);
+    EXPECT_NE(out.find("ok    router: keeps one public address for every destination (203.0.113.11:3480 saw "
+                       "198.51.100.2:"),
+              std::string::npos)
+        << out << coturn->output();
+    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
+    coturn->interrupt();
+    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+}
+
+TEST_F(Nat, SarnlinkCheckFindsTheRelayLikelyNeededBehindASymmetricNat) {
+    build(NatKind::AddressDependent);
+    ASSERT_NO_FATAL_FAILURE(start_standin(false));
+    std::string out = check_from_home_a(false);
+    EXPECT_NE(out.find("note  router: changed our port "), std::string::npos) << out;
+    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
+    auto coturn = start_coturn();
+    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
+    out = check_from_home_a(true);
+    EXPECT_NE(out.find("note  router: gives every destination its own public address"), std::string::npos)
+        << out << coturn->output();
+    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
+    coturn->interrupt();
+    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
 }
 
 }  // namespace

@@ -14,7 +14,9 @@
 #include "shell/platform.h"
 #include "standin/ember_court.h"
 #include "standin/stun_relay_server.h"
+#include "http/fetch.h"
 #include "support/files.h"
+#include "support/host.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/wait.h"
@@ -257,3 +259,53 @@ TEST_F(Road, TheEventPumpOutlivesAServiceThatGoesAwayAndComesBack) {
 }
 
 }  // namespace
+
+// The player's view of the demo: the status page in a real browser, with no driver, while the
+// two players are in their room. It leaves its screenshot beside the test program.
+TEST_F(Road, TheStatusPageShowsTheRoomAndThePeerInABrowser) {
+    if (testing_support::running_under_wine()) GTEST_SKIP() << "headless Chromium runs on the Linux side only";
+    std::filesystem::path chromium = testing_support::find_program("chromium");
+    if (chromium.empty()) GTEST_SKIP() << "chromium is not installed";
+    ASSERT_NE(meet(), 0u);
+    sim::Member to_bramwell = peer_of(ashling);
+    sim::Member to_ashling = peer_of(bramwell);
+    ashling.send_numbered(to_bramwell, 20);
+    bramwell.send_numbered(to_ashling, 20);
+    ASSERT_TRUE(wait_until([&] { return all_arrived(ashling, bramwell) && all_arrived(bramwell, ashling); }));
+
+    const std::string page = "http://127.0.0.1:" + std::to_string(west->bound_webapi_port()) + "/sarnlink/";
+    http::ClientResponse status = http::fetch(http::ClientRequest{"GET", page + "status.json", {}, ""});
+    auto s = nlohmann::json::parse(status.body, nullptr, false);
+    ASSERT_EQ(s["peers"].size(), 1u) << status.body;
+    EXPECT_EQ(s["peers"][0]["name"], "bramwell");
+    EXPECT_EQ(s["peers"][0]["route"], "LAN");  // both players live on this machine
+    EXPECT_GE(s["peers"][0]["to_peer"].get<int>(), 20);
+    EXPECT_GE(s["peers"][0]["to_port"].get<int>(), 20);
+    EXPECT_EQ(s["service"]["reachable"], true);
+    EXPECT_FALSE(s["gateway"]["mapped"].is_null());
+
+    // Virtual time lets the page's first refresh finish before the DOM is taken.
+    auto browse = [&](const std::vector<std::string>& what) {
+        std::vector<std::string> args{"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+                                      "--no-first-run", "--disable-background-networking",
+                                      "--disable-component-update", "--disable-sync", "--hide-scrollbars",
+                                      "--user-data-dir=" + (dir.path() / "chromium").string(),
+                                      "--virtual-time-budget=3000"};
+        args.insert(args.end(), what.begin(), what.end());
+        args.push_back(page);
+        return testing_support::run_process(chromium, args, dir.path(), {}, 90.0);
+    };
+    testing_support::ProcessResult dom = browse({"--dump-dom"});
+    ASSERT_EQ(dom.exit_code, 0) << dom.output;
+    for (const char* text : {"ashling", "bramwell", ">LAN<", ">reachable<", "Room ", "last heard", "seen from outside"})
+        EXPECT_NE(dom.output.find(text), std::string::npos) << text << "\n" << dom.output;
+    // The refresh succeeded, so the warning stays hidden.
+    EXPECT_NE(dom.output.find(R"(id="stale" style="display: none;")"), std::string::npos) << dom.output;
+
+    const std::filesystem::path shot = dir.path() / "status_page.png";
+    testing_support::ProcessResult png = browse({"--screenshot=" + shot.string(), "--window-size=1100,720"});
+    ASSERT_EQ(png.exit_code, 0) << png.output;
+    ASSERT_EQ(read_file(shot).substr(0, 4), "\x89PNG");
+    std::error_code ignored;
+    std::filesystem::copy_file(shot, "road_status_page.png", std::filesystem::copy_options::overwrite_existing, ignored);
+}

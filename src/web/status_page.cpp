@@ -1,0 +1,195 @@
+#include "web/status_page.h"
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "bridge/bridge.h"
+#include "bridge/session.h"
+#include "http/headers.h"
+#include "http/service_health.h"
+#include "p2p/gateway.h"
+#include "shell/platform.h"
+#include "shell/util.h"
+#include "shell/version.h"
+
+namespace zq {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr std::string_view kRoot = "/sarnlink";
+
+// 127.0.0.0/8 as dotted text.
+bool loopback_address(std::string_view host) {
+    if (!host.starts_with("127.")) return false;
+    int dots = 0;
+    for (char c : host) {
+        if (c == '.') ++dots;
+        else if (c < '0' || c > '9') return false;
+    }
+    return dots == 3;
+}
+
+// A Host value (name, optional port) that names this PC.
+bool loopback_host(std::string_view value) {
+    std::string_view name = value;
+    if (name.starts_with("[")) {
+        std::size_t close = name.find(']');
+        if (close == std::string_view::npos) return false;
+        std::string_view rest = name.substr(close + 1);
+        if (!rest.empty() && !rest.starts_with(":")) return false;
+        return name.substr(0, close + 1) == "[::1]";
+    }
+    if (std::size_t colon = name.find(':'); colon != std::string_view::npos) {
+        std::string_view port = name.substr(colon + 1);
+        if (port.empty() || port.find_first_not_of("0123456789") != std::string_view::npos) return false;
+        name = name.substr(0, colon);
+    }
+    return http::iequals(name, "localhost") || loopback_address(name);
+}
+
+Json endpoint_text(const Endpoint& endpoint) {
+    if (!endpoint.usable()) return nullptr;
+    return endpoint.text();
+}
+
+Json service_json(Bridge& bridge, double now) {
+    Json service{{"url", bridge.config().velmar_server}, {"reachable", nullptr}, {"last_call", nullptr}};
+    if (std::optional<ServiceCall> call = last_service_call()) {
+        // A 5xx is the service's own trouble, so it does not count as reached.
+        bool reached = call->error.empty() && call->status >= 200 && call->status <= 499;
+        service["reachable"] = reached;
+        service["last_call"] = Json{{"path", call->path},
+                                    {"result", call->error.empty() ? format_text("HTTP %d", call->status) : call->error},
+                                    {"seconds_ago", now - call->finished},
+                                    {"took_ms", static_cast<std::int64_t>(call->seconds * 1000.0)}};
+    }
+    return service;
+}
+
+// The session lock is held over whole upstream calls, so the page waits briefly and otherwise
+// says the session is busy rather than hang with it.
+std::unique_lock<std::mutex> lock_briefly(std::mutex& lock) {
+    std::unique_lock<std::mutex> held(lock, std::try_to_lock);
+    for (int pass = 0; pass < 20 && !held.owns_lock(); ++pass) {
+        sleep_ms(10);
+        held = std::unique_lock<std::mutex>(lock, std::try_to_lock);
+    }
+    return held;
+}
+
+Json session_json(Session& session) {
+    Json row{{"name", session.current_online_id()}, {"logged_in", session.logged_in.load()}, {"busy", false},
+             {"room", nullptr}};
+    std::unique_lock<std::mutex> held = lock_briefly(session.session_lock);
+    if (!held.owns_lock()) {
+        row["busy"] = true;
+        return row;
+    }
+    if (row["name"].get<std::string>().empty()) row["name"] = session.npid;
+    const RoomState& room = session.room;
+    if (room.room_id == 0) return row;
+    Json members = Json::array();
+    for (const auto& [id, record] : room.members)
+        members.push_back(Json{{"member_id", id},
+                               {"name", json_text(record, "OnlineId", "")},
+                               {"owner", id == room.owner_member_id},
+                               {"us", id == room.member_id}});
+    row["room"] = Json{{"id", room.room_id}, {"max_members", room.max_members}, {"members", members}};
+    return row;
+}
+
+const char* route_of(const p2p::LinkInfo& link) {
+    if (link.on_relay) return "relay";
+    if (!link.peer_heard) return "not heard yet";
+    return link.heard_on_lan ? "LAN" : "direct";
+}
+
+http::ServerResponse with_page_headers(http::ServerResponse response) {
+    response.headers.emplace_back("Cache-Control", "no-store");
+    response.headers.emplace_back("X-Content-Type-Options", "nosniff");
+    response.headers.emplace_back("X-Frame-Options", "DENY");
+    response.headers.emplace_back("Referrer-Policy", "no-referrer");
+    return response;
+}
+
+}  // namespace
+
+bool is_status_page_path(std::string_view path) {
+    return path == kRoot || (path.starts_with(kRoot) && path[kRoot.size()] == '/');
+}
+
+bool status_page_caller_allowed(const http::ServerRequest& request) {
+    if (!loopback_address(request.peer.host)) return false;
+    if (!loopback_host(http::find_header(request.headers, "Host"))) return false;
+    std::string origin = http::find_header(request.headers, "Origin");
+    if (origin.empty()) return true;
+    if (!origin.starts_with("http://")) return false;
+    return loopback_host(std::string_view(origin).substr(7));
+}
+
+Json status_snapshot(Bridge& bridge, double now) {
+    std::vector<std::shared_ptr<Session>> sessions;
+    {
+        std::lock_guard<std::mutex> guard(bridge.sessions_lock);
+        sessions = bridge.sessions;
+    }
+    Json session_rows = Json::array();
+    for (const auto& session : sessions) session_rows.push_back(session_json(*session));
+
+    Json gateway = nullptr;
+    Json peers = Json::array();
+    if (p2p::Gateway* g = bridge.gateway.get()) {
+        std::optional<Endpoint> mapped = g->mapped_address();
+        gateway = Json{{"port", g->port},
+                       {"lan", g->own_endpoints().first.text()},
+                       {"mapped", mapped ? Json(mapped->text()) : Json(nullptr)},
+                       {"relay_port", g->relay_port()}};
+        for (const p2p::LinkInfo& link : g->links_snapshot())
+            peers.push_back(Json{{"member_id", link.member_id},
+                                 {"name", link.online_id},
+                                 {"route", route_of(link)},
+                                 {"address", endpoint_text(link.endpoint)},
+                                 {"lan_address", endpoint_text(link.local_endpoint)},
+                                 {"to_peer", link.to_peer},
+                                 {"to_port", link.to_port},
+                                 {"last_heard_ago", link.last_heard > 0.0 ? Json(now - link.last_heard) : Json(nullptr)}});
+    }
+    return Json{{"version", kVersion},
+                {"service", service_json(bridge, now)},
+                {"listening",
+                 Json{{"tcp", bridge.bound_tcp_port()},
+                      {"udp", bridge.bound_udp_port()},
+                      {"webapi", bridge.bound_webapi_port()}}},
+                {"sessions", session_rows},
+                {"gateway", gateway},
+                {"peers", peers}};
+}
+
+http::ServerResponse status_page_handler(Bridge& bridge, const http::ServerRequest& request, const std::string& path) {
+    if (!status_page_caller_allowed(request))
+        return with_page_headers(
+            http::json_response(Json{{"error", "the status page answers only a browser on this PC"}}, 403));
+    if (request.method != "GET" && request.method != "HEAD")
+        return with_page_headers(http::json_response(Json{{"error", "only GET"}}, 405));
+    if (path == "/sarnlink/status.json")
+        return with_page_headers(http::json_response(status_snapshot(bridge, steady_seconds()), 200));
+    if (path == "/sarnlink" || path == "/sarnlink/") {
+        http::ServerResponse page;
+        page.body = std::string(status_page_html());
+        page.headers.emplace_back("Content-Type", "text/html; charset=utf-8");
+        // Nothing but the page's own script and its one JSON route.
+        page.headers.emplace_back("Content-Security-Policy",
+                                  "default-src 'none'; script-src 'unsafe-inline'; style-src 'unsafe-inline'; "
+                                  "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
+                                  "frame-ancestors 'none'");
+        return with_page_headers(std::move(page));
+    }
+    return with_page_headers(http::json_response(Json{{"error", "not found"}}, 404));
+}
+
+}  // namespace zq

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "bridge/bridge.h"
+#include "check/check.h"
+#include "shell/net.h"
+#include "standin/stun_relay_server.h"
+#include "support/bridge_config.h"
+#include "support/files.h"
+#include "support/host.h"
+#include "support/ports.h"
+#include "support/process.h"
+
+using zq::check::CheckLine;
+using zq::check::Outcome;
+using zq::check::Verdict;
+
+namespace {
+
+zq::Config quiet_config() {
+    zq::Config c = testing_support::local_bridge_config("http://127.0.0.1:" + std::to_string(testing_support::closed_port()));
+    c.stun_server = "off";
+    return c;
+}
+
+// Restores APPDATA however the test ends.
+struct AppData {
+    explicit AppData(const std::filesystem::path& path) { testing_support::set_env("APPDATA", path.string()); }
+    ~AppData() { testing_support::set_env("APPDATA", ""); }
+};
+
+}  // namespace
+
+TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
+    zq::Bridge bridge(testing_support::local_bridge_config("http://127.0.0.1:1"));
+    std::string error;
+    ASSERT_TRUE(bridge.start(&error)) << error;
+    zq::Config c = quiet_config();
+    c.tcp_port = bridge.bound_tcp_port();
+    c.udp_port = bridge.bound_udp_port();
+    c.webapi_port = bridge.bound_webapi_port();
+    const int proxy = testing_support::free_port();
+    c.game_proxy_routes[proxy] = "https://example.invalid";
+    auto lines = zq::check::check_ports(c);
+    ASSERT_EQ(lines.size(), 4u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(lines[i].outcome, Outcome::Ok) << lines[i].name;
+        EXPECT_EQ(lines[i].text, "in use by sarnlink, which is already running") << lines[i].name;
+    }
+    EXPECT_EQ(lines[3].name, "game proxy tcp 127.0.0.1:" + std::to_string(proxy));
+    EXPECT_EQ(lines[3].text, "free");
+    bridge.stop();
+
+    // Another program: it holds the ports but neither greets nor answers the status probe.
+    zq::Socket tcp = zq::open_tcp_socket();
+    zq::Socket udp = zq::open_udp_socket();
+    ASSERT_TRUE(zq::bind_socket(tcp, zq::to_sockaddr({"127.0.0.1", 0})) && zq::listen_socket(tcp, 4));
+    ASSERT_TRUE(zq::bind_socket(udp, zq::to_sockaddr({"127.0.0.1", 0})));
+    zq::SockAddr a;
+    zq::local_address(tcp, &a);
+    c.tcp_port = zq::from_sockaddr(a).port;
+    zq::local_address(udp, &a);
+    c.udp_port = zq::from_sockaddr(a).port;
+    c.webapi_port = testing_support::closed_port();
+    c.game_proxy_routes.clear();
+    lines = zq::check::check_ports(c);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].outcome, Outcome::Fail);
+    EXPECT_EQ(lines[0].text, "taken by another program: close it, or choose another port in the settings");
+    EXPECT_EQ(lines[1].outcome, Outcome::Fail);
+    EXPECT_EQ(lines[2].outcome, Outcome::Ok);
+    EXPECT_EQ(zq::check::decide(lines, zq::check::NatKind::KeepsMapping), Verdict::Blocked);
+    zq::close_socket(tcp);
+    zq::close_socket(udp);
+}
+
+TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {
+    standin::StunRelayServer server("127.0.0.1", 0);
+    ASSERT_TRUE(server.address().usable());
+    zq::check::StunProbe probe = zq::check::probe_stun(server.address(), 3.0);
+    ASSERT_TRUE(probe.answered);
+    EXPECT_EQ(probe.mapped.host, "127.0.0.1");
+    EXPECT_EQ(probe.mapped.port, probe.local.port);
+    EXPECT_FALSE(probe.other);  // this server offers one address only
+    auto kind = zq::check::nat_kind(probe);
+    EXPECT_TRUE(kind == zq::check::NatKind::PortKept || kind == zq::check::NatKind::None);
+    EXPECT_EQ(zq::check::decide({}, kind), Verdict::Direct);
+
+    // A router that hands out another port: the relay is the likely way.
+    server.set_reported(zq::Endpoint{"198.51.100.7", 4444});
+    zq::Config c = quiet_config();
+    c.stun_server = server.address().text();
+    zq::check::Report report;
+    auto lines = zq::check::check_stun(c, 3.0, report);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].outcome, Outcome::Ok);
+    EXPECT_NE(lines[0].text.find(" sees us as 198.51.100.7:4444 "), std::string::npos) << lines[0].text;
+    EXPECT_EQ(report.nat, zq::check::NatKind::PortChanged);
+    EXPECT_EQ(zq::check::decide(lines, report.nat), Verdict::Relay);
+
+    // Nobody answers: UDP looks blocked, and so is play.
+    zq::check::Report silent;
+    c.stun_server = "127.0.0.1:" + std::to_string(testing_support::free_port(false));
+    lines = zq::check::check_stun(c, 0.6, silent);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].outcome, Outcome::Fail);
+    EXPECT_NE(lines[0].text.find("seems blocked"), std::string::npos);
+
+    c.stun_server = "off";
+    lines = zq::check::check_stun(c, 0.6, silent);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].outcome, Outcome::Note);
+}
+
+TEST(CheckStun, AServerWithASecondAddressTellsWhetherTheMappingDependsOnTheDestination) {
+    if (testing_support::running_under_wine()) GTEST_SKIP() << "coturn runs on the Linux side only";
+    std::filesystem::path coturn = testing_support::find_program("turnserver");
+    if (coturn.empty()) GTEST_SKIP() << "coturn (turnserver) is not installed";
+    testing_support::TempDir dir;
+    const int port = testing_support::free_port(false);
+    const int alt = testing_support::free_port(false, port);
+    // Two loopback addresses give the server the second address that RFC 5780 needs.
+    testing_support::Process turn(coturn,
+                                  {"-S", "-n", "--no-cli", "-L", "127.0.0.1", "-L", "127.0.0.2", "--listening-port",
+                                   std::to_string(port), "--alt-listening-port", std::to_string(alt), "--log-file",
+                                   "stdout", "--simple-log", "--pidfile", (dir.path() / "turn.pid").string(),
+                                   "--userdb", (dir.path() / "turndb").string()},
+                                  dir.path());
+    // The probe resends every half second, so a server still starting is waited for.
+    zq::check::StunProbe probe = zq::check::probe_stun(zq::Endpoint{"127.0.0.1", port}, 10.0);
+    turn.interrupt();
+    turn.wait(10.0);
+    ASSERT_TRUE(probe.answered) << turn.output();
+    ASSERT_TRUE(probe.other);
+    EXPECT_EQ(probe.other->host, "127.0.0.2");
+    ASSERT_TRUE(probe.other_mapped);
+    EXPECT_EQ(*probe.other_mapped, probe.mapped);
+    EXPECT_EQ(zq::check::nat_kind(probe), probe.mapped.host == zq::local_ipv4() ? zq::check::NatKind::None
+                                                                                 : zq::check::NatKind::KeepsMapping);
+}
+
+TEST(CheckFiles, StateFileAndLauncherRoute) {
+    testing_support::TempDir dir;
+    zq::Config c = quiet_config();
+    c.state_file = (dir.path() / "sarnlink_state.json").string();
+    EXPECT_EQ(zq::check::check_state_file(c).outcome, Outcome::Note);
+    testing_support::write_file(c.state_file, "{\"accounts\": {");
+    EXPECT_EQ(zq::check::check_state_file(c).outcome, Outcome::Fail);
+    testing_support::write_file(c.state_file, R"({"accounts": {"ashling": {"token": "tok-1", "recovery_code": "rc-9"}}})");
+    CheckLine state = zq::check::check_state_file(c);
+    EXPECT_EQ(state.outcome, Outcome::Ok);
+    EXPECT_NE(state.text.find("1 account (ashling)"), std::string::npos) << state.text;
+    EXPECT_EQ(state.text.find("tok-1"), std::string::npos);
+
+    AppData appdata(dir.path() / "roaming");
+    CheckLine launcher = zq::check::check_launcher(dir.path(), "");
+    EXPECT_EQ(launcher.outcome, Outcome::Fail);
+    EXPECT_EQ(launcher.text, "orlond launcher settings not found. Start the orlond launcher once and close it.");
+    testing_support::write_file(dir.path() / "game" / "Duskhallow.exe", "");
+    const std::filesystem::path settings = dir.path() / "roaming" / "orlond-launcher" / "settings.json";
+    testing_support::write_file(settings, R"({"online": 1, "online_server": "somewhere:1"})");
+    launcher = zq::check::check_launcher(dir.path(), dir.path() / "game");
+    EXPECT_EQ(launcher.outcome, Outcome::Fail);
+    EXPECT_EQ(launcher.text, "the orlond launcher is not routed through sarnlink: run sarnlink-cli --route on");
+    testing_support::write_file(settings, R"({"online": 1, "online_server": "127.0.0.1:31313",
+        "online_webapi": "http://127.0.0.1:31315", "online_password": "sarnlink"})");
+    EXPECT_EQ(zq::check::check_launcher(dir.path(), dir.path() / "game").outcome, Outcome::Ok);
+}
+
+TEST(CheckCli, UsageBadSettingsAndAVerdictWithItsExitCode) {
+    testing_support::TempDir dir;
+    EXPECT_EQ(zq::check::run_check_cli({L"--route"}), 2);
+    EXPECT_EQ(zq::check::run_check_cli({L"--config"}), 2);
+    EXPECT_EQ(zq::check::run_check_cli({L"--help"}), 0);
+    const std::filesystem::path config = dir.path() / "sarnlink_config.json";
+    testing_support::write_file(config, "");
+    EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring()}), 1);
+
+    zq::check::Report report;
+    report.lines = {{"web API tcp 127.0.0.1:31315", Outcome::Ok, "free"},
+                    {"router", Outcome::Note, "changed our port"}};
+    report.nat = zq::check::NatKind::PortChanged;
+    report.mapped = zq::Endpoint{"198.51.100.7", 4444};
+    report.verdict = zq::check::decide(report.lines, report.nat);
+    EXPECT_EQ(zq::check::report_text(report),
+              "ok    web API tcp 127.0.0.1:31315: free\n"
+              "note  router: changed our port\n"
+              "verdict: ready, relay likely needed\n");
+    auto json = zq::check::report_json(report);
+    EXPECT_EQ(json["verdict"], "ready, relay likely needed");
+    EXPECT_EQ(json["ready"], true);
+    EXPECT_EQ(json["exit_code"], 0);
+    EXPECT_EQ(json["mapped"], "198.51.100.7:4444");
+    EXPECT_EQ(json["checks"][1]["result"], "note");
+
+    // Nothing reachable and no launcher: blocked, exit 1.
+    testing_support::write_file(config, zq::format_text(R"({"velmar_server": "http://127.0.0.1:%d", "stun_server": "off",
+        "tcp_port": 0, "udp_port": 0, "webapi_port": 0, "game_proxy_routes": {}})", testing_support::closed_port()));
+    EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring(), L"--json"}), 1);
+}
