@@ -127,8 +127,9 @@ std::optional<Endpoint> other_address(std::string_view answer) {
 
 // One request, resent every half second until an answer with its transaction comes or the wait ends.
 std::optional<std::string> binding(Socket s, const Endpoint& to, double wait_seconds) {
-    const std::array<unsigned char, 12> id = p2p::random_transaction_id();
-    const std::string request = plain_request(id);
+    const auto id = p2p::random_transaction_id();
+    if (!id) return std::nullopt;
+    const std::string request = plain_request(*id);
     const std::string transaction = request.substr(4, 16);
     const double deadline = steady_seconds() + wait_seconds;
     std::vector<bool> ready;
@@ -444,25 +445,14 @@ int run_check_cli(const std::vector<std::wstring>& args) {
             return 2;
         }
     }
-    nlohmann::json doc = nlohmann::json::object();
-    std::ifstream in(std::filesystem::path(config_path), std::ios::binary);
-    if (in) {
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        doc = nlohmann::json::parse(text, nullptr, false, false);
-        if (doc.is_discarded()) {
-            std::printf("config %s is not valid JSON\n", wide_to_utf8(config_path).c_str());
-            return 1;
-        }
-    }
     Options options;
-    try {
-        options.config = config_from_json(doc);
-    } catch (const std::exception& e) {
-        std::printf("config %s: game_proxy_routes is not valid: %s\n", wide_to_utf8(config_path).c_str(), e.what());
+    std::string message;
+    if (!load_config_file(wide_path(config_path), wide_to_utf8(config_path), options.config, message)) {
+        std::printf("%s\n", message.c_str());
         return 1;
     }
     options.program_folder = own_executable_path().parent_path();
-    options.game_dir = path_from_utf8(wide_to_utf8(game_dir));
+    options.game_dir = wide_path(game_dir);
     Report report = run_checks(options);
     if (json)
         std::printf("%s\n", report_json(report).dump(2).c_str());

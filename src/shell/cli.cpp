@@ -99,27 +99,19 @@ int run_cli(const std::vector<std::wstring>& args) {
         std::fflush(stdout);
         return 1;
     };
-    nlohmann::json doc;  // null: every key takes its default
-    std::ifstream in(wide_path(o.config_path), std::ios::binary);
-    if (in) {
-        std::stringstream text;
-        text << in.rdbuf();
-        doc = nlohmann::json::parse(text.str(), nullptr, false, false);
-        if (doc.is_discarded()) {
-            std::printf("config %s is not valid JSON\n", config_name.c_str());
-            std::fflush(stdout);
-            return 1;
-        }
-    }
     Config config;
-    std::string problem;
-    if (!config_from_json(doc, config, problem)) return refuse(problem);
+    std::string message;
+    if (!load_config_file(wide_path(o.config_path), config_name, config, message)) {
+        std::printf("%s\n", message.c_str());
+        std::fflush(stdout);
+        return 1;
+    }
 
     if (o.link) return run_link_discord(config);
     if (!o.route.empty()) return run_route(config, o.route, o.game_dir);
     if (!o.account_op.empty()) return run_account_command(config, o.account_op, o.account_name, o.account_code);
     if (!o.web_code_id.empty()) return run_web_code(config, o.web_code_id);
-    if (!settle_bridge_config(config, problem)) return refuse(problem);
+    if (std::string problem; !settle_bridge_config(config, problem)) return refuse(problem);
     return run_bridge(config);
 }
 

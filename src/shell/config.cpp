@@ -1,5 +1,7 @@
 #include "shell/config.h"
 
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "shell/deployment.h"
@@ -75,6 +77,27 @@ bool config_from_json(const nlohmann::json& doc, Config& config, std::string& pr
     }
     c.user_agent = json_text(doc, "user_agent", c.user_agent);
     config = std::move(c);
+    return true;
+}
+
+bool load_config_file(const std::filesystem::path& path, const std::string& name, Config& config,
+                      std::string& message) {
+    nlohmann::json doc;  // null: every key takes its default
+    std::ifstream in(path, std::ios::binary);
+    if (in) {
+        std::stringstream text;
+        text << in.rdbuf();
+        doc = nlohmann::json::parse(text.str(), nullptr, false, false);
+        if (doc.is_discarded()) {
+            message = format_text("config %s is not valid JSON", name.c_str());
+            return false;
+        }
+    }
+    std::string problem;
+    if (!config_from_json(doc, config, problem)) {
+        message = format_text("config %s: %s", name.c_str(), problem.c_str());
+        return false;
+    }
     return true;
 }
 

@@ -2,6 +2,7 @@
 // The settings of the process, read once from the JSON configuration file.
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <string>
 
@@ -39,6 +40,11 @@ struct Config {
 // everywhere except game_proxy_routes: a bad key or value there fills problem with the key and
 // the reason, and returns false.
 bool config_from_json(const nlohmann::json& doc, Config& config, std::string& problem);
+
+// Reads the configuration file at path; a missing file means every default. False with the
+// line to show the user in message ("config <name> ..."), name being the path as given.
+bool load_config_file(const std::filesystem::path& path, const std::string& name, Config& config,
+                      std::string& message);
 
 // The settings that only a running bridge uses, checked before it starts: bind_host becomes
 // dotted IPv4 text (a name is resolved), and stun_server must be "off", a host, or a host and

@@ -81,7 +81,8 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
     EXPECT_EQ(send("GET", web + "/sarnlinkx").body, R"({"ResKind":1,"Message":"not found"})");
 
     // A caller from another machine is refused whatever Host it names.
-    http::ServerRequest remote{"GET", "/sarnlink/status.json", {{"Host", "127.0.0.1"}}, "", zq::Endpoint{"192.168.1.20", 5000}};
+    http::ServerRequest remote{"GET", "/sarnlink/status.json", {{"Host", "127.0.0.1"}}, ""};
+    remote.peer = zq::Endpoint{"192.168.1.20", 5000};
     EXPECT_FALSE(zq::status_page_caller_allowed(remote));
     remote.peer = zq::Endpoint{"127.0.0.1", 5000};
     EXPECT_TRUE(zq::status_page_caller_allowed(remote));
