@@ -92,6 +92,10 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     const std::vector<std::string> segments = web::path_segments(path);
     const bool debug = bridge.config().debug_endpoints;
 
+    // The status page is meant for a browser on this PC, so it keeps its own, narrower check
+    // instead of the refusal of browsers below.
+    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
+
     if (const std::string why = web::foreign_caller(request, bridge.config().bind_host); !why.empty()) {
         const std::string cause = format_text("webapi refused :%d ", bridge.bound_webapi_port()) +
                                   why.substr(0, why.find(' '));
@@ -132,8 +136,6 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
         return http::json_response(Json::object(), 201);
 
     if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(bridge, request);
-
-    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     log_line(format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));
     return http::json_response(Json{{"ResKind", 1}, {"Message", "not found"}}, 404);
