@@ -1,5 +1,6 @@
 #include "bridge/login.h"
 
+#include "accounts/account_commands.h"
 #include "accounts/state_file.h"
 #include "bridge/bridge.h"
 #include "bridge/frames.h"
@@ -54,30 +55,10 @@ void Bridge::save_state(const nlohmann::json& doc) {
 }
 
 bool Bridge::save_account(const std::string& key, const nlohmann::json& record) {
+    // Under the lock the file is read again just before the write: another login may have saved
+    // its own account since this one read the file, and that record must survive.
     std::lock_guard<std::mutex> guard(state_lock);
-    // Read again just before the write: another login may have saved its own account since
-    // this one read the file, and that record must survive.
-    const std::filesystem::path path = state_path(config().state_file);
-    nlohmann::json root = nlohmann::json::object();
-    std::string text;
-    if (read_whole_file(path, text)) {
-        root = parse_state_text(text);
-        if (root.is_discarded()) {
-            // Whatever the player could still repair by hand is kept, not overwritten.
-            std::filesystem::path aside = corrupt_state_backup_path(path);
-            std::error_code failed;
-            std::filesystem::rename(path, aside, failed);
-            if (failed) return false;
-            log_line("state file is corrupt; kept it as " + zq::wide_to_utf8(aside.filename().wstring()));
-            root = nlohmann::json::object();
-        }
-    }
-    ensure_accounts(root)[key] = record;
-    try {
-        return write_json_atomic(path, root, false);
-    } catch (const nlohmann::json::exception&) {
-        return false;
-    }
+    return store_account_record(state_path(config().state_file), key, record);
 }
 
 // The account exists upstream but not on this PC's disk: without its recovery code it is lost
