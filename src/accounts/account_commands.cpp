@@ -57,9 +57,34 @@ std::string device_name() {
 }
 
 bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record) {
-    nlohmann::json root = read_state_file(state);
+    nlohmann::json root = nlohmann::json::object();
+    std::string text;
+    std::filesystem::path aside;
+    if (read_whole_file(state, text)) {
+        root = parse_state_text(text);
+        if (root.is_discarded()) {
+            // What the player could still repair by hand is copied aside before it is replaced.
+            aside = corrupt_state_backup_path(state);
+            std::error_code failed;
+            if (!std::filesystem::copy_file(state, aside, failed) || failed) return false;
+            root = nlohmann::json::object();
+        }
+    }
     ensure_accounts(root)[key] = record;
-    return write_json_atomic(state, root, false);
+    bool written = false;
+    try {
+        written = write_json_atomic(state, root, false);
+    } catch (const nlohmann::json::exception&) {
+        written = false;
+    }
+    if (!aside.empty()) {
+        std::error_code ignored;
+        if (!written)
+            std::filesystem::remove(aside, ignored);  // the corrupt file itself is still there
+        else
+            log_line("state file is corrupt; kept it as " + wide_to_utf8(aside.filename().wstring()));
+    }
+    return written;
 }
 
 std::string account_create(const std::string& server, const std::filesystem::path& state, const std::string& name) {

@@ -26,8 +26,9 @@ std::string account_sign_out(const std::string& server, const std::filesystem::p
 std::string account_web_code(const std::string& server, const std::filesystem::path& state,
                              const std::string& online_id, std::string& error);
 
-// Stores a record under its key in the file (read, replace the record whole, write).
-// False when the file could not be written.
+// Stores a record under its key in the file as it is at this moment (read, replace the record
+// whole, write), keeping the other records. A corrupt file is copied aside first (and that is
+// logged). False when the file could not be written. Callers in one process serialise the calls.
 bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record);
 
 }  // namespace zq

@@ -1,5 +1,6 @@
 #include "accounts/state_file.h"
 
+#include <ctime>
 #include <fstream>
 #include <sstream>
 
@@ -31,6 +32,20 @@ nlohmann::json& ensure_accounts(nlohmann::json& root) {
     nlohmann::json& accounts = root["accounts"];
     if (!accounts.is_object()) accounts = nlohmann::json::object();
     return accounts;
+}
+
+std::filesystem::path corrupt_state_backup_path(const std::filesystem::path& path) {
+    std::tm now = local_time(std::time(nullptr));
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &now);
+    std::filesystem::path base = path;
+    base.replace_extension();
+    for (int n = 1;; ++n) {
+        std::filesystem::path candidate = base;
+        candidate += utf8_path(std::string(".corrupt-") + stamp + (n > 1 ? "-" + std::to_string(n) : "") + ".json");
+        std::error_code ignored;
+        if (!std::filesystem::exists(candidate, ignored)) return candidate;
+    }
 }
 
 std::filesystem::path state_path(const std::string& state_file) { return utf8_path(state_file); }

@@ -20,6 +20,10 @@ nlohmann::json read_state_file(const std::filesystem::path& path);
 // Makes sure the root holds an `accounts` object (a non-object is replaced) and returns it.
 nlohmann::json& ensure_accounts(nlohmann::json& root);
 
+// Where a corrupt state file is kept aside: "<stem>.corrupt-<YYYYMMDD-HHMMSS>.json" beside it
+// (with "-2", "-3"... when that name is taken).
+std::filesystem::path corrupt_state_backup_path(const std::filesystem::path& path);
+
 // The state path of the settings as the file system takes it.
 std::filesystem::path state_path(const std::string& state_file);
 

@@ -1,6 +1,7 @@
 #include "bridge/bridge.h"
 
 #include <algorithm>
+#include <system_error>
 #include <vector>
 
 #include "bridge/session.h"
@@ -38,6 +39,7 @@ bool Bridge::start_gateway(std::string* error) {
 
 bool Bridge::start(std::string* error) {
     network_init();
+    cancel_ = std::make_shared<http::CancelFlag>();
     running_ = true;
 
     if (config_.p2p_gateway && !start_gateway(error)) return false;
@@ -100,12 +102,13 @@ void Bridge::stop() {
         live = sessions;
         open = connections_;
     }
-    for (auto& session : live) {
-        session->shutdown();
-        session->connection->close();
-    }
+    // First end every upstream call in flight, so no command holds a session lock for long,
+    // and wake every blocked read and send; then take the sessions down.
+    cancel_->cancel();
+    for (auto& session : live) session->connection->close();
     // Connections that never sent a Request have no session, but their reads must end too.
     for (auto& connection : open) connection->close();
+    for (auto& session : live) session->shutdown();
 
     if (gateway) gateway->stop();
     for (auto& proxy : game_proxies_) proxy->stop();
@@ -124,9 +127,9 @@ void Bridge::stop() {
         *s = invalid_socket;
     }
 
-    // Connection threads are detached; one stuck in a slow upstream call must not hold up the
-    // end of the process, so the wait is bounded.
-    for (int pass = 0; pass < 500 && active_connections_ >= 1; ++pass) sleep_ms(10);
+    // Every connection thread is joined: they touch this object to their last act. Their calls
+    // were cancelled and their sockets shut down above, so none of them waits on anyone else.
+    join_workers(true);
 
     {
         std::lock_guard<std::mutex> guard(sessions_lock);
@@ -134,24 +137,73 @@ void Bridge::stop() {
     }
 }
 
+namespace {
+
+bool from_loopback(const SockAddr& peer) { return from_sockaddr(peer).host.rfind("127.", 0) == 0; }
+
+}  // namespace
+
+void Bridge::join_workers(bool all) {
+    std::vector<Worker> ended;
+    {
+        std::lock_guard<std::mutex> guard(workers_lock_);
+        std::vector<Worker> running;
+        for (auto& worker : workers_)
+            (all || worker.finished->load() ? ended : running).push_back(std::move(worker));
+        workers_ = std::move(running);
+    }
+    for (auto& worker : ended)
+        if (worker.thread.joinable()) worker.thread.join();
+}
+
 void Bridge::accept_thread(Socket listener) {
     std::vector<bool> ready;
     for (;;) {
         int waiting = wait_readable({listener}, stop_check_ms, ready);
         if (!running_) return;
+        join_workers(false);
         if (waiting == 0) continue;
         SockAddr peer;
         Socket s = accept_socket(listener, &peer);
-        if (s == invalid_socket) return;
+        if (s == invalid_socket) {
+            // Out of file handles or buffers: the pending connection stays queued; rest, then
+            // try again. The loop ends only with the bridge.
+            if (!running_) return;
+            log_limited("tcp accept", format_text("tcp: accept failed (error %d); retrying", last_socket_error()));
+            sleep_ms(accept_backoff_ms);
+            continue;
+        }
+        const std::string from = from_sockaddr(peer).text();
+        // The command port hands out the stored tokens of this PC: only local programs may ask.
+        if (!from_loopback(peer)) {
+            close_socket(s);
+            log_limited("tcp refused", "tcp: refused connection from " + from + " (not loopback)");
+            continue;
+        }
+        if (active_connections_ >= max_game_connections) {
+            close_socket(s);
+            log_limited("tcp full", "tcp: refused connection from " + from + " (too many connections)");
+            continue;
+        }
         set_tcp_nodelay(s);
-        log_line("tcp: connection from " + from_sockaddr(peer).text());
+        set_send_timeout(s, send_timeout_ms);
+        log_line("tcp: connection from " + from);
         ++active_connections_;
-        std::thread(&Bridge::connection_thread, this, s).detach();
+        auto finished = std::make_shared<std::atomic<bool>>(false);
+        try {
+            std::lock_guard<std::mutex> guard(workers_lock_);
+            workers_.push_back(Worker{std::thread(&Bridge::connection_thread, this, s, finished), finished});
+        } catch (const std::system_error&) {
+            // No thread to serve it: this connection is refused, the bridge goes on.
+            --active_connections_;
+            close_socket(s);
+            log_limited("tcp thread", "tcp: refused connection from " + from + " (cannot start a thread)");
+        }
         if (!running_) return;
     }
 }
 
-void Bridge::connection_thread(Socket socket) {
+void Bridge::connection_thread(Socket socket, std::shared_ptr<std::atomic<bool>> finished) {
     {
         auto connection = std::make_shared<TcpConn>(socket);
         {
@@ -165,8 +217,8 @@ void Bridge::connection_thread(Socket socket) {
         std::lock_guard<std::mutex> guard(sessions_lock);
         connections_.erase(std::remove(connections_.begin(), connections_.end(), connection), connections_.end());
     }
-    // The last act: after this the Bridge may be gone.
     --active_connections_;
+    finished->store(true);
 }
 
 std::vector<int> Bridge::bound_game_proxy_ports() const {

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "http/fetch.h"
 #include "http/server.h"
 #include "p2p/gateway.h"
 #include "shell/config.h"
@@ -80,6 +81,10 @@ public:
     nlohmann::json load_state();
     // Replaces the state file whole; a failure is not reported.
     void save_state(const nlohmann::json& doc);
+    // Sets one account record in the file as it is now, all under state_lock, so that two
+    // logins at once both keep their accounts. A corrupt file is first moved aside (and that
+    // is logged). False when the file could not be written.
+    bool save_account(const std::string& key, const nlohmann::json& record);
 
     // Tells the service our new public address, once for each logged-in session, in or out of
     // a room. Runs on a gateway thread; no lock is held over the calls.
@@ -88,15 +93,38 @@ public:
     // Null when p2p_gateway is off.
     std::unique_ptr<p2p::Gateway> gateway;
 
+    // Set by stop: every upstream call of every session ends at once.
+    std::shared_ptr<const http::CancelFlag> cancel_flag() const { return cancel_; }
+
+    // Game connections served at once; more are closed as soon as they are accepted. A game
+    // holds one, so this only bounds what a misbehaving local program can take.
+    static constexpr int max_game_connections = 64;
+    // A connection that has not sent one complete frame in this time is closed. A game sends its
+    // login right after Hello, and after that idle connections are kept (a game sits in menus
+    // without a word), so only connections that never spoke meet this limit.
+    static constexpr int first_frame_timeout_ms = 10000;
+    // A game that stops reading fails a send after this long, instead of holding its
+    // connection's write lock for ever.
+    static constexpr int send_timeout_ms = 5000;
+
 private:
     // How often the accept and STUN loops look at the running flag while nothing arrives.
     static constexpr int stop_check_ms = 200;
+    // How long accept rests after a failure such as running out of file handles.
+    static constexpr int accept_backoff_ms = 100;
+
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> finished;
+    };
+    // Joins the connection threads that have ended; with all=true, every one (for stop).
+    void join_workers(bool all);
 
     bool fail(std::string* error, const std::string& message);
     bool start_gateway(std::string* error);
 
     void accept_thread(Socket listener);
-    void connection_thread(Socket socket);
+    void connection_thread(Socket socket, std::shared_ptr<std::atomic<bool>> finished);
     void stun_thread(Socket udp);
 
     const Config config_;
@@ -114,6 +142,11 @@ private:
     // Every open game connection, with or without a session yet, so that stop can wake each
     // one's blocked read. Guarded by sessions_lock.
     std::vector<std::shared_ptr<TcpConn>> connections_;
+
+    std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
+    // Every connection thread, owned until joined. Guarded by workers_lock_.
+    std::mutex workers_lock_;
+    std::vector<Worker> workers_;
 };
 
 }  // namespace zq

@@ -1,15 +1,18 @@
 #include "bridge/login.h"
 
+#include "accounts/account_commands.h"
 #include "accounts/state_file.h"
 #include "bridge/bridge.h"
 #include "bridge/frames.h"
 #include "bridge/session.h"
 #include "http/upstream_error.h"
 #include "shell/log.h"
+#include "shell/platform.h"
 #include "shell/sha256.h"
 #include "shell/util.h"
 
 #include <cctype>
+#include <cstdio>
 #include <optional>
 
 namespace zq {
@@ -49,6 +52,25 @@ void Bridge::save_state(const nlohmann::json& doc) {
     std::lock_guard<std::mutex> guard(state_lock);
     // A failed save is not reported: the session goes on with its account in memory.
     write_json_atomic(state_path(config().state_file), doc, false);
+}
+
+bool Bridge::save_account(const std::string& key, const nlohmann::json& record) {
+    // Under the lock the file is read again just before the write: another login may have saved
+    // its own account since this one read the file, and that record must survive.
+    std::lock_guard<std::mutex> guard(state_lock);
+    return store_account_record(state_path(config().state_file), key, record);
+}
+
+// The account exists upstream but not on this PC's disk: without its recovery code it is lost
+// at the end of this session. The code goes to the console only, never to the log file.
+void Session::report_unsaved_account(const std::string& name, const std::string& code) {
+    log_line(format_text("velmar: could not save the account %s to %s - its recovery code is on the console; "
+                         "write it down",
+                         quote(name).c_str(), bridge->config().state_file.c_str()));
+    std::printf("sarnlink: the account %s could not be saved to %s.\n"
+                "sarnlink: write down its recovery code now, it is the only way back to it: %s\n",
+                quote(name).c_str(), bridge->config().state_file.c_str(), code.c_str());
+    std::fflush(stdout);
 }
 
 bool Session::ensure_account() {
@@ -94,12 +116,13 @@ bool Session::ensure_account() {
                                          quote(name).c_str()));
                 throw;
             }
-            accounts[npid] = nlohmann::json{{"velmar_name", name},
-                                            {"recovery_code", new_code.empty() ? old_code : new_code},
-                                            {"token", current_token()},
-                                            {"online_id", current_online_id()}};
-            bridge->save_state(root);
+            std::string code = new_code.empty() ? old_code : new_code;
+            bool saved = bridge->save_account(npid, nlohmann::json{{"velmar_name", name},
+                                                                   {"recovery_code", code},
+                                                                   {"token", current_token()},
+                                                                   {"online_id", current_online_id()}});
             log_line(format_text("velmar: recovered account %s", quote(name).c_str()));
+            if (!saved) report_unsaved_account(name, code);
             return true;
         }
 
@@ -116,14 +139,16 @@ bool Session::ensure_account() {
                                          quote(npid).c_str()));
                 throw;
             }
-            accounts[npid] = nlohmann::json{{"velmar_name", npid},
-                                            {"recovery_code", code},
-                                            {"token", current_token()},
-                                            {"online_id", current_online_id()}};
-            bridge->save_state(root);
-            log_line(format_text("velmar: created account %s (token and recovery code stored in sarnlink_state.json - "
-                                 "keep that file)",
-                                 quote(npid).c_str()));
+            bool saved = bridge->save_account(npid, nlohmann::json{{"velmar_name", npid},
+                                                                   {"recovery_code", code},
+                                                                   {"token", current_token()},
+                                                                   {"online_id", current_online_id()}});
+            if (saved)
+                log_line(format_text("velmar: created account %s (token and recovery code stored in "
+                                     "sarnlink_state.json - keep that file)",
+                                     quote(npid).c_str()));
+            else
+                report_unsaved_account(npid, code);
             return true;
         }
 

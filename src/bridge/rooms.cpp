@@ -205,10 +205,10 @@ CommandResult Session::cmd_kick_member(std::string_view body) {
     return CommandResult{ResultOk, wrap_message(FieldMessage().number_if_set(1, number_field(*fields, 1, 0)).bytes())};
 }
 
-void Session::leave_room_locked() {
+void Session::leave_room_locked(bool farewell) {
     if (room.room_id == 0) return;
     try {
-        leave_room(room.session_id, room.member_id);
+        leave_room(room.session_id, room.member_id, farewell);
         log_line(format_text("left room %llu", static_cast<unsigned long long>(room.room_id)));
     } catch (const BridgeError& e) {
         // Local state is cleared whatever the server said.

@@ -34,15 +34,18 @@ bool TcpConn::write(std::string_view bytes) {
     return true;
 }
 
+// Not under write_lock: a send blocked on a game that stopped reading holds that lock, and
+// shutting the socket down is what ends such a send.
 void TcpConn::close() {
-    std::lock_guard<std::mutex> guard(write_lock);
     alive = false;
-    shutdown_socket(socket_);
+    std::lock_guard<std::mutex> guard(socket_lock_);
+    if (socket_ != invalid_socket) shutdown_socket(socket_);
 }
 
 void TcpConn::release() {
-    std::lock_guard<std::mutex> guard(write_lock);
     alive = false;
+    std::lock_guard<std::mutex> writing(write_lock);
+    std::lock_guard<std::mutex> guard(socket_lock_);
     if (socket_ != invalid_socket) {
         close_socket(socket_);
         socket_ = invalid_socket;
@@ -52,6 +55,7 @@ void TcpConn::release() {
 Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner)
     : UpstreamClient(owner->config().velmar_server), connection(std::move(conn)), bridge(owner) {
     if (!owner->config().user_agent.empty()) client_mark = owner->config().user_agent;
+    cancel = owner->cancel_flag();
 }
 
 Session::~Session() {
@@ -75,7 +79,8 @@ void Session::shutdown() {
         if (pump_thread.joinable() && pump_thread.get_id() != std::this_thread::get_id()) pump_thread.join();
     }
     std::lock_guard<std::mutex> guard(session_lock);
-    leave_room_locked();
+    // When the bridge stops, calls are cancelled; leaving the room still goes out, briefly.
+    leave_room_locked(cancel && cancel->cancelled());
 }
 
 std::string quote(const std::string& text) { return "'" + text + "'"; }
@@ -97,20 +102,47 @@ bool read_exactly(Socket socket, char* buffer, std::size_t size, const std::func
     return true;
 }
 
+namespace {
+
+// Reads a body of the size a header announced. The buffer grows with the bytes that arrive,
+// never ahead by more than one chunk, so a header that promises megabytes costs nothing until
+// they come; a large buffer is not kept once its frame is done.
+bool read_body(Socket socket, std::size_t size, std::string& body, const std::function<bool()>& keep_going) {
+    constexpr std::size_t grow_chunk = 0x10000;
+    constexpr std::size_t keep_capacity = 0x100000;
+    if (body.capacity() > keep_capacity) std::string().swap(body);
+    body.clear();
+    while (body.size() < size) {
+        std::size_t have = body.size();
+        std::size_t chunk = std::min(size - have, grow_chunk);
+        body.resize(have + chunk);
+        if (!read_exactly(socket, body.data() + have, chunk, keep_going)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
     std::shared_ptr<Session> session;
     if (connection->write(hello_frame())) {
         unsigned char header_bytes[header_size];
         std::string body;
-        auto keep_going = [&] { return bridge.running() && connection->is_alive(); };
+        // Until its first whole frame a connection has a deadline; a game that has spoken may
+        // then sit idle for as long as it likes.
+        bool spoke = false;
+        const double first_frame_by = steady_seconds() + Bridge::first_frame_timeout_ms / 1000.0;
+        auto keep_going = [&] {
+            return bridge.running() && connection->is_alive() && (spoke || steady_seconds() < first_frame_by);
+        };
         while (keep_going()) {
             if (!read_exactly(connection->socket(), reinterpret_cast<char*>(header_bytes), header_size, keep_going))
                 break;
             CommandHeader header = parse_header(header_bytes);
             // A malformed header closes the connection without a word.
             if (!header.size_ok()) break;
-            body.assign(header.body_size(), '\0');
-            if (!body.empty() && !read_exactly(connection->socket(), body.data(), body.size(), keep_going)) break;
+            if (!read_body(connection->socket(), header.body_size(), body, keep_going)) break;
+            spoke = true;
             if (header.kind != static_cast<std::uint8_t>(FrameKind::Request)) continue;
 
             if (!session) {

@@ -71,7 +71,10 @@ public:
     std::mutex write_lock;
 
 private:
-    Socket socket_;  // guarded by write_lock against release while another thread shuts it down
+    // Released only with both write_lock and socket_lock_ held: a writer holds the first, a
+    // closer the second, so neither ever meets a handle that was closed (and perhaps reused).
+    std::mutex socket_lock_;
+    Socket socket_;
 };
 
 // One game session: created by the first Request on a connection and ended with it.
@@ -100,9 +103,12 @@ public:
     // Settles which upstream account stands behind npid: a stored token that stands, recovery,
     // or (with create_accounts) a new account. True when the client now holds credentials.
     bool ensure_account();
+    // Says aloud, with the recovery code on the console, that a new account was not saved.
+    void report_unsaved_account(const std::string& name, const std::string& code);
 
-    // Leaves the current room, if any; the caller holds session_lock.
-    void leave_room_locked();
+    // Leaves the current room, if any; the caller holds session_lock. A farewell leave still
+    // goes out after the bridge cancelled its calls, with a short deadline of its own.
+    void leave_room_locked(bool farewell = false);
 
     // Matching helpers; the caller holds session_lock.
     std::string call_online_id() const;  // the upstream name, or npid while that is empty

@@ -38,6 +38,9 @@ constexpr std::size_t max_host = 255;
 constexpr std::size_t max_path = 4095;
 constexpr std::size_t max_extra = 4095;
 
+// How long a call that can be cancelled waits for the network before it looks at its flag again.
+constexpr int cancel_check_ms = 50;
+
 std::string url_part(CURLU* url, CURLUPart part) {
     char* text = nullptr;
     std::string out;
@@ -206,13 +209,31 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 
     // Before the connection is up, libcurl's connect time-out governs; after it, no phase may
     // stay idle for longer than timeout_ms.
+    // The whole call has its own limit (deadline_ms), and a cancel is looked at between short
+    // waits, so neither depends on the server sending anything.
     const double idle_limit = request.timeout_ms / 1000.0;
+    const double started = zq::steady_seconds();
+    const double deadline = request.deadline_ms ? started + request.deadline_ms / 1000.0 : 0.0;
     bool idle_expired = false;
+    bool deadline_passed = false;
+    bool cancelled = false;
     curl_multi_add_handle(multi, easy);
     for (;;) {
         int running = 0;
         if (curl_multi_perform(multi, &running) != CURLM_OK || running == 0) break;
-        int wait_ms = 1000;
+        if (request.cancel && request.cancel->cancelled()) {
+            cancelled = true;
+            break;
+        }
+        int wait_ms = request.cancel ? cancel_check_ms : 1000;
+        if (deadline > 0.0) {
+            double left = deadline - zq::steady_seconds();
+            if (left <= 0) {
+                deadline_passed = true;
+                break;
+            }
+            wait_ms = std::min(wait_ms, static_cast<int>(left * 1000.0) + 1);
+        }
         if (t.connected) {
             double left = t.last_activity + idle_limit - zq::steady_seconds();
             if (left <= 0) {
@@ -239,6 +260,10 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     response.status = static_cast<std::uint32_t>(status);
     response.headers = split_raw_headers(t.head);
     response.body = std::move(t.body);
+    if (cancelled || deadline_passed) {
+        response.error = cancelled ? "cancelled" : "deadline passed";
+        return response;
+    }
     bool timed_out = idle_expired || result == CURLE_OPERATION_TIMEDOUT;
     if (!timed_out && result == CURLE_OK) return response;
     if (result == CURLE_URL_MALFORMAT) {

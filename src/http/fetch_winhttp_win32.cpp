@@ -5,6 +5,10 @@
 #include <windows.h>
 #include <winhttp.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "http/fetch.h"
@@ -28,6 +32,76 @@ struct Handle {
     ~Handle() {
         if (h) WinHttpCloseHandle(h);
     }
+};
+
+// The request handle, which a watchdog may close from its own thread: closing it is what ends
+// a synchronous WinHTTP call that waits on the network.
+struct RequestHandle {
+    HINTERNET h = nullptr;
+    std::mutex lock;
+    bool closed = false;
+    void close() {
+        std::lock_guard<std::mutex> guard(lock);
+        if (!closed && h) WinHttpCloseHandle(h);
+        closed = true;
+    }
+    ~RequestHandle() { close(); }
+};
+
+// Ends a call that is cancelled or runs past its whole-call deadline by closing its request
+// handle. Runs only for calls that carry either; finished (joined) before the handle closes.
+class Watchdog {
+public:
+    Watchdog(const ClientRequest& request, RequestHandle& target) : target_(target) {
+        if (!request.cancel && request.deadline_ms == 0) return;
+        cancel_ = request.cancel;
+        deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(request.deadline_ms);
+        has_deadline_ = request.deadline_ms != 0;
+        thread_ = std::thread(&Watchdog::watch, this);
+    }
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            done_ = true;
+        }
+        wake_.notify_all();
+        if (thread_.joinable()) thread_.join();
+    }
+    // "cancelled" or "deadline passed" once the watchdog ended the call, else empty.
+    std::string reason() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return reason_;
+    }
+
+private:
+    void watch() {
+        std::unique_lock<std::mutex> guard(lock_);
+        for (;;) {
+            if (done_) return;
+            if (cancel_ && cancel_->cancelled()) {
+                reason_ = "cancelled";
+            } else if (has_deadline_ && std::chrono::steady_clock::now() >= deadline_) {
+                reason_ = "deadline passed";
+            }
+            if (!reason_.empty()) {
+                target_.close();
+                return;
+            }
+            auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+            if (has_deadline_ && deadline_ < next) next = deadline_;
+            wake_.wait_until(guard, next);
+        }
+    }
+
+    RequestHandle& target_;
+    std::shared_ptr<const CancelFlag> cancel_;
+    std::chrono::steady_clock::time_point deadline_;
+    bool has_deadline_ = false;
+    std::mutex lock_;
+    std::condition_variable wake_;
+    bool done_ = false;
+    std::string reason_;
+    std::thread thread_;
 };
 
 constexpr DWORD winhttp_timeout = 12002;
@@ -82,12 +156,14 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     }
     std::wstring method = zq::utf8_to_wide(request.method);
     std::wstring object = std::wstring(path) + extra;
-    Handle req{WinHttpOpenRequest(connection.h, method.c_str(), object.c_str(), nullptr, WINHTTP_NO_REFERER,
-                                  WINHTTP_DEFAULT_ACCEPT_TYPES, secure ? WINHTTP_FLAG_SECURE : 0)};
+    RequestHandle req;
+    req.h = WinHttpOpenRequest(connection.h, method.c_str(), object.c_str(), nullptr, WINHTTP_NO_REFERER,
+                               WINHTTP_DEFAULT_ACCEPT_TYPES, secure ? WINHTTP_FLAG_SECURE : 0);
     if (!req.h) {
         response.error = zq::format_text("open request failed (%lu)", GetLastError());
         return response;
     }
+    Watchdog watchdog(request, req);
 
     DWORD never = 0;  // the caller sees a 3xx itself
     WinHttpSetOption(req.h, option_redirect_policy, &never, sizeof never);
@@ -112,6 +188,10 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     if (!WinHttpSendRequest(req.h, WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, length, length, 0) ||
         !WinHttpReceiveResponse(req.h, nullptr)) {
         DWORD error = GetLastError();
+        if (std::string reason = watchdog.reason(); !reason.empty()) {
+            response.error = reason;
+            return response;
+        }
         // Some WinHTTP implementations pass the socket's own time-out (WSAETIMEDOUT) through.
         bool timed_out = error == winhttp_timeout || error == WSAETIMEDOUT;
         response.error = timed_out ? std::string("The read operation timed out")
@@ -140,14 +220,18 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     for (;;) {
         DWORD available = 0;
         if (!WinHttpQueryDataAvailable(req.h, &available)) {
-            response.error = zq::format_text("read failed (%lu)", GetLastError());
+            DWORD error = GetLastError();
+            std::string reason = watchdog.reason();
+            response.error = reason.empty() ? zq::format_text("read failed (%lu)", error) : reason;
             break;
         }
         if (available == 0) break;
         std::vector<char> chunk(available, 0);
         DWORD read = 0;
         if (!WinHttpReadData(req.h, chunk.data(), available, &read)) {
-            response.error = zq::format_text("read failed (%lu)", GetLastError());
+            DWORD error = GetLastError();
+            std::string reason = watchdog.reason();
+            response.error = reason.empty() ? zq::format_text("read failed (%lu)", error) : reason;
             break;
         }
         response.body.append(chunk.data(), read);

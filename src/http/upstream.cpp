@@ -1,5 +1,6 @@
 #include "http/upstream.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "http/service_health.h"
@@ -44,7 +45,7 @@ std::string UpstreamClient::current_online_id() const {
 }
 
 UpstreamReply UpstreamClient::post_json(const std::string& path, const nlohmann::json& body,
-                                        std::uint32_t timeout_ms, http::RecycledSession* session) {
+                                        std::uint32_t timeout_ms, http::RecycledSession* session, bool farewell) {
     http::ClientRequest request;
     request.method = "POST";
     request.url = base_url + path;
@@ -55,7 +56,14 @@ UpstreamReply UpstreamClient::post_json(const std::string& path, const nlohmann:
     } catch (const nlohmann::json::exception& e) {
         throw BridgeError(path + ": " + e.what());
     }
-    request.timeout_ms = timeout_ms;
+    if (farewell) {
+        request.timeout_ms = std::min(timeout_ms, farewell_deadline_ms);
+        request.deadline_ms = farewell_deadline_ms;
+    } else {
+        request.timeout_ms = timeout_ms;
+        request.deadline_ms = timeout_ms * deadline_factor;
+        request.cancel = cancel;
+    }
     request.headers.emplace_back("Content-Type", "application/json");
     request.headers.emplace_back("Accept", "application/json");
     request.headers.emplace_back("User-Agent", client_mark);
@@ -79,8 +87,8 @@ UpstreamReply UpstreamClient::post_json(const std::string& path, const nlohmann:
 }
 
 nlohmann::json UpstreamClient::post_checked(const std::string& path, const nlohmann::json& body,
-                                            std::uint32_t timeout_ms) {
-    UpstreamReply reply = post_json(path, body, timeout_ms, nullptr);
+                                            std::uint32_t timeout_ms, bool farewell) {
+    UpstreamReply reply = post_json(path, body, timeout_ms, nullptr, farewell);
     if (reply.status >= 200 && reply.status <= 299) {
         // A success status alone is not trusted: only an answer with ResKind is the service's.
         if (reply.body.is_object() && reply.body.contains("ResKind")) {
@@ -152,8 +160,8 @@ nlohmann::json UpstreamClient::join_room(const std::string& online_id, std::uint
     return post_checked("/mp/matching2/join_room", body, 8000);
 }
 
-void UpstreamClient::leave_room(const std::string& session_id, std::int64_t member_id) {
-    post_checked("/mp/matching2/leave_room", {{"SessionId", session_id}, {"MemberId", member_id}}, 8000);
+void UpstreamClient::leave_room(const std::string& session_id, std::int64_t member_id, bool farewell) {
+    post_checked("/mp/matching2/leave_room", {{"SessionId", session_id}, {"MemberId", member_id}}, 8000, farewell);
 }
 
 void UpstreamClient::kick_member(const std::string& session_id, std::int64_t member_id,

@@ -4,6 +4,7 @@
 // into one zq::BridgeError whose words callers match ("refused", "taken").
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,13 +36,21 @@ public:
     std::string current_token() const;
     std::string current_online_id() const;
 
+    // How long a call may take: timeout_ms for each phase (connect, send, each wait for bytes),
+    // and the whole call at most deadline_factor times that, so a server that trickles bytes
+    // cannot hold a session for ever. A farewell call (leaving a room while the bridge stops)
+    // ignores the cancel and has its own short deadline instead.
+    static constexpr std::uint32_t deadline_factor = 2;
+    static constexpr std::uint32_t farewell_deadline_ms = 1500;
+
     // One POST of the compact JSON body; throws only when the transport fails, or when the body
     // holds text that is not UTF-8 and so never leaves. With a session, the request goes out on it
     // instead of the process-wide one.
     UpstreamReply post_json(const std::string& path, const nlohmann::json& body, std::uint32_t timeout_ms,
-                            http::RecycledSession* session = nullptr);
+                            http::RecycledSession* session = nullptr, bool farewell = false);
     // The body of a positive answer (2xx with ResKind 0), or a BridgeError that says why not.
-    nlohmann::json post_checked(const std::string& path, const nlohmann::json& body, std::uint32_t timeout_ms);
+    nlohmann::json post_checked(const std::string& path, const nlohmann::json& body, std::uint32_t timeout_ms,
+                                bool farewell = false);
 
     // Account calls: both sign the client in and return the RecoveryCode of the answer.
     std::string create_account(const std::string& name);
@@ -55,7 +64,8 @@ public:
                                std::int64_t max_members, const nlohmann::json& extra);
     nlohmann::json join_room(const std::string& online_id, std::uint64_t room_id, const Endpoint& local,
                              const Endpoint& mapped);
-    void leave_room(const std::string& session_id, std::int64_t member_id);
+    // A farewell leave is the one call that still goes out after cancel (see above).
+    void leave_room(const std::string& session_id, std::int64_t member_id, bool farewell = false);
     void kick_member(const std::string& session_id, std::int64_t member_id, std::int64_t kicker_member_id);
     // InRoom of the answer (1 when absent), or -1 when the call failed.
     std::int32_t heartbeat(const std::string& session_id, std::int64_t member_id);
@@ -75,6 +85,8 @@ public:
     // Only the event poll uses it, so a stuck poll holds up no other call.
     http::RecycledSession poll_session;
     const std::string base_url;
+    // Set by the owner that stops (the Bridge): every call in flight ends at once. May be null.
+    std::shared_ptr<const http::CancelFlag> cancel;
 
     mutable std::mutex credentials_lock;
     std::string token;      // guarded by credentials_lock

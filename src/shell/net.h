@@ -46,6 +46,8 @@ int last_socket_error();
 // by connections in TIME_WAIT.
 void set_exclusive_address(Socket s, bool tcp_listener);
 void set_tcp_nodelay(Socket s);
+// A send that cannot go on for this long fails instead of blocking (SO_SNDTIMEO).
+void set_send_timeout(Socket s, int timeout_ms);
 // Windows reports an ICMP port-unreachable as an error on the next UDP receive; turn that off.
 void disable_udp_connreset(Socket s);
 

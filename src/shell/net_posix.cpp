@@ -8,6 +8,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace zq {
@@ -80,6 +81,13 @@ void set_exclusive_address(Socket s, bool tcp_listener) {
 void set_tcp_nodelay(Socket s) {
     int one = 1;
     ::setsockopt(fd(s), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+void set_send_timeout(Socket s, int timeout_ms) {
+    timeval tv{};
+    tv.tv_sec = timeout_ms / 1000;
+    tv.tv_usec = (timeout_ms % 1000) * 1000;
+    ::setsockopt(fd(s), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
 
 void disable_udp_connreset(Socket) {}

@@ -85,6 +85,11 @@ void set_tcp_nodelay(Socket s) {
     ::setsockopt(sock(s), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof one);
 }
 
+void set_send_timeout(Socket s, int timeout_ms) {
+    DWORD ms = static_cast<DWORD>(timeout_ms);
+    ::setsockopt(sock(s), SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms);
+}
+
 void disable_udp_connreset(Socket s) {
     BOOL off = FALSE;
     DWORD returned = 0;

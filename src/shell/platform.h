@@ -19,7 +19,12 @@ std::string wide_to_utf8(const std::wstring& text);
 // The command line as wide strings, program name excluded.
 std::vector<std::wstring> command_line_args(int argc, char** argv);
 
-// Renames from over to in one step, replacing what is there.
+// Creates a file that did not exist and writes the text to the medium (flushed). Only its
+// owner may read it (mode 0600 on POSIX); a link in its place is never followed. A plain file
+// already there, left by a write that was cut short, is replaced; anything else fails.
+bool write_new_file(const std::filesystem::path& path, const std::string& text);
+
+// Renames from over to in one step, replacing what is there, and flushes that to the medium.
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // The path of the running executable.

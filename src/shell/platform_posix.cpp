@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -90,8 +92,49 @@ std::vector<std::wstring> command_line_args(int argc, char** argv) {
     return args;
 }
 
+namespace {
+
+int open_new_private(const std::filesystem::path& path) {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+}  // namespace
+
+bool write_new_file(const std::filesystem::path& path, const std::string& text) {
+    int fd = open_new_private(path);
+    if (fd < 0 && errno == EEXIST) {
+        // A plain file left by a write that was cut short is ours to replace; a link or a folder
+        // in its place is not followed or touched.
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::unlink(path.c_str()) == 0)
+            fd = open_new_private(path);
+    }
+    if (fd < 0) return false;
+    bool ok = true;
+    std::size_t done = 0;
+    while (ok && done < text.size()) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) ok = false;
+        else done += static_cast<std::size_t>(n);
+    }
+    if (ok && ::fsync(fd) != 0) ok = false;
+    if (::close(fd) != 0) ok = false;
+    if (!ok) ::unlink(path.c_str());
+    return ok;
+}
+
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
-    return std::rename(from.c_str(), to.c_str()) == 0;
+    if (std::rename(from.c_str(), to.c_str()) != 0) return false;
+    // The rename itself reaches the medium only with its folder.
+    std::filesystem::path folder = to.parent_path();
+    if (folder.empty()) folder = ".";
+    int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+    return true;
 }
 
 std::filesystem::path own_executable_path() {

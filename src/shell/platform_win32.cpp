@@ -8,6 +8,8 @@
 
 #include <time.h>
 
+#include <algorithm>
+
 namespace zq {
 
 namespace {
@@ -50,8 +52,41 @@ std::vector<std::wstring> command_line_args(int, char**) {
     return args;
 }
 
+namespace {
+
+HANDLE create_new(const std::filesystem::path& path) {
+    return CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+}  // namespace
+
+bool write_new_file(const std::filesystem::path& path, const std::string& text) {
+    HANDLE file = create_new(path);
+    if (file == INVALID_HANDLE_VALUE && GetLastError() == ERROR_FILE_EXISTS) {
+        // A plain file left by a write that was cut short is ours to replace; a link or a folder
+        // in its place is not followed or touched.
+        DWORD attributes = GetFileAttributesW(path.c_str());
+        if (attributes != INVALID_FILE_ATTRIBUTES &&
+            !(attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) && DeleteFileW(path.c_str()))
+            file = create_new(path);
+    }
+    if (file == INVALID_HANDLE_VALUE) return false;
+    bool ok = true;
+    std::size_t done = 0;
+    while (ok && done < text.size()) {
+        DWORD chunk = static_cast<DWORD>(std::min<std::size_t>(text.size() - done, 1u << 30));
+        DWORD written = 0;
+        if (!WriteFile(file, text.data() + done, chunk, &written, nullptr) || written == 0) ok = false;
+        done += written;
+    }
+    if (ok && !FlushFileBuffers(file)) ok = false;
+    if (!CloseHandle(file)) ok = false;
+    if (!ok) DeleteFileW(path.c_str());
+    return ok;
+}
+
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
-    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
 }
 
 std::filesystem::path own_executable_path() {

@@ -46,18 +46,8 @@ std::optional<std::int64_t> leading_int64(const std::string& text) {
 bool write_text_atomic(const std::filesystem::path& path, const std::string& text) {
     std::filesystem::path tmp = path;
     tmp += ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        if (!out) return false;
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        out.close();
-        if (out.fail()) {
-            // A short write (a full disk) must not replace a good file with a cut one.
-            std::error_code ignored;
-            std::filesystem::remove(tmp, ignored);
-            return false;
-        }
-    }
+    // A short write (a full disk) removes the temporary file and never replaces a good file.
+    if (!write_new_file(tmp, text)) return false;
     return replace_file(tmp, path);
 }
 

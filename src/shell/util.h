@@ -72,7 +72,9 @@ std::string json_text(const Json& value, const std::string& key, const std::stri
 }
 
 // Writes text to "<path>.tmp" and renames it over the path in one step, so a reader sees
-// the old or the new file and never a part. True when the file was written and moved.
+// the old or the new file and never a part. The file is private to its owner (0600 on POSIX:
+// the state file holds tokens) and is on the medium when this returns. True when the file
+// was written and moved.
 bool write_text_atomic(const std::filesystem::path& path, const std::string& text);
 
 // Replaces a JSON file atomically, indented by 2, non-ASCII kept as raw UTF-8.

@@ -316,9 +316,11 @@ void login_with_unwritable_state(const std::filesystem::path& state, const std::
     FakeGame game;
     ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
     ASSERT_EQ(game.request(0, 1, login_body("fresh"))->result(), 0);
+    // The player is told that nothing was stored, and the log does not claim otherwise.
     EXPECT_EQ(log.count("velmar: created account 'fresh' (token and recovery code stored in sarnlink_state.json - "
                         "keep that file)"),
-              1);
+              0);
+    EXPECT_EQ(log.count_containing("velmar: could not save the account 'fresh'"), 1);
     const std::string token = store.get("fresh").token;
     ASSERT_FALSE(token.empty());
 

@@ -9,7 +9,10 @@
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/host.h"
+#include "support/fake_service.h"
 #include "support/process.h"
+#include "support/trickle_server.h"
+#include "support/wait.h"
 
 namespace {
 
@@ -240,4 +243,39 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     EXPECT_EQ(r.body, "secure");
     server.interrupt();
     server.wait(10.0);
+}
+
+// A cancel or the whole-call deadline ends a call that is already waiting: on a server that
+// holds its answer, and on one that trickles its body so that no single wait is ever long.
+TEST(HttpFetch, CancelAndDeadlineEndACallUnderWay) {
+    testing_support::FakeService holding;
+    ASSERT_TRUE(holding.start());
+    holding.answer("/held", testing_support::ScriptedAnswer::delayed(30.0, nlohmann::json::object()));
+    testing_support::TrickleServer trickling;
+    for (const std::string url : {holding.base_url() + "/held", trickling.base_url() + "/trickle"}) {
+        SCOPED_TRACE(url);
+        http::ClientRequest request;
+        request.url = url;
+        request.timeout_ms = 20000;
+        request.deadline_ms = 500;
+        double began = zq::steady_seconds();
+        EXPECT_EQ(http::fetch(request).error, "deadline passed");
+        EXPECT_LT(zq::steady_seconds() - began, 3.0);
+
+        auto flag = std::make_shared<http::CancelFlag>();
+        request.deadline_ms = 0;
+        request.cancel = flag;
+        const int seen_before = holding.request_count() + trickling.requests();
+        std::thread canceller([&] {
+            testing_support::wait_until(
+                [&] { return static_cast<int>(holding.request_count()) + trickling.requests() > seen_before; });
+            flag->cancel();
+        });
+        began = zq::steady_seconds();
+        http::RecycledSession session(45.0);
+        EXPECT_EQ(http::fetch(session, request).error, "cancelled");
+        EXPECT_LT(zq::steady_seconds() - began, 3.0);
+        canceller.join();
+    }
+    holding.stop();
 }

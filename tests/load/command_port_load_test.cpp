@@ -1,0 +1,127 @@
+// A local program that opens connections by the hundred, lies in its frame headers or uses up the
+// process's file handles must not take the command port away from the game.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#if !defined(_WIN32)
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
+
+#include "bridge/bridge.h"
+#include "shell/platform.h"
+#include "support/bridge_config.h"
+#include "support/fake_game.h"
+#include "support/host.h"
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "support/wait.h"
+
+using testing_support::FakeGame;
+using testing_support::LogCapture;
+using testing_support::wait_until;
+
+namespace {
+
+class CommandPortLoad : public ::testing::Test {
+protected:
+    void SetUp() override {
+        zq::Config config = testing_support::local_bridge_config();
+        config.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
+        bridge = std::make_unique<zq::Bridge>(config);
+        ASSERT_TRUE(bridge->start(nullptr));
+    }
+
+    // A fresh game still gets its Hello and an answer.
+    bool port_answers() {
+        FakeGame game;
+        if (!game.connect_and_greet(bridge->bound_tcp_port())) return false;
+        auto reply = game.request(104, 1, "");
+        return reply && reply->result() == 0;
+    }
+
+    testing_support::TempDir dir;
+    std::unique_ptr<zq::Bridge> bridge;
+};
+
+}  // namespace
+
+// 500 connections that never say a word: a bounded number is served, the others are closed at
+// once, threads and memory stay bounded, and once they are gone the game is served again.
+TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
+    const auto before = zq::process_usage();
+    std::vector<std::unique_ptr<FakeGame>> idle;
+    // One at a time, each greeted or closed before the next: the listener's queue holds only 8.
+    int greeted = 0;
+    for (int i = 0; i < 500; ++i) {
+        idle.push_back(std::make_unique<FakeGame>());
+        FakeGame& game = *idle.back();
+        ASSERT_TRUE(game.connect(bridge->bound_tcp_port())) << i;
+        if (game.read_bytes(19, 10.0)) ++greeted;
+        else ASSERT_TRUE(game.wait_closed(10.0)) << i;
+    }
+    EXPECT_LE(greeted, zq::Bridge::max_game_connections);
+    const auto during = zq::process_usage();
+    EXPECT_LE(during.threads, before.threads + zq::Bridge::max_game_connections + 4);
+    if (!testing_support::sanitizer_build() && during.memory_bytes && before.memory_bytes)
+        EXPECT_LT(during.memory_bytes, before.memory_bytes + 64u * 1024 * 1024);
+
+    idle.clear();
+    EXPECT_TRUE(wait_until([&] { return port_answers(); }, 10.0));
+}
+
+// Twenty headers that each announce an 8 MiB body that never comes cost next to nothing.
+TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
+    if (testing_support::sanitizer_build()) GTEST_SKIP() << "a sanitizer's shadow memory hides what the bridge holds";
+    const std::uint64_t before = zq::process_usage().memory_bytes;
+    if (before == 0) GTEST_SKIP() << "this system does not tell the process's memory";
+    std::vector<std::unique_ptr<FakeGame>> liars;
+    std::string header(15, '\0');
+    header[3] = 0x00, header[4] = 0x00, header[5] = static_cast<char>(0x80), header[6] = 0x00;  // 0x800000
+    for (int i = 0; i < 20; ++i) {
+        liars.push_back(std::make_unique<FakeGame>());
+        ASSERT_TRUE(liars.back()->connect_and_greet(bridge->bound_tcp_port()));
+        ASSERT_TRUE(liars.back()->send_raw(header + "x"));
+    }
+    // Waits out the time in which the bodies would have been reserved: growth must never come.
+    EXPECT_FALSE(wait_until([&] { return zq::process_usage().memory_bytes > before + 8u * 1024 * 1024; }, 1.0))
+        << (zq::process_usage().memory_bytes - before) / 1024 << " KiB more";
+    EXPECT_TRUE(port_answers());
+}
+
+// With no file handle left, accept fails; the listener rests and comes back once handles are
+// free, and the connection that waited in the queue is served.
+TEST_F(CommandPortLoad, ListenerComesBackAfterRunningOutOfFileHandles) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "the file handle limit is a POSIX resource limit (RLIMIT_NOFILE)";
+#else
+    if (testing_support::running_under_wine()) GTEST_SKIP() << "no POSIX file handle limit under Wine";
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    int open_now = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) (void)entry, ++open_now;
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(open_now + 64);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    // Every handle but one is taken; the client's socket takes the last, so accept finds none.
+    std::vector<int> taken;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) taken.push_back(fd);
+    ::close(taken.back());
+    taken.pop_back();
+    LogCapture log;
+    FakeGame waiting;
+    bool connected = waiting.connect(bridge->bound_tcp_port());
+    bool accept_failed = connected && wait_until([&] { return log.contains("tcp: accept failed"); }, 10.0);
+    for (int fd : taken) ::close(fd);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    ASSERT_TRUE(connected);
+    ASSERT_TRUE(accept_failed);
+    EXPECT_TRUE(waiting.read_bytes(19, 10.0));
+    EXPECT_TRUE(port_answers());
+#endif
+}

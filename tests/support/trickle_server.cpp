@@ -1,0 +1,56 @@
+#include "support/trickle_server.h"
+
+#include "shell/platform.h"
+
+namespace testing_support {
+
+TrickleServer::TrickleServer() {
+    zq::network_init();
+    listener_ = zq::open_tcp_socket();
+    zq::bind_socket(listener_, zq::to_sockaddr({"127.0.0.1", 0}));
+    zq::listen_socket(listener_, 16);
+    zq::SockAddr bound;
+    zq::local_address(listener_, &bound);
+    port_ = zq::from_sockaddr(bound).port;
+    acceptor_ = std::thread([this] {
+        std::vector<bool> ready;
+        while (!stopping_) {
+            if (zq::wait_readable({listener_}, 50, ready) < 1) continue;
+            zq::Socket s = zq::accept_socket(listener_);
+            if (s == zq::invalid_socket) continue;
+            std::lock_guard<std::mutex> guard(lock_);
+            connections_.emplace_back(&TrickleServer::serve, this, s);
+        }
+    });
+}
+
+TrickleServer::~TrickleServer() {
+    stopping_ = true;
+    acceptor_.join();
+    zq::close_socket(listener_);
+    for (auto& t : connections_) t.join();
+}
+
+void TrickleServer::serve(zq::Socket s) {
+    std::string head;
+    std::vector<bool> ready;
+    char buffer[4096];
+    while (!stopping_ && head.find("\r\n\r\n") == std::string::npos) {
+        if (zq::wait_readable({s}, 50, ready) < 1) continue;
+        int n = zq::recv_some(s, buffer, sizeof buffer);
+        if (n < 1) break;
+        head.append(buffer, static_cast<std::size_t>(n));
+    }
+    if (head.find("\r\n\r\n") != std::string::npos) {
+        ++requests_;
+        const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 1000000\r\n\r\n ";
+        bool ok = zq::send_some(s, start.data(), static_cast<int>(start.size())) > 0;
+        while (ok && !stopping_) {
+            zq::sleep_ms(100);
+            ok = zq::send_some(s, " ", 1) == 1;
+        }
+    }
+    zq::close_socket(s);
+}
+
+}  // namespace testing_support
