@@ -90,6 +90,8 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     const std::string path = web::path_without_query(request.path);
     const std::vector<std::string> segments = web::path_segments(path);
     const bool debug = bridge.config().debug_endpoints;
+    // The player's own page is for browsers, which the game's routes refuse; it checks its callers itself.
+    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     if (method == "GET" && path == "/status")
         return http::json_response(Json{{"ok", true}, {"bridge", "sarnlink"}, {"version", kVersion}}, 200);
@@ -123,8 +125,6 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
         return http::json_response(Json::object(), 201);
 
     if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(bridge, request);
-
-    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     log_line(format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));
     return http::json_response(Json{{"ResKind", 1}, {"Message", "not found"}}, 404);
