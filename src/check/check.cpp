@@ -1,5 +1,6 @@
 #include "check/check.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -353,7 +354,8 @@ CheckLine check_state_file(const Config& config) {
         }
     }
     if (count == 0) return {"accounts", Outcome::Note, shown + " reads, but holds no account yet"};
-    return {"accounts", Outcome::Ok, shown + format_text(" reads: %zu account%s (", count, count == 1 ? "" : "s") + names + ")"};
+    return {"accounts", Outcome::Ok,
+            shown + " reads: " + std::to_string(count) + (count == 1 ? " account (" : " accounts (") + names + ")"};
 }
 
 Verdict decide(const std::vector<CheckLine>& lines, NatKind nat) {

@@ -126,6 +126,9 @@ bool is_status_page_path(std::string_view path) {
 bool status_page_caller_allowed(const http::ServerRequest& request) {
     if (!loopback_address(request.peer.host)) return false;
     if (!loopback_host(http::find_header(request.headers, "Host"))) return false;
+    // A page of another site may send a request here but must never read the answer.
+    std::string site = http::find_header(request.headers, "Sec-Fetch-Site");
+    if (!site.empty() && site != "same-origin" && site != "none") return false;
     std::string origin = http::find_header(request.headers, "Origin");
     if (origin.empty()) return true;
     if (!origin.starts_with("http://")) return false;

@@ -17,9 +17,9 @@ class Bridge;
 // True for the paths that belong to the status page ("/sarnlink" and below).
 bool is_status_page_path(std::string_view path);
 
-// Whether a request comes from this PC and names it: a loopback caller, a loopback Host, and no
-// Origin but a loopback one. A web page elsewhere that a browser here is tricked into asking
-// fails the Host or Origin test.
+// Whether a request comes from this PC and names it: a loopback caller, a loopback Host, no
+// Origin but a loopback one, and no Sec-Fetch-Site but "same-origin" or "none". A web page
+// elsewhere that a browser here is tricked into asking fails one of these.
 bool status_page_caller_allowed(const http::ServerRequest& request);
 
 // Serves the page, its JSON, or a refusal; path is the request's path without its query.

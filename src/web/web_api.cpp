@@ -91,6 +91,8 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     const std::string path = web::path_without_query(request.path);
     const std::vector<std::string> segments = web::path_segments(path);
     const bool debug = bridge.config().debug_endpoints;
+    // The player's own page is for browsers, which the game's routes refuse; it checks its callers itself.
+    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     // The status page is meant for a browser on this PC, so it keeps its own, narrower check
     // instead of the refusal of browsers below.

@@ -66,6 +66,8 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
         {{"Host", "localhost:80x"}},
         {{"Host", "127.0.0.1:" + port}, {"Origin", "http://evil.example"}},
         {{"Host", "127.0.0.1:" + port}, {"Origin", "https://127.0.0.1:" + port}},
+        {{"Host", "127.0.0.1:" + port}, {"Sec-Fetch-Site", "cross-site"}, {"Sec-Fetch-Mode", "no-cors"}},
+        {{"Host", "127.0.0.1:" + port}, {"Sec-Fetch-Site", "same-site"}},
     };
     for (const auto& headers : refused) {
         auto r = send("GET", web + "/sarnlink/status.json", "", headers);
@@ -73,6 +75,12 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
         EXPECT_EQ(r.body.find("upstream-name"), std::string::npos);
     }
     EXPECT_EQ(send("GET", web + "/sarnlink/", "", {{"Host", "127.0.0.1:" + port}, {"Origin", "http://localhost:" + port}})
+                  .status,
+              200u);
+    // What a browser sends for the page itself and for its own refresh.
+    EXPECT_EQ(send("GET", web + "/sarnlink/", "", {{"Sec-Fetch-Site", "none"}, {"Sec-Fetch-Mode", "navigate"}}).status,
+              200u);
+    EXPECT_EQ(send("GET", web + "/sarnlink/status.json", "", {{"Sec-Fetch-Site", "same-origin"}, {"Sec-Fetch-Mode", "cors"}})
                   .status,
               200u);
     EXPECT_EQ(send("POST", web + "/sarnlink/status.json", "{}").status, 405u);
