@@ -94,9 +94,6 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     // The player's own page is for browsers, which the game's routes refuse; it checks its callers itself.
     if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
-    // The status page is meant for a browser on this PC, so it keeps its own, narrower check
-    // instead of the refusal of browsers below.
-    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
     if (const std::string why = web::foreign_caller(request, bridge.config().bind_host); !why.empty()) {
         const std::string cause = format_text("webapi refused :%d ", bridge.bound_webapi_port()) +
