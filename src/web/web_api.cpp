@@ -94,7 +94,6 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     // The player's own page is for browsers, which the game's routes refuse; it checks its callers itself.
     if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
 
-
     if (const std::string why = web::foreign_caller(request, bridge.config().bind_host); !why.empty()) {
         const std::string cause = format_text("webapi refused :%d ", bridge.bound_webapi_port()) +
                                   why.substr(0, why.find(' '));
