@@ -22,14 +22,21 @@ file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/packaging/README.txt
   CONTENT "sarnlink ${PROJECT_VERSION}\n\n${guide_text}\n" @ONLY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/README.md)
 
-# The packages need only the program: packaging must not wait for the test suites to build.
+# The programs a player gets: sarnlink-cli, and sarnlink-check where the build has it.
+set(player_programs sarnlink-cli)
+if(TARGET sarnlink-check)
+  list(APPEND player_programs sarnlink-check)
+endif()
+# The packages need only these: packaging must not wait for the test suites to build.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
+add_custom_target(player-programs)
+add_dependencies(player-programs ${player_programs})
 
 if(WIN32)
   # A player unpacks one folder and finds everything in it, the program at the top.
   set(doc_dir .)
   set(license_dir licenses)
-  install(TARGETS sarnlink-cli RUNTIME DESTINATION .)
+  install(TARGETS ${player_programs} RUNTIME DESTINATION .)
   # The .exe carries the MinGW-w64 runtime, winpthreads, libstdc++ and libgcc (under the GCC
   # runtime library exception, with GPL-3 beside it), and nlohmann json.
   install(FILES
@@ -42,7 +49,7 @@ else()
   include(GNUInstallDirs)
   set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/sarnlink)
   set(license_dir ${doc_dir}/licenses)
-  install(TARGETS sarnlink-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS ${player_programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   # libstdc++, libcurl and OpenSSL come from the system's packages with their own notices;
   # only nlohmann json is compiled in.
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/licenses/nlohmann-json.txt DESTINATION ${license_dir})

@@ -62,12 +62,15 @@ else fail "sarnlink-cli.exe --version under Wine said '$said', not '$expected'";
 
 # Only DLLs that come with Windows itself.
 system_dlls="kernel32.dll msvcrt.dll ws2_32.dll winhttp.dll bcrypt.dll shell32.dll psapi.dll advapi32.dll user32.dll ole32.dll crypt32.dll iphlpapi.dll ntdll.dll"
-imports=$(x86_64-w64-mingw32-objdump -p "$top/sarnlink-cli.exe" | sed -n 's/^[[:space:]]*DLL Name: //p' | tr 'A-Z' 'a-z')
-[ -n "$imports" ] || fail "objdump -p found no imported DLL in sarnlink-cli.exe"
-for dll in $imports; do
-  case " $system_dlls " in *" $dll "*) ;; *) fail "sarnlink-cli.exe needs $dll, which is not part of Windows" ;; esac
+for exe in "$top"/*.exe; do
+  name=$(basename "$exe")
+  imports=$(x86_64-w64-mingw32-objdump -p "$exe" | sed -n 's/^[[:space:]]*DLL Name: //p' | tr 'A-Z' 'a-z')
+  [ -n "$imports" ] || fail "objdump -p found no imported DLL in $name"
+  for dll in $imports; do
+    case " $system_dlls " in *" $dll "*) ;; *) fail "$name needs $dll, which is not part of Windows" ;; esac
+  done
+  ok "$name imports only system DLLs: $(echo $imports)"
 done
-ok "sarnlink-cli.exe imports only system DLLs: $(echo $imports)"
 
 # --- Linux: the .deb as apt installs it.
 depends=$(dpkg-deb -f "$deb" Depends)

@@ -22,8 +22,8 @@ fi
 for preset in windows-release linux-release; do
   echo "== release: $preset"
   cmake --preset "$preset" >/dev/null
-  # Only the program: the packages need nothing else, and the install step does not ask for more.
-  cmake --build --preset "$preset" --target sarnlink-cli -j "$jobs"
+  # Only the programs a player gets: the install step does not ask for more.
+  cmake --build --preset "$preset" --target player-programs -j "$jobs"
   rm -rf "build/$preset/packages"
   cpack --config "build/$preset/CPackConfig.cmake" -B "build/$preset/packages" >/dev/null
   find "build/$preset/packages" -maxdepth 1 -type f \( -name '*.zip' -o -name '*.deb' -o -name '*.tar.gz' \) \

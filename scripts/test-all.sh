@@ -31,7 +31,7 @@ stage() {
   stage_names+=("$name")
   stage_seconds+=($((SECONDS - started)))
   stage_cpu+=($(($(cpu_seconds) - cpu_started)))
-  echo "== $name: $((SECONDS - started)) s$([ $rc -eq 0 ] || echo ", FAILED")"
+  echo "== $name: $((SECONDS - started)) s, cpu ${stage_cpu[-1]} s$([ $rc -eq 0 ] || echo ", FAILED")"
   if [ $rc -ne 0 ]; then
     status=1
     if [ "$kind" = fatal ]; then summary; exit 1; fi
