@@ -245,16 +245,18 @@ void Server::accept_loop(zq::Socket listening) {
 
 void Server::connection_thread(zq::Socket s) {
     std::string buffer;  // grows with what arrives, never with what a header announces
-    char block[8192];
+    // Large blocks, because every receive costs a wait beside it (a round trip to the
+    // wineserver under Wine) and a head may be a megabyte.
+    std::vector<char> block(65536);
     bool keep_alive = true;
     bool first = true;
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
     // passed, or the server is stopping.
     auto receive = [&](double deadline) {
         if (!wait_for(s, deadline)) return false;
-        int n = zq::recv_some(s, block, sizeof block);
+        int n = zq::recv_some(s, block.data(), static_cast<int>(block.size()));
         if (n < 1) return false;
-        buffer.append(block, static_cast<std::size_t>(n));
+        buffer.append(block.data(), static_cast<std::size_t>(n));
         return true;
     };
     auto seconds_from_now = [](int ms) { return zq::steady_seconds() + ms / 1000.0; };

@@ -1,7 +1,7 @@
 #pragma once
 // A plain TCP client that speaks HTTP by hand, so tests control every byte that goes out and see
-// every byte that comes back. Each read waits at most a few seconds, so a fault fails the test
-// instead of hanging it.
+// every byte that comes back. Each read waits at most 15 seconds (a loaded machine under Wine
+// is slow), so that a fault fails the test instead of hanging it.
 
 #include <string>
 
@@ -65,7 +65,7 @@ public:
 private:
     bool receive() {
         std::vector<bool> ready;
-        if (zq::wait_readable({s_}, 5000, ready) < 1) return false;
+        if (zq::wait_readable({s_}, 15000, ready) < 1) return false;
         char block[4096];
         int n = zq::recv_some(s_, block, sizeof block);
         if (n < 1) {
