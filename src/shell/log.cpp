@@ -73,6 +73,11 @@ bool log_limited(const std::string& cause, const std::string& text) {
     return true;
 }
 
+void reset_log_limits() {
+    std::lock_guard<std::mutex> guard(limit_lock);
+    limit_windows.clear();
+}
+
 void open_log_file(const std::filesystem::path& path) {
     std::lock_guard<std::mutex> guard(log_lock);
     std::string text = path_utf8(path);

@@ -17,6 +17,10 @@ void log_line(const std::string& text);
 // Returns whether the line was written.
 bool log_limited(const std::string& cause, const std::string& text);
 
+// Forgets every cause's window, so that the next lines of each are written; for tests that
+// flood one cause and share the process with others that read its lines.
+void reset_log_limits();
+
 // Turns an existing log over to "<stem>.prev.log" and opens a fresh one. A path that cannot be
 // opened leaves the log on the console only.
 void open_log_file(const std::filesystem::path& path);

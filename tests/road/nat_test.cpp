@@ -27,7 +27,9 @@ using testing_support::NetworkLab;
 using testing_support::Process;
 using testing_support::TempDir;
 
-enum class NatKind { EndpointIndependent, AddressDependent };
+// A full cone also lets anyone in at the gateway's mapped port, as a router with that port
+// forwarded to the home does.
+enum class NatKind { EndpointIndependent, AddressDependent, FullCone };
 
 constexpr const char* kService = "203.0.113.10";
 constexpr const char* kCoturn = "203.0.113.10";
@@ -53,9 +55,18 @@ const Home kHomes[2] = {
 // guess. Either way the router lets in only answers to what went out. Unasked traffic is dropped
 // before it leaves a connection-tracking entry behind: an early punch that reached the router
 // itself would otherwise hold the outside port and push the home's own mapping to another one.
-std::string ruleset(NatKind kind) {
+std::string ruleset(NatKind kind, const Home& home) {
+    const std::string forward =
+        kind == NatKind::FullCone
+            ? zq::format_text("  chain prerouting {\n"
+                              "    type nat hook prerouting priority dstnat; policy accept;\n"
+                              "    iifname \"wan\" udp dport 40000 dnat to %s:40000\n"
+                              "  }\n",
+                              home.address)
+            : std::string();
     return zq::format_text(
         "table ip nat {\n"
+        "%s"
         "  chain postrouting {\n"
         "    type nat hook postrouting priority srcnat; policy accept;\n"
         "    oifname \"wan\" masquerade%s\n"
@@ -67,7 +78,7 @@ std::string ruleset(NatKind kind) {
         "    iifname \"wan\" ct state new drop\n"
         "  }\n"
         "}\n",
-        kind == NatKind::AddressDependent ? " fully-random" : "");
+        forward.c_str(), kind == NatKind::AddressDependent ? " fully-random" : "");
 }
 
 class Nat : public ::testing::Test {
@@ -87,12 +98,13 @@ protected:
             if (*p) EXPECT_EQ((*p)->wait(10.0), 0) << (*p)->output();
     }
 
-    void build(NatKind kind) {
+    void build(NatKind kind_a, NatKind kind_b) {
         const std::string forward = "echo 1 > /proc/sys/net/ipv4/ip_forward";
         bool ok = lab.add("inet") && lab.ip("inet", {"addr", "add", std::string(kService) + "/32", "dev", "lo"}) &&
                   lab.exec("inet", "sh", {"-c", forward});
-        testing_support::write_file(dir.path() / "nat.nft", ruleset(kind));
         for (const Home& h : kHomes) {
+            const std::filesystem::path rules = dir.path() / (std::string(h.name) + ".nft");
+            testing_support::write_file(rules, ruleset(&h == &kHomes[0] ? kind_a : kind_b, h));
             ok = ok && lab.add(h.router) && lab.add(h.name) &&
                  lab.ip("inet", {"link", "add", h.inet_if, "type", "veth", "peer", "name", "wan", "netns",
                                  lab.full_name(h.router)}) &&
@@ -107,10 +119,11 @@ protected:
                  lab.ip(h.router, {"route", "add", "default", "via", h.uplink}) &&
                  lab.ip(h.name, {"route", "add", "default", "via", h.inside}) &&
                  lab.exec(h.router, "sh", {"-c", forward}) &&
-                 lab.exec(h.router, "nft", {"-f", (dir.path() / "nat.nft").string()});
+                 lab.exec(h.router, "nft", {"-f", rules.string()});
         }
         ASSERT_TRUE(ok) << lab.error();
     }
+    void build(NatKind kind) { build(kind, kind); }
 
     std::unique_ptr<Process> start_in(const std::string& ns, const std::filesystem::path& program,
                                       const std::vector<std::string>& args, const std::filesystem::path& where) {
@@ -296,6 +309,18 @@ TEST_F(Nat, SarnlinkCheckFindsTheRelayLikelyNeededBehindASymmetricNat) {
     EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
     coturn->interrupt();
     coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+}
+
+// Bramwell's router gives each destination a port of its own, so his punches reach ashling from
+// a port that nobody was told of. Her gateway learns it from the punch and answers there, and
+// the two meet without the relay.
+TEST_F(Nat, APeerBehindAnAddressDependentNatIsLearnedFromItsPunch) {
+    build(NatKind::FullCone, NatKind::AddressDependent);
+    ASSERT_NO_FATAL_FAILURE(start_standin(false));
+    ASSERT_NO_FATAL_FAILURE(start_bridges());
+    ASSERT_NO_FATAL_FAILURE(play());
+    EXPECT_TRUE(logged(0, "p2p: member 2 (bramwell) also at 198.51.100.130:")) << bridges[0]->output();
+    EXPECT_EQ(relayed_frames(), 0);
 }
 
 }  // namespace
