@@ -7,12 +7,6 @@
 #include <string>
 #include <vector>
 
-#if !defined(_WIN32)
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-#endif
-
 #include "bridge/bridge.h"
 #include "shell/platform.h"
 #include "support/bridge_config.h"
@@ -97,31 +91,17 @@ TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
 // With no file handle left, accept fails; the listener rests and comes back once handles are
 // free, and the connection that waited in the queue is served.
 TEST_F(CommandPortLoad, ListenerComesBackAfterRunningOutOfFileHandles) {
-#if defined(_WIN32)
-    GTEST_SKIP() << "the file handle limit is a POSIX resource limit (RLIMIT_NOFILE)";
-#else
-    if (testing_support::running_under_wine()) GTEST_SKIP() << "no POSIX file handle limit under Wine";
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    int open_now = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) (void)entry, ++open_now;
-    rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(open_now + 64);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    // Every handle but one is taken; the client's socket takes the last, so accept finds none.
-    std::vector<int> taken;
-    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) taken.push_back(fd);
-    ::close(taken.back());
-    taken.pop_back();
+    if (!testing_support::posix_files())
+        GTEST_SKIP() << "the file handle limit is a POSIX resource limit (RLIMIT_NOFILE); Windows has none to lower";
     LogCapture log;
+    // Every handle but one is taken; the client's socket takes the last, so accept finds none.
+    ASSERT_TRUE(testing_support::take_file_handles(1));
     FakeGame waiting;
     bool connected = waiting.connect(bridge->bound_tcp_port());
     bool accept_failed = connected && wait_until([&] { return log.contains("tcp: accept failed"); }, 10.0);
-    for (int fd : taken) ::close(fd);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    testing_support::give_back_file_handles();
     ASSERT_TRUE(connected);
     ASSERT_TRUE(accept_failed);
     EXPECT_TRUE(waiting.read_bytes(19, 10.0));
     EXPECT_TRUE(port_answers());
-#endif
 }
