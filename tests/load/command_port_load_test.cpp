@@ -48,6 +48,9 @@ protected:
 // 500 connections that never say a word: a bounded number is served, the others are closed at
 // once, threads and memory stay bounded, and once they are gone the game is served again.
 TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
+    if (testing_support::running_under_wine())
+        GTEST_SKIP() << "under Wine each connection takes long enough that the first ones meet their first-frame "
+                        "deadline while the test still opens the rest, so the served ones cannot be counted";
     const auto before = zq::process_usage();
     std::vector<std::unique_ptr<FakeGame>> idle;
     // One at a time, each greeted or closed before the next: the listener's queue holds only 8.
@@ -72,16 +75,18 @@ TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
 // Twenty headers that each announce an 8 MiB body that never comes cost next to nothing.
 TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
     if (testing_support::sanitizer_build()) GTEST_SKIP() << "a sanitizer's shadow memory hides what the bridge holds";
-    const std::uint64_t before = zq::process_usage().memory_bytes;
-    if (before == 0) GTEST_SKIP() << "this system does not tell the process's memory";
+    // The connections and their threads come first, so that only what the headers cost is measured.
     std::vector<std::unique_ptr<FakeGame>> liars;
-    std::string header(15, '\0');
-    header[3] = 0x00, header[4] = 0x00, header[5] = static_cast<char>(0x80), header[6] = 0x00;  // 0x800000
     for (int i = 0; i < 20; ++i) {
         liars.push_back(std::make_unique<FakeGame>());
         ASSERT_TRUE(liars.back()->connect_and_greet(bridge->bound_tcp_port()));
-        ASSERT_TRUE(liars.back()->send_raw(header + "x"));
+        ASSERT_TRUE(liars.back()->request(104, 1, ""));
     }
+    const std::uint64_t before = zq::process_usage().memory_bytes;
+    if (before == 0) GTEST_SKIP() << "this system does not tell the process's memory";
+    std::string header(15, '\0');
+    header[3] = 0x00, header[4] = 0x00, header[5] = static_cast<char>(0x80), header[6] = 0x00;  // 0x800000
+    for (auto& liar : liars) ASSERT_TRUE(liar->send_raw(header + "x"));
     // Waits out the time in which the bodies would have been reserved: growth must never come.
     EXPECT_FALSE(wait_until([&] { return zq::process_usage().memory_bytes > before + 8u * 1024 * 1024; }, 1.0))
         << (zq::process_usage().memory_bytes - before) / 1024 << " KiB more";
