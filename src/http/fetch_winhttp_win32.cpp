@@ -167,12 +167,16 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 
     DWORD never = 0;  // the caller sees a 3xx itself
     WinHttpSetOption(req.h, option_redirect_policy, &never, sizeof never);
-    int timeout = static_cast<int>(request.timeout_ms);
+    // No phase may outlast the whole call: where closing the handle from the watchdog does not
+    // end a wait, this still does.
+    std::uint32_t phase_ms = request.timeout_ms;
+    if (request.deadline_ms != 0 && request.deadline_ms < phase_ms) phase_ms = request.deadline_ms;
+    int timeout = static_cast<int>(phase_ms);
     WinHttpSetTimeouts(req.h, timeout, timeout, timeout, timeout);
     // The wait for the response head has its own limit (90 s by default). Where the receive
     // time-out above governs each read it changes nothing; where an implementation applies only
     // this one to the head, it keeps the wait at timeout_ms as well.
-    DWORD head_wait = request.timeout_ms;
+    DWORD head_wait = phase_ms;
     WinHttpSetOption(req.h, option_receive_response_timeout, &head_wait, sizeof head_wait);
     if (!request.headers.empty()) {
         std::string lines;

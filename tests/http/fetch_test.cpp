@@ -252,7 +252,7 @@ TEST(HttpFetch, CancelAndDeadlineEndACallUnderWay) {
     ASSERT_TRUE(holding.start());
     holding.answer("/held", testing_support::ScriptedAnswer::delayed(30.0, nlohmann::json::object()));
     testing_support::TrickleServer trickling;
-    for (const std::string url : {holding.base_url() + "/held", trickling.base_url() + "/trickle"}) {
+    for (const std::string url : {trickling.base_url() + "/trickle", holding.base_url() + "/held"}) {
         SCOPED_TRACE(url);
         http::ClientRequest request;
         request.url = url;
@@ -262,6 +262,9 @@ TEST(HttpFetch, CancelAndDeadlineEndACallUnderWay) {
         EXPECT_EQ(http::fetch(request).error, "deadline passed");
         EXPECT_LT(zq::steady_seconds() - began, 3.0);
 
+        if (url.ends_with("/held") && testing_support::running_under_wine())
+            GTEST_SKIP() << "Wine's WinHTTP does not end a synchronous wait for the response head when another "
+                            "thread closes the request handle";
         auto flag = std::make_shared<http::CancelFlag>();
         request.deadline_ms = 0;
         request.cancel = flag;

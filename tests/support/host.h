@@ -26,6 +26,14 @@ constexpr bool sanitizer_build() {
 #endif
 }
 
+// Where file modes and the per-process file handle limit exist (POSIX, not Windows).
+bool posix_files();
+
+// Takes every file handle of this process but `spare`, lowering its limit first; false where
+// there is no such limit. give_back_file_handles() undoes it.
+bool take_file_handles(int spare);
+void give_back_file_handles();
+
 // The full path of a program found on PATH, or an empty path.
 std::filesystem::path find_program(const std::string& name);
 

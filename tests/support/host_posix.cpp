@@ -1,5 +1,9 @@
 #include <cstdlib>
 #include <sstream>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -13,6 +17,34 @@
 namespace testing_support {
 
 bool running_under_wine() { return false; }
+
+bool posix_files() { return true; }
+
+namespace {
+rlimit saved_limit{};
+std::vector<int> taken_handles;
+}  // namespace
+
+bool take_file_handles(int spare) {
+    if (getrlimit(RLIMIT_NOFILE, &saved_limit) != 0) return false;
+    int open_now = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) (void)entry, ++open_now;
+    rlimit tight = saved_limit;
+    tight.rlim_cur = static_cast<rlim_t>(open_now + 64);
+    if (setrlimit(RLIMIT_NOFILE, &tight) != 0) return false;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) taken_handles.push_back(fd);
+    for (int i = 0; i < spare && !taken_handles.empty(); ++i) {
+        ::close(taken_handles.back());
+        taken_handles.pop_back();
+    }
+    return true;
+}
+
+void give_back_file_handles() {
+    for (int fd : taken_handles) ::close(fd);
+    taken_handles.clear();
+    setrlimit(RLIMIT_NOFILE, &saved_limit);
+}
 
 std::filesystem::path find_program(const std::string& name) {
     const char* path = std::getenv("PATH");

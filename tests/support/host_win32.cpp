@@ -10,6 +10,11 @@ bool running_under_wine() {
     return ntdll && GetProcAddress(ntdll, "wine_get_version") != nullptr;
 }
 
+bool posix_files() { return false; }
+
+bool take_file_handles(int) { return false; }
+void give_back_file_handles() {}
+
 std::filesystem::path find_program(const std::string& name) {
     wchar_t found[MAX_PATH] = {};
     std::wstring wide(name.begin(), name.end());
