@@ -42,7 +42,9 @@ std::filesystem::path corrupt_state_backup_path(const std::filesystem::path& pat
     base.replace_extension();
     for (int n = 1;; ++n) {
         std::filesystem::path candidate = base;
-        candidate += utf8_path(std::string(".corrupt-") + stamp + (n > 1 ? "-" + std::to_string(n) : "") + ".json");
+        std::string name = std::string(".corrupt-") + stamp;
+        if (n > 1) name += '-' + std::to_string(n);
+        candidate += utf8_path(name + ".json");
         std::error_code ignored;
         if (!std::filesystem::exists(candidate, ignored)) return candidate;
     }

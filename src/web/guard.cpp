@@ -9,6 +9,24 @@ namespace zq::web {
 
 namespace {
 
+bool same_name(std::string_view a, std::string_view b) { return !a.empty() && http::iequals(a, b); }
+
+// The name of a Host value without its port and a final dot; false for a port that is not a
+// number or a bracketed address, which has a name of its own only as [::1].
+bool host_name(std::string_view host, std::string_view& name) {
+    name = host;
+    if (std::size_t colon = name.rfind(':'); colon != std::string_view::npos && !name.starts_with('[')) {
+        std::string_view port = name.substr(colon + 1);
+        if (port.empty() || port.find_first_not_of("0123456789") != std::string_view::npos) return false;
+        name = name.substr(0, colon);
+    }
+    // "localhost." is the same name as "localhost".
+    if (name.ends_with('.')) name.remove_suffix(1);
+    return !name.empty();
+}
+
+}  // namespace
+
 bool is_loopback_ipv4(std::string_view text) {
     int parts = 0;
     int first = -1;
@@ -31,23 +49,25 @@ bool is_loopback_ipv4(std::string_view text) {
     return parts == 4 && first == 127;
 }
 
-bool same_name(std::string_view a, std::string_view b) { return !a.empty() && http::iequals(a, b); }
-
-}  // namespace
+bool loopback_host(std::string_view host) {
+    if (host.starts_with('[')) {
+        std::size_t close = host.find(']');
+        if (close == std::string_view::npos) return false;
+        std::string_view rest = host.substr(close + 1);
+        if (!rest.empty() && (!rest.starts_with(':') || rest.size() == 1 ||
+                              rest.find_first_not_of("0123456789", 1) != std::string_view::npos))
+            return false;
+        return http::iequals(host.substr(1, close - 1), "::1");
+    }
+    std::string_view name;
+    return host_name(host, name) && (is_loopback_ipv4(name) || same_name(name, "localhost"));
+}
 
 bool allowed_host(std::string_view host, const std::string& bind_host) {
-    std::string_view name = host;
-    if (name.starts_with('[')) {
-        std::size_t close = name.find(']');
-        if (close == std::string_view::npos) return false;
-        std::string_view rest = name.substr(close + 1);
-        if (!rest.empty() && !rest.starts_with(':')) return false;
-        return http::iequals(name.substr(1, close - 1), "::1");
-    }
-    if (std::size_t colon = name.find(':'); colon != std::string_view::npos) name = name.substr(0, colon);
-    // "localhost." is the same name as "localhost".
-    if (name.ends_with('.')) name.remove_suffix(1);
-    if (is_loopback_ipv4(name) || same_name(name, "localhost") || same_name(name, bind_host)) return true;
+    if (loopback_host(host)) return true;
+    std::string_view name;
+    if (host.starts_with('[') || !host_name(host, name)) return false;
+    if (same_name(name, bind_host)) return true;
     for (const char* deployment : {kServiceHost, kRetailHost, kPlayLogTestHost, kPlayLogHost, kOakmeshHost})
         if (same_name(name, deployment)) return true;
     return false;

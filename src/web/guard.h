@@ -19,6 +19,13 @@ namespace zq::web {
 //                   deployment's hosts (a rebound name). A request without Host passes.
 std::string foreign_caller(const http::ServerRequest& request, const std::string& bind_host);
 
+// Whether a dotted IPv4 text lies in 127.0.0.0/8.
+bool is_loopback_ipv4(std::string_view text);
+
+// Whether a Host value (name or address, with or without a port) names this PC: an address in
+// 127.0.0.0/8, localhost or [::1]. A port that is not a number fails.
+bool loopback_host(std::string_view host);
+
 // Whether a Host value (name or address, with or without a port) is one the game may use.
 bool allowed_host(std::string_view host, const std::string& bind_host);
 

@@ -14,6 +14,7 @@
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "shell/version.h"
+#include "web/guard.h"
 
 namespace zq {
 
@@ -22,35 +23,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr std::string_view kRoot = "/sarnlink";
-
-// 127.0.0.0/8 as dotted text.
-bool loopback_address(std::string_view host) {
-    if (!host.starts_with("127.")) return false;
-    int dots = 0;
-    for (char c : host) {
-        if (c == '.') ++dots;
-        else if (c < '0' || c > '9') return false;
-    }
-    return dots == 3;
-}
-
-// A Host value (name, optional port) that names this PC.
-bool loopback_host(std::string_view value) {
-    std::string_view name = value;
-    if (name.starts_with("[")) {
-        std::size_t close = name.find(']');
-        if (close == std::string_view::npos) return false;
-        std::string_view rest = name.substr(close + 1);
-        if (!rest.empty() && !rest.starts_with(":")) return false;
-        return name.substr(0, close + 1) == "[::1]";
-    }
-    if (std::size_t colon = name.find(':'); colon != std::string_view::npos) {
-        std::string_view port = name.substr(colon + 1);
-        if (port.empty() || port.find_first_not_of("0123456789") != std::string_view::npos) return false;
-        name = name.substr(0, colon);
-    }
-    return http::iequals(name, "localhost") || loopback_address(name);
-}
 
 Json endpoint_text(const Endpoint& endpoint) {
     if (!endpoint.usable()) return nullptr;
@@ -124,15 +96,15 @@ bool is_status_page_path(std::string_view path) {
 }
 
 bool status_page_caller_allowed(const http::ServerRequest& request) {
-    if (!loopback_address(request.peer.host)) return false;
-    if (!loopback_host(http::find_header(request.headers, "Host"))) return false;
+    if (!web::is_loopback_ipv4(request.peer.host)) return false;
+    if (!web::loopback_host(http::find_header(request.headers, "Host"))) return false;
     // A page of another site may send a request here but must never read the answer.
     std::string site = http::find_header(request.headers, "Sec-Fetch-Site");
     if (!site.empty() && site != "same-origin" && site != "none") return false;
     std::string origin = http::find_header(request.headers, "Origin");
     if (origin.empty()) return true;
     if (!origin.starts_with("http://")) return false;
-    return loopback_host(std::string_view(origin).substr(7));
+    return web::loopback_host(std::string_view(origin).substr(7));
 }
 
 Json status_snapshot(Bridge& bridge, double now) {
