@@ -250,6 +250,8 @@ void Server::connection_thread(zq::Socket s) {
     std::vector<char> block(65536);
     bool keep_alive = true;
     bool first = true;
+    zq::Endpoint peer;  // who connected, the same for every request on the connection
+    if (zq::SockAddr from; zq::peer_address(s, &from)) peer = zq::from_sockaddr(from);
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
     // passed, or the server is stopping.
     auto receive = [&](double deadline) {
@@ -320,7 +322,7 @@ void Server::connection_thread(zq::Socket s) {
         request.headers = std::move(head.headers);
         request.body = buffer.substr(0, static_cast<std::size_t>(length.bytes));
         request.cancel = cancel_;
-        if (zq::SockAddr from; zq::peer_address(s, &from)) request.peer = zq::from_sockaddr(from);
+        request.peer = peer;
         buffer.erase(0, static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")
