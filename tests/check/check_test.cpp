@@ -121,10 +121,11 @@ TEST(CheckStun, AServerWithASecondAddressTellsWhetherTheMappingDependsOnTheDesti
     testing_support::TempDir dir;
     const int port = testing_support::free_port(false);
     const int alt = testing_support::free_port(false, port);
-    // Two loopback addresses give the server the second address that RFC 5780 needs.
+    // Two loopback addresses give the server the second address that RFC 5780 needs. UDP only:
+    // the ports were picked free for UDP, and a TCP listener on them could meet another test's.
     testing_support::Process turn(coturn,
-                                  {"-S", "-n", "--no-cli", "-L", "127.0.0.1", "-L", "127.0.0.2", "--listening-port",
-                                   std::to_string(port), "--alt-listening-port", std::to_string(alt), "--log-file",
+                                  {"-S", "-n", "--no-cli", "--no-tcp", "--no-tls", "--no-dtls", "-L", "127.0.0.1", "-L",
+                                   "127.0.0.2", "--listening-port", std::to_string(port), "--alt-listening-port", std::to_string(alt), "--log-file",
                                    "stdout", "--simple-log", "--pidfile", (dir.path() / "turn.pid").string(),
                                    "--userdb", (dir.path() / "turndb").string()},
                                   dir.path());
