@@ -20,10 +20,6 @@ bool is_regular(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::filesystem::path path_from_utf8(const std::string& text) {
-    return std::filesystem::path(std::u8string(text.begin(), text.end()));
-}
-
 std::string path_to_utf8(const std::filesystem::path& path) {
     std::u8string text = path.u8string();
     return std::string(text.begin(), text.end());
@@ -48,7 +44,7 @@ Launcher::Launcher(std::filesystem::path program_folder_in, std::filesystem::pat
     auto appdata = get_env("APPDATA");
     if (!appdata || appdata->empty() || utf8_to_wide(*appdata).size() >= kAppDataLimit)
         throw SetupError("APPDATA is not set");
-    const std::filesystem::path roaming = path_from_utf8(*appdata);
+    const std::filesystem::path roaming = utf8_path(*appdata);
 
     // The plain launcher wins over the co-op one when a machine has both.
     for (const char* folder : {"orlond-launcher", "orlond-launcher-coop"}) {
@@ -65,7 +61,7 @@ Launcher::Launcher(std::filesystem::path program_folder_in, std::filesystem::pat
     if (!settings.is_object()) throw SetupError("the orlond launcher's settings.json cannot be read");
 
     // The launcher's game_dir names the game's executable, so its parent is the folder.
-    const std::filesystem::path launcher_game = path_from_utf8(json_text(settings, "game_dir", "")).parent_path();
+    const std::filesystem::path launcher_game = utf8_path(json_text(settings, "game_dir", "")).parent_path();
     const std::pair<std::filesystem::path, std::uint32_t> candidates[] = {
         {folder_argument, FoundByArgument},
         {program_folder.parent_path(), FoundBesideProgram},
@@ -83,9 +79,9 @@ Launcher::Launcher(std::filesystem::path program_folder_in, std::filesystem::pat
         throw SetupError("orlond folder not found - choose the folder with Duskhallow.exe.");
 
     std::string user = json_text(settings, "user_dir", "");
-    user_dir = user.empty() ? game_folder / "user" : path_from_utf8(user);
+    user_dir = user.empty() ? game_folder / "user" : utf8_path(user);
     std::string patches = json_text(settings, "patches_dir", "");
-    patches_dir = patches.empty() ? game_folder / "patches" : path_from_utf8(patches);
+    patches_dir = patches.empty() ? game_folder / "patches" : utf8_path(patches);
 }
 
 }  // namespace zq

@@ -115,7 +115,7 @@ int route_status(const Launcher& launcher) {
 int run_route(const Config&, const std::wstring& value, const std::wstring& game_dir) {
     try {
         const std::filesystem::path program_folder = own_executable_path().parent_path();
-        Launcher launcher(program_folder, path_from_utf8(wide_to_utf8(game_dir)));
+        Launcher launcher(program_folder, wide_path(game_dir));
         // Anything but "on" routes off: a misspelt value must never leave the launcher routed.
         if (value == L"on")
             route_on(launcher);
