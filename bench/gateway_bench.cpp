@@ -6,6 +6,10 @@
 //   - round trip of a 100-byte ping-pong, the other side answering from a thread of its own;
 //   - forwarding rate with a window of datagrams in flight;
 //   - loss at a paced 20000 datagrams/s.
+// On a busy machine the rate follows the CPU time that each datagram costs, so the forwarding
+// lines of the paths that run in this process also show that (user and system, all threads).
+
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cstdio>
@@ -77,6 +81,7 @@ std::string frame_of(std::size_t payload) { return std::string("\x0E\x4A\x0E\x4A
 struct Path {
     std::string name;
     Port a, b;
+    bool in_process = true;  // whether this process's CPU time covers the whole path
     zq::SockAddr a_to_b;  // where A sends to reach B; B answers to whatever address it hears A from
     double rtt_median_us = 0, rtt_p99_us = 0;
     double rate_small = 0, rate_large = 0;
@@ -108,9 +113,17 @@ void round_trip(Path& path) {
 
 // One thread keeps `window` datagrams in flight and takes them in at the far end, as the
 // earlier runs of this bench did; a datagram the loopback dropped is written off after 50 ms.
+double cpu_seconds() {
+    rusage r{};
+    getrusage(RUSAGE_SELF, &r);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    return seconds(r.ru_utime) + seconds(r.ru_stime);
+}
+
 double forwarding_rate(Path& path, std::size_t payload) {
     const std::string frame = frame_of(payload);
     std::uint64_t sent = 0, arrived = 0, lost = 0;
+    const double cpu_before = cpu_seconds();
     const double end = bench::now() + kSeconds;
     while (bench::now() < end) {
         while (sent - arrived - lost < static_cast<std::uint64_t>(kWindow)) {
@@ -120,9 +133,11 @@ double forwarding_rate(Path& path, std::size_t payload) {
         if (path.b.receive(50) >= 0) ++arrived;
         else lost = sent - arrived;
     }
+    const double cpu_us = arrived ? (cpu_seconds() - cpu_before) * 1e6 / static_cast<double>(arrived) : 0.0;
     bench::report(path.name + ": forwarding, " + std::to_string(payload) + "-byte payload, " +
                       std::to_string(kWindow) + " in flight (" + std::to_string(lost) + " lost)",
                   static_cast<double>(arrived) / kSeconds);
+    if (path.in_process) std::fprintf(stderr, "%-64s %10.1f us\n", "    CPU per datagram", cpu_us);
     return static_cast<double>(arrived) / kSeconds;
 }
 
@@ -220,6 +235,7 @@ int main() {
     if (std::ifstream("/usr/bin/socat").good()) {
         socat = std::make_unique<Path>();
         socat->name = "two socat relays";
+        socat->in_process = false;
         testing_support::TempDir dir;
         SocatChain chain(socat->b.address, dir);
         if (chain.up) {
