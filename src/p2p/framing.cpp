@@ -13,11 +13,6 @@ std::uint16_t be16(std::string_view s, std::size_t at) {
     return static_cast<std::uint16_t>(byte_at(s, at) << 8 | byte_at(s, at + 1));
 }
 
-void put_be16(std::string& out, std::uint16_t v) {
-    out.push_back(static_cast<char>(v >> 8));
-    out.push_back(static_cast<char>(v & 0xFF));
-}
-
 std::uint64_t le_at(std::string_view s, std::size_t at, int size) {
     std::uint64_t v = 0;
     for (int i = size - 1; i >= 0; --i) v = v << 8 | byte_at(s, at + static_cast<std::size_t>(i));
@@ -82,43 +77,69 @@ bool is_punch(std::string_view datagram) {
     return datagram.size() >= 5 && datagram.substr(0, 5) == kPunch.substr(0, 5);
 }
 
-int port_frame_to_peer(std::string_view frame, std::string& out) {
-    if (frame.size() < 4) return 0;
-    std::uint16_t source = be16(frame, 0);
-    std::uint16_t destination = be16(frame, 2);
-    std::string_view payload = frame.substr(4);
+int port_frame_to_peer_in_place(char* frame, std::size_t size, std::string_view& out) {
+    if (size < 4) return 0;
+    const std::string_view in(frame, size);
+    const std::uint16_t source = be16(in, 0);
+    const std::uint16_t destination = be16(in, 2);
     if (destination == kControlVirtualPort) {
-        out.assign(payload);
+        out = in.substr(4);
         return 2;
     }
-    out.clear();
-    out.push_back(static_cast<char>(kPeerFrameMarker));
+    // The payload stays at offset 4; the peer header ends there.
+    char* header;
     if (source < 256 && destination < 256) {
-        out.push_back(static_cast<char>(kNarrowFlags));
-        out.push_back(static_cast<char>(source));
-        out.push_back(static_cast<char>(destination));
+        header = frame;
+        header[1] = static_cast<char>(kNarrowFlags);
+        header[2] = static_cast<char>(source);
+        header[3] = static_cast<char>(destination);
     } else {
-        out.push_back(static_cast<char>(kWideFlags));
-        put_be16(out, source);
-        put_be16(out, destination);
+        header = frame - kPeerHeaderGrowth;
+        header[1] = static_cast<char>(kWideFlags);
+        header[2] = static_cast<char>(source >> 8);
+        header[3] = static_cast<char>(source & 0xFF);
+        header[4] = static_cast<char>(destination >> 8);
+        header[5] = static_cast<char>(destination & 0xFF);
     }
-    out.append(payload);
+    header[0] = static_cast<char>(kPeerFrameMarker);
+    out = std::string_view(header, static_cast<std::size_t>(frame + size - header));
     return 1;
 }
 
+bool peer_frame_to_port_in_place(char* frame, std::size_t size, std::string_view& out) {
+    const std::string_view in(frame, size);
+    if (size < 4 || byte_at(in, 0) != kPeerFrameMarker) return false;
+    const unsigned flags = byte_at(in, 1);
+    const std::size_t at = 2 + ((flags & kFlagSkipFour) ? 4 : 0);
+    const bool narrow = (flags & kFlagNarrowPorts) != 0;
+    const std::size_t end = at + (narrow ? 2 : 4);
+    if (size < end) return false;
+    const std::uint16_t source = narrow ? byte_at(in, at) : be16(in, at);
+    const std::uint16_t destination = narrow ? byte_at(in, at + 1) : be16(in, at + 2);
+    // The port header ends where the peer header ended: the payload does not move.
+    char* header = frame + end - 4;
+    header[0] = static_cast<char>(source >> 8);
+    header[1] = static_cast<char>(source & 0xFF);
+    header[2] = static_cast<char>(destination >> 8);
+    header[3] = static_cast<char>(destination & 0xFF);
+    out = std::string_view(header, size - end + 4);
+    return true;
+}
+
+int port_frame_to_peer(std::string_view frame, std::string& out) {
+    std::string buffer(kPeerHeaderGrowth, '\0');
+    buffer.append(frame);
+    std::string_view converted;
+    const int kind = port_frame_to_peer_in_place(buffer.data() + kPeerHeaderGrowth, frame.size(), converted);
+    if (kind != 0) out.assign(converted);
+    return kind;
+}
+
 bool peer_frame_to_port(std::string_view frame, std::string& out) {
-    if (frame.size() < 4 || byte_at(frame, 0) != kPeerFrameMarker) return false;
-    unsigned flags = byte_at(frame, 1);
-    std::size_t at = 2 + ((flags & kFlagSkipFour) ? 4 : 0);
-    bool narrow = (flags & kFlagNarrowPorts) != 0;
-    std::size_t ports = narrow ? 2 : 4;
-    if (frame.size() < at + ports) return false;
-    std::uint16_t source = narrow ? byte_at(frame, at) : be16(frame, at);
-    std::uint16_t destination = narrow ? byte_at(frame, at + 1) : be16(frame, at + 2);
-    out.clear();
-    put_be16(out, source);
-    put_be16(out, destination);
-    out.append(frame.substr(at + ports));
+    std::string buffer(frame);
+    std::string_view converted;
+    if (!peer_frame_to_port_in_place(buffer.data(), buffer.size(), converted)) return false;
+    out.assign(converted);
     return true;
 }
 

@@ -79,6 +79,15 @@ int port_frame_to_peer(std::string_view frame, std::string& out);
 // False unless at least 4 bytes, byte 0 is FF and the ports fit; else out = port frame.
 bool peer_frame_to_port(std::string_view frame, std::string& out);
 
+// The same two conversions in place, for the data path: the payload stays where it was received
+// and only the header is rewritten, so no datagram is copied. out is a view into the same buffer.
+// A wide peer header is two bytes longer than the port header: port_frame_to_peer_in_place needs
+// kPeerHeaderGrowth writable bytes before the frame. A port header is never longer than a peer
+// header, so the way back needs none.
+inline constexpr std::size_t kPeerHeaderGrowth = 2;
+int port_frame_to_peer_in_place(char* frame, std::size_t size, std::string_view& out);
+bool peer_frame_to_port_in_place(char* frame, std::size_t size, std::string_view& out);
+
 std::string wrap_for_port(std::string_view control_payload);
 
 // Zero or one control payloads to send back; learns kind 33 fields into the record.

@@ -1,10 +1,16 @@
 #include "p2p/gateway.h"
 
-#include <condition_variable>
-
 #include "shell/log.h"
 
 namespace zq::p2p {
+
+namespace {
+
+// A queue deep enough to ride out a burst while the thread is not running (about 50 ms of a
+// fast game on a busy machine), without the system's small default.
+constexpr int kReceiveBuffer = 1 << 20;
+
+}  // namespace
 
 Socket bind_udp(const std::string& host, int port, Endpoint& bound) {
     Socket s = open_udp_socket();
@@ -14,6 +20,7 @@ Socket bind_udp(const std::string& host, int port, Endpoint& bound) {
         return invalid_socket;
     }
     disable_udp_connreset(s);
+    set_receive_buffer(s, kReceiveBuffer);
     SockAddr address;
     if (local_address(s, &address)) bound = from_sockaddr(address);
     return s;
@@ -35,9 +42,18 @@ Gateway::Gateway(std::int32_t port, std::optional<Endpoint> stun_server, std::st
     : port(port),
       stun_server(std::move(stun_server)),
       lan_host(std::move(lan_host)),
-      on_mapped_change(std::move(on_mapped_change)) {}
+      on_mapped_change(std::move(on_mapped_change)) {
+    // Made here and closed only by the destructor, so that any thread may wake port_thread at
+    // any time. Without it port_thread falls back to looking at the links every 100 ms.
+    network_init();
+    wake_address = Endpoint{"127.0.0.1", 0};
+    wake_socket = bind_udp("127.0.0.1", 0, wake_address);
+}
 
-Gateway::~Gateway() { stop(); }
+Gateway::~Gateway() {
+    stop();
+    close_socket(wake_socket);
+}
 
 bool Gateway::start(std::string* error) {
     network_init();
@@ -66,9 +82,15 @@ bool Gateway::start(std::string* error) {
     threads.emplace_back([this, report_in] { report_in(); peer_thread(); });
     threads.emplace_back([this, report_in] { report_in(); port_thread(); });
     threads.emplace_back([this, report_in] { report_in(); timer_thread(); });
+    // Without a STUN server there is nothing to resolve and no address to tell.
+    const int count = stun_server ? 5 : 3;
+    if (stun_server) {
+        threads.emplace_back([this, report_in] { report_in(); stun_thread(); });
+        threads.emplace_back([this, report_in] { report_in(); report_thread(); });
+    }
     {
         std::unique_lock<std::mutex> guard(ready_lock);
-        ready_signal.wait(guard, [&] { return started == 3; });
+        ready_signal.wait(guard, [&] { return started == count; });
     }
     log_line(format_text("p2p: gateway on udp :%d (velmar framing)", bound.port));
     return true;
@@ -86,6 +108,17 @@ void Gateway::stop() {
         }
         shutdown_socket(public_socket);
     }
+    wake_port_thread();
+    // Taking each lock before the notification means that a thread about to wait has either
+    // seen stopping already or is waiting and gets the wake-up.
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        timer_signal.notify_all();
+    }
+    {
+        std::lock_guard<std::mutex> guard(stun_lock);
+        stun_signal.notify_all();
+    }
     for (auto& t : threads) t.join();
     threads.clear();
     close_socket(public_socket);
@@ -93,6 +126,11 @@ void Gateway::stop() {
     std::lock_guard<std::mutex> guard(mutex);
     for (auto& [id, link] : links) link->close_socket_locked();
     links.clear();
+    routes_changed_locked();
+}
+
+void Gateway::wake_port_thread() {
+    if (wake_socket != invalid_socket) send_to(wake_socket, "", 0, to_sockaddr(wake_address));
 }
 
 Endpoint Gateway::add_member(std::int32_t member_id, const std::string& online_id, const Endpoint& endpoint,
@@ -100,8 +138,10 @@ Endpoint Gateway::add_member(std::int32_t member_id, const std::string& online_i
                              std::int32_t port_member_id, std::uint64_t room_id,
                              const std::optional<Endpoint>& port_endpoint) {
     std::shared_ptr<Link> link;
+    Endpoint port_sees;
     {
         std::lock_guard<std::mutex> guard(mutex);
+        routes_changed_locked();
         // Re-key: a provisional link for this person moves to the real id and keeps its socket,
         // so the port keeps the address it already has for him.
         if (!online_id.empty()) {
@@ -128,34 +168,40 @@ Endpoint Gateway::add_member(std::int32_t member_id, const std::string& online_i
             if (port_endpoint && !l.port_address) l.port_address = port_endpoint;
             if (port_member_id != 0) l.hello.port_member = static_cast<std::uint32_t>(port_member_id);
             if (room_id != 0) l.hello.room_id = room_id;
-            return l.port_sees;
+            port_sees = l.port_sees;
+        } else {
+            if (it != links.end()) {
+                it->second->close_socket_locked();
+                links.erase(it);
+            }
+            link = std::make_shared<Link>();
+            link->member_id = member_id;
+            link->online_id = online_id;
+            link->endpoint = endpoint;
+            link->local_endpoint = local_endpoint;
+            link->port_address = port_endpoint;
+            link->hello.peer_name = fixed16(online_id);
+            link->hello.port_name = fixed16(port_online_id);
+            link->hello.peer_member = member_id < 0 ? 0u : static_cast<std::uint32_t>(member_id);
+            link->hello.port_member = static_cast<std::uint32_t>(port_member_id);
+            link->hello.room_id = room_id;
+            link->hello.hello_token = link->hello.peer_member + 0x4242;
+            link->created = steady_seconds();
+            Endpoint bound{"127.0.0.1", 0};
+            link->socket = bind_udp("127.0.0.1", 0, bound);
+            link->port_sees = Endpoint{"127.0.0.1", link->socket == invalid_socket ? 0 : bound.port};
+            links[member_id] = link;
+            port_sees = link->port_sees;
         }
-        if (it != links.end()) {
-            it->second->close_socket_locked();
-            links.erase(it);
-        }
-
-        link = std::make_shared<Link>();
-        link->member_id = member_id;
-        link->online_id = online_id;
-        link->endpoint = endpoint;
-        link->local_endpoint = local_endpoint;
-        link->port_address = port_endpoint;
-        link->hello.peer_name = fixed16(online_id);
-        link->hello.port_name = fixed16(port_online_id);
-        link->hello.peer_member = member_id < 0 ? 0u : static_cast<std::uint32_t>(member_id);
-        link->hello.port_member = static_cast<std::uint32_t>(port_member_id);
-        link->hello.room_id = room_id;
-        link->hello.hello_token = link->hello.peer_member + 0x4242;
-        link->created = steady_seconds();
-        Endpoint bound{"127.0.0.1", 0};
-        link->socket = bind_udp("127.0.0.1", 0, bound);
-        link->port_sees = Endpoint{"127.0.0.1", link->socket == invalid_socket ? 0 : bound.port};
-        links[member_id] = link;
+        // A new link is due for punches and hellos.
+        timer_signal.notify_all();
     }
+    // The set of link sockets may have changed either way (a re-key can close one).
+    wake_port_thread();
+    if (!link) return port_sees;
     log_line(format_text("p2p: member %d (%s) at %s -> port sees 127.0.0.1:%d", member_id, online_id.c_str(),
-                         endpoint.usable() ? endpoint.text().c_str() : "?:0", link->port_sees.port));
-    return link->port_sees;
+                         endpoint.usable() ? endpoint.text().c_str() : "?:0", port_sees.port));
+    return port_sees;
 }
 
 void Gateway::remove_member(std::int32_t member_id) {
@@ -167,10 +213,12 @@ void Gateway::remove_member(std::int32_t member_id) {
         std::shared_ptr<Link> link = it->second;
         links.erase(it);
         link->close_socket_locked();
-        to_peer = link->to_peer;
-        to_port = link->to_port;
+        routes_changed_locked();
+        to_peer = link->to_peer.load(std::memory_order_relaxed);
+        to_port = link->to_port.load(std::memory_order_relaxed);
         signaling = link->signaling;
     }
+    wake_port_thread();
     log_line(format_text("p2p: member %d removed (to peer %llu, to port %llu, signaling %llu)", member_id,
                          static_cast<unsigned long long>(to_peer), static_cast<unsigned long long>(to_port),
                          static_cast<unsigned long long>(signaling)));
@@ -230,8 +278,8 @@ std::vector<LinkInfo> Gateway::links_snapshot() const {
         row.peer_member = l->hello.peer_member;
         row.port_member = l->hello.port_member;
         row.room_id = l->hello.room_id;
-        row.to_peer = l->to_peer;
-        row.to_port = l->to_port;
+        row.to_peer = l->to_peer.load(std::memory_order_relaxed);
+        row.to_port = l->to_port.load(std::memory_order_relaxed);
         row.signaling = l->signaling;
         row.local_endpoint = l->local_endpoint;
         row.peer_heard = l->peer_heard;

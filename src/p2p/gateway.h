@@ -1,10 +1,14 @@
 #pragma once
 // The peer-to-peer gateway: every remote room member is represented on this machine by one
 // loopback UDP socket, and the game port is told that the member lives there. One public UDP
-// socket faces the internet; three threads move datagrams between the two sides.
+// socket faces the internet; three threads move datagrams between the two sides and keep the
+// links open. With a STUN server, two more do what may be slow: resolving the server and
+// sending it requests, and telling the owner of a new public address.
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -68,8 +72,9 @@ public:
         Endpoint port_sees;              // 127.0.0.1 and that socket's port
         bool peer_heard = false;
         double created = 0.0;
-        std::uint64_t to_peer = 0;
-        std::uint64_t to_port = 0;
+        // Counted by the data path once per batch without the mutex; read with it or without.
+        std::atomic<std::uint64_t> to_peer{0};
+        std::atomic<std::uint64_t> to_port{0};
         std::uint64_t signaling = 0;
         // Written by peer_thread on each datagram, read by the status page: relaxed atomics, so
         // they never need a lock of their own in the data path.
@@ -130,21 +135,36 @@ public:
     std::int32_t relay_port() const;
     std::vector<LinkInfo> links_snapshot() const;
 
+    // The data path's own copy of what it needs of the links and the relay (data_path.cpp).
+    struct Route;
+    struct Routes;
+
 private:
     void peer_thread();
     void port_thread();
     void timer_thread();
+    void stun_thread();
+    void report_thread();
 
-    void send_to_peer(const std::string& frame, const Endpoint& destination);
     void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
     // Expects the mutex held. With proving (the datagram is a punch), learns a peer's new port
     // when exactly one link has its host and that link has not heard its peer yet.
     std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool proving);
 
     void refresh_stun();
-    void on_stun_answer(const std::string& datagram);
+    void on_stun_answer(std::string_view datagram);
+
+    // Each data path thread keeps a copy of the links and the relay, taken anew under the
+    // mutex whenever routes_version has moved, so that a datagram costs no lock. Whatever
+    // changes an address, a socket or the relay bumps the version under the mutex.
+    void routes_changed_locked() { routes_version.fetch_add(1, std::memory_order_release); }
+    void copy_routes_locked(Routes& into) const;
+    // Wakes port_thread from its wait, to take in a new set of link sockets or to stop.
+    void wake_port_thread();
 
     Socket public_socket = invalid_socket;
+    Socket wake_socket = invalid_socket;  // port_thread waits on it beside the link sockets
+    Endpoint wake_address;
 
     // The innermost lock but the log's: never held across a send, a receive or the callback.
     mutable std::mutex mutex;
@@ -153,6 +173,17 @@ private:
     std::optional<Relay> relay;
     std::string stun_transaction;  // cookie and transaction id of the last request, or empty
     Endpoint stun_target;          // resolved address of the last request
+    std::atomic<std::uint64_t> routes_version{1};
+    // timer_thread sleeps on it, with the mutex, until a pass is due or the links change.
+    std::condition_variable timer_signal;
+
+    // New public addresses for report_thread to hand to on_mapped_change, in order. stun_thread
+    // and report_thread sleep on stun_signal with stun_lock, which is never held together with
+    // the mutex.
+    std::mutex stun_lock;
+    std::condition_variable stun_signal;
+    std::deque<Endpoint> mapped_changes;
+    static constexpr std::size_t kMaxMappedChanges = 16;
 
     std::atomic<bool> stopping{false};
     std::vector<std::thread> threads;  // declared after the sockets they use

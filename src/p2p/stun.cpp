@@ -99,19 +99,34 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_v
     return answer;
 }
 
+std::string_view relay_frame_to_server_in_place(std::string_view token, int port, char* frame, std::size_t size) {
+    char* header = frame - kRelayHeaderSize;
+    header[0] = '\xFB';
+    header[1] = 'R';
+    for (std::size_t i = 0; i < kRelayTokenSize; ++i) header[2 + i] = i < token.size() ? token[i] : '\0';
+    header[10] = static_cast<char>((port >> 8) & 0xFF);
+    header[11] = static_cast<char>(port & 0xFF);
+    return std::string_view(header, size + kRelayHeaderSize);
+}
+
 std::string relay_frame_to_server(std::string_view token, int port, std::string_view frame) {
-    std::string out("\xFB" "R", 2);
-    out.append(token.substr(0, kRelayTokenSize));
-    if (token.size() < kRelayTokenSize) out.append(kRelayTokenSize - token.size(), '\0');
-    put_be16(out, static_cast<unsigned>(port) & 0xFFFF);
+    std::string out(kRelayHeaderSize, '\0');
     out.append(frame);
+    relay_frame_to_server_in_place(token, port, out.data() + kRelayHeaderSize, frame.size());
     return out;
 }
 
-bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload) {
+bool relay_frame_from_server(std::string_view datagram, int& port, std::string_view& payload) {
     if (datagram.size() < 4 || byte_at(datagram, 0) != 0xFB || datagram[1] != 'r') return false;
     port = static_cast<int>(be16(datagram, 2));
-    payload.assign(datagram.substr(4));
+    payload = datagram.substr(4);
+    return true;
+}
+
+bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload) {
+    std::string_view view;
+    if (!relay_frame_from_server(datagram, port, view)) return false;
+    payload.assign(view);
     return true;
 }
 

@@ -55,4 +55,11 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view datagram, std::s
 std::string relay_frame_to_server(std::string_view token, int port, std::string_view frame);
 bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload);
 
+// The same in place, for the data path. The header to the relay is written into the
+// kRelayHeaderSize bytes before frame, which the caller must leave free; the payload from the
+// relay is a view into the datagram.
+inline constexpr std::size_t kRelayHeaderSize = 12;
+std::string_view relay_frame_to_server_in_place(std::string_view token, int port, char* frame, std::size_t size);
+bool relay_frame_from_server(std::string_view datagram, int& port, std::string_view& payload);
+
 }  // namespace zq::p2p

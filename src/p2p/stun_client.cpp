@@ -1,5 +1,12 @@
 // The gateway's side of the STUN exchange: it learns the public address and holds the relay.
+// Answers arrive on peer_thread. What may be slow runs on threads of its own, so that it never
+// holds up a datagram, a punch or a hello: stun_thread resolves the server's name and sends the
+// requests, report_thread tells the owner of each new address (which calls the service). They
+// are two so that a slow service cannot hold up the requests that keep the mapping and the
+// relay alive either.
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 
 #include "p2p/gateway.h"
@@ -31,7 +38,7 @@ void Gateway::refresh_stun() {
     send_to(public_socket, request.data(), static_cast<int>(request.size()), to_sockaddr(target));
 }
 
-void Gateway::on_stun_answer(const std::string& datagram) {
+void Gateway::on_stun_answer(std::string_view datagram) {
     std::optional<Endpoint> changed;
     {
         std::lock_guard<std::mutex> guard(mutex);
@@ -42,9 +49,11 @@ void Gateway::on_stun_answer(const std::string& datagram) {
             if (!relay || relay->port != answer->relay_port)
                 log_line(format_text("p2p: relay on, our port on it is %d", answer->relay_port));
             relay = Relay{stun_target, answer->relay_token, answer->relay_port};
+            routes_changed_locked();
         } else if (relay) {
             log_line("p2p: relay off");
             relay.reset();
+            routes_changed_locked();
         }
         Endpoint seen{answer->mapped_host, answer->mapped_port};
         if (!mapped || *mapped != seen) {
@@ -54,10 +63,49 @@ void Gateway::on_stun_answer(const std::string& datagram) {
         }
     }
     if (!changed || !on_mapped_change) return;
-    try {
-        on_mapped_change(*changed);
-    } catch (const std::exception& e) {
-        log_line(std::string("p2p: mapped-change callback failed: ") + e.what());
+    std::lock_guard<std::mutex> guard(stun_lock);
+    // Every change is told, in order. Only a server that moves our address faster than the
+    // owner can take it in would fill this; then the oldest untold ones give way.
+    if (mapped_changes.size() == kMaxMappedChanges) mapped_changes.pop_front();
+    mapped_changes.push_back(*changed);
+    stun_signal.notify_all();
+}
+
+void Gateway::stun_thread() {
+    double last_refresh = -1000000000.0;  // the first request goes out at once
+    // The setting has no lower bound; a tenth of a second keeps a zero from becoming a flood.
+    const double interval = std::max(stun_refresh, 0.1);
+    std::unique_lock<std::mutex> lock(stun_lock);
+    while (!stopping) {
+        const double now = steady_seconds();
+        if (now - last_refresh >= interval) {
+            last_refresh = now;
+            lock.unlock();
+            refresh_stun();
+            lock.lock();
+            continue;
+        }
+        stun_signal.wait_for(lock, std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                       std::chrono::duration<double>(last_refresh + interval - now)));
+    }
+}
+
+void Gateway::report_thread() {
+    std::unique_lock<std::mutex> lock(stun_lock);
+    while (!stopping) {
+        if (mapped_changes.empty()) {
+            stun_signal.wait(lock);
+            continue;
+        }
+        const Endpoint address = mapped_changes.front();
+        mapped_changes.pop_front();
+        lock.unlock();
+        try {
+            on_mapped_change(address);
+        } catch (const std::exception& e) {
+            log_line(std::string("p2p: mapped-change callback failed: ") + e.what());
+        }
+        lock.lock();
     }
 }
 

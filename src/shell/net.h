@@ -3,6 +3,7 @@
 // (net_posix.cpp). Everything is IPv4. Logic code calls only these functions.
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,17 @@ inline constexpr Socket invalid_socket = -1;
 struct SockAddr {
     alignas(4) unsigned char bytes[16] = {};
 };
+
+// The same IPv4 address and port: the bytes of sin_port and sin_addr, which sit at the same
+// offsets on both systems.
+inline bool same_address(const SockAddr& a, const SockAddr& b) { return std::memcmp(a.bytes + 2, b.bytes + 2, 6) == 0; }
+
+// The address with another port (big-endian, as sin_port holds it).
+inline SockAddr with_port(SockAddr address, int port) {
+    address.bytes[2] = static_cast<unsigned char>((port >> 8) & 0xFF);
+    address.bytes[3] = static_cast<unsigned char>(port & 0xFF);
+    return address;
+}
 
 // Starts the socket library once per process; later calls return the stored outcome.
 bool network_init();
@@ -65,6 +77,28 @@ int recv_some(Socket s, char* buffer, int size);
 int send_some(Socket s, const char* data, int size);
 int recv_from(Socket s, char* buffer, int size, SockAddr* from);
 int send_to(Socket s, const char* data, int size, const SockAddr& to);
+
+// One datagram of a batch, in a buffer of the caller's: a receive fills size and address, a send
+// reads data, size and address.
+struct UdpMessage {
+    char* data = nullptr;
+    int capacity = 0;  // what data can take
+    int size = 0;
+    SockAddr address;
+};
+
+// How many datagrams one recv_batch may take: several where the system has batch calls
+// (recvmmsg on Linux), 1 where each datagram is a call of its own (Windows).
+int udp_batch_limit();
+// Blocks until a datagram arrives, then takes it and whatever else is queued already, up to
+// count and udp_batch_limit, without waiting for more. Returns how many came, or below 0 when
+// the socket was closed or failed. A datagram longer than its capacity is cut.
+int recv_batch(Socket s, UdpMessage* messages, int count);
+// Sends each datagram to its address, in order, several per call where the system can
+// (sendmmsg). A datagram that cannot go is skipped. Returns how many went.
+int send_batch(Socket s, const UdpMessage* messages, int count);
+// Asks for a receive queue of this many bytes (SO_RCVBUF); the system may give less.
+void set_receive_buffer(Socket s, int bytes);
 
 // Waits until one of the sockets can be read or the time-out (ms, -1 for ever) passes.
 // Returns the number of ready sockets (0 on time-out, below 0 on error) and marks them in ready.

@@ -157,8 +157,65 @@ int send_to(Socket s, const char* data, int size, const SockAddr& to) {
                                      reinterpret_cast<const sockaddr*>(to.bytes), sizeof(sockaddr_in)));
 }
 
+namespace {
+constexpr int kBatchLimit = 64;
+}
+
+int udp_batch_limit() { return kBatchLimit; }
+
+int recv_batch(Socket s, UdpMessage* messages, int count) {
+    if (count > kBatchLimit) count = kBatchLimit;
+    mmsghdr headers[kBatchLimit];
+    iovec parts[kBatchLimit];
+    for (int i = 0; i < count; ++i) {
+        parts[i] = iovec{messages[i].data, static_cast<std::size_t>(messages[i].capacity)};
+        headers[i] = mmsghdr{};
+        headers[i].msg_hdr.msg_name = messages[i].address.bytes;
+        headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+        headers[i].msg_hdr.msg_iov = &parts[i];
+        headers[i].msg_hdr.msg_iovlen = 1;
+    }
+    int n;
+    do {
+        n = ::recvmmsg(fd(s), headers, static_cast<unsigned>(count), MSG_WAITFORONE, nullptr);
+    } while (n < 0 && errno == EINTR);
+    for (int i = 0; i < n; ++i) messages[i].size = static_cast<int>(headers[i].msg_len);
+    return n;
+}
+
+int send_batch(Socket s, const UdpMessage* messages, int count) {
+    int sent = 0;
+    while (count > 0) {
+        const int now = count < kBatchLimit ? count : kBatchLimit;
+        mmsghdr headers[kBatchLimit];
+        iovec parts[kBatchLimit];
+        for (int i = 0; i < now; ++i) {
+            parts[i] = iovec{messages[i].data, static_cast<std::size_t>(messages[i].size)};
+            headers[i] = mmsghdr{};
+            headers[i].msg_hdr.msg_name = const_cast<unsigned char*>(messages[i].address.bytes);
+            headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+            headers[i].msg_hdr.msg_iov = &parts[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+        int n = ::sendmmsg(fd(s), headers, static_cast<unsigned>(now), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        // sendmmsg stops at the first datagram that fails; that one is dropped, the rest go on.
+        const int done = n > 0 ? n : 1;
+        sent += n > 0 ? n : 0;
+        messages += done;
+        count -= done;
+    }
+    return sent;
+}
+
+void set_receive_buffer(Socket s, int bytes) {
+    ::setsockopt(fd(s), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {
-    std::vector<pollfd> fds(sockets.size());
+    // Kept between calls, so that a wait in a loop costs no allocation.
+    thread_local std::vector<pollfd> fds;
+    fds.resize(sockets.size());
     for (std::size_t i = 0; i < sockets.size(); ++i) fds[i] = pollfd{fd(sockets[i]), POLLIN, 0};
     int n = ::poll(fds.data(), fds.size(), timeout_ms);
     ready.assign(sockets.size(), false);

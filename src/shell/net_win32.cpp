@@ -138,6 +138,32 @@ int send_to(Socket s, const char* data, int size, const SockAddr& to) {
     return ::sendto(sock(s), data, size, 0, reinterpret_cast<const sockaddr*>(to.bytes), sizeof(sockaddr_in));
 }
 
+int udp_batch_limit() { return 1; }
+
+// Winsock has no batch receive: one datagram per call.
+int recv_batch(Socket s, UdpMessage* messages, int count) {
+    if (count < 1) return 0;
+    int length = sizeof(sockaddr_in);
+    int n = ::recvfrom(sock(s), messages[0].data, messages[0].capacity, 0,
+                       reinterpret_cast<sockaddr*>(messages[0].address.bytes), &length);
+    // A datagram longer than the buffer is cut, as on other systems, not an error.
+    if (n < 0 && WSAGetLastError() == WSAEMSGSIZE) n = messages[0].capacity;
+    if (n < 0) return n;
+    messages[0].size = n;
+    return 1;
+}
+
+int send_batch(Socket s, const UdpMessage* messages, int count) {
+    int sent = 0;
+    for (int i = 0; i < count; ++i)
+        sent += send_to(s, messages[i].data, messages[i].size, messages[i].address) >= 0;
+    return sent;
+}
+
+void set_receive_buffer(Socket s, int bytes) {
+    ::setsockopt(sock(s), SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&bytes), sizeof bytes);
+}
+
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {
     fd_set set;
     FD_ZERO(&set);
