@@ -1,24 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 #include "p2p/framing.h"
+#include "support/prelude.h"
 
 using namespace zq::p2p;
-using namespace std::string_literals;
 
 namespace {
-
-std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        if (!out.empty()) out += ' ';
-        out += digits[c >> 4];
-        out += digits[c & 15];
-    }
-    return out;
-}
 
 std::string le(std::uint64_t v, int size) {
     std::string out;
@@ -65,11 +52,11 @@ TEST(Framing, PortFramesBecomePeerFramesAndBack) {
     for (const auto& c : cases) {
         std::string out = "untouched";
         EXPECT_EQ(port_frame_to_peer(c.port, out), c.result) << c.name;
-        EXPECT_EQ(hex(out), hex(c.peer)) << c.name;
+        EXPECT_EQ(out, c.peer) << c.name;
         if (c.result == 1) {
             std::string back;
             ASSERT_TRUE(peer_frame_to_port(out, back)) << c.name;
-            EXPECT_EQ(hex(back), hex(c.port)) << c.name;
+            EXPECT_EQ(back, c.port) << c.name;
         }
     }
 }
@@ -94,20 +81,14 @@ TEST(Framing, PeerFramesThatAreAcceptedOrRefused) {
     for (const auto& c : cases) {
         std::string out;
         EXPECT_EQ(peer_frame_to_port(c.peer, out), c.ok) << c.name;
-        if (c.ok) EXPECT_EQ(hex(out), hex(c.port)) << c.name;
+        if (c.ok) EXPECT_EQ(out, c.port) << c.name;
     }
-    EXPECT_EQ(hex(wrap_for_port("NIMB\x05")), "ff ff ff ff 4e 49 4d 42 05");
+    EXPECT_EQ(wrap_for_port("NIMB\x05"), "\xFF\xFF\xFF\xFFNIMB\x05");
     EXPECT_TRUE(is_punch("\xFEzqhp"s));
     EXPECT_TRUE(is_punch(std::string(kPunch)));
     EXPECT_FALSE(is_punch("\xFEzqh"s));
-    EXPECT_EQ(kPunch.size(), 8u);
-}
-
-TEST(Framing, Fixed16CutsAndPads) {
-    auto shortname = fixed16("bob");
-    EXPECT_EQ(std::string(shortname.data(), 16), "bob"s + std::string(13, '\0'));
-    auto longname = fixed16("abcdefghijklmnopqrstuvwxyz");
-    EXPECT_EQ(std::string(longname.data(), 16), "abcdefghijklmnop");
+    EXPECT_EQ(std::string(fixed16("bob").data(), 16), "bob"s + std::string(13, '\0'));
+    EXPECT_EQ(std::string(fixed16("abcdefghijklmnopqrstuvwxyz").data(), 16), "abcdefghijklmnop");
 }
 
 // Each kind is answered at its exact length only; one byte off leaves port_answered clear.
@@ -159,7 +140,7 @@ TEST(Framing, EchoAndClockAnswers) {
         ASSERT_EQ(a.size(), 1u);
         std::string expected = "NIMB\x07"s + static_cast<char>(s.out) + names + le(r.hello_token, 4) +
                                le(0xCAFEBABE, 4) + std::string(8, '\0') + le(s.time, 8);
-        EXPECT_EQ(hex(a[0]), hex(expected)) << "step " << int(s.in);
+        EXPECT_EQ(a[0], expected) << "step " << int(s.in);
     }
     clock[5] = 4;
     EXPECT_TRUE(answer_control(r, clock, 1).empty());
@@ -171,14 +152,14 @@ TEST(Framing, IdentityStepFourIsAnsweredOnce) {
     auto frame = [&](unsigned char step) {
         return "NIMB\x10"s + static_cast<char>(step) + names + le(r.hello_token, 4) + std::string(8, '\0');
     };
-    EXPECT_EQ(hex(hello_frame(r)), hex(frame(1)));
+    EXPECT_EQ(hello_frame(r), frame(1));
     auto a = answer_control(r, control(16, 1, 50), 0);
     ASSERT_EQ(a.size(), 1u);
-    EXPECT_EQ(hex(a[0]), hex(frame(2)));
+    EXPECT_EQ(a[0], frame(2));
 
     a = answer_control(r, control(16, 4, 50), 0);
     ASSERT_EQ(a.size(), 1u);
-    EXPECT_EQ(hex(a[0]), hex(frame(4)));
+    EXPECT_EQ(a[0], frame(4));
     EXPECT_TRUE(r.hello_finished);
     EXPECT_TRUE(answer_control(r, control(16, 4, 50), 0).empty());
     EXPECT_EQ(answer_control(r, control(16, 1, 50), 0).size(), 1u);
@@ -190,7 +171,7 @@ TEST(Framing, RoomExchangeLearnsBeforeItAnswers) {
     r.peer_member = 0;
     r.port_member = 0;
     r.room_id = 5;
-    EXPECT_EQ(hex(room_hello_frame(r)).substr(0, 17), "4e 49 4d 42 21 01");
+    EXPECT_EQ(room_hello_frame(r).substr(0, 6), "NIMB\x21\x01");
 
     std::string in = control(33, 1, 50);
     in.replace(6, 8, le(0, 8));  // zero room keeps ours
@@ -203,7 +184,7 @@ TEST(Framing, RoomExchangeLearnsBeforeItAnswers) {
     ASSERT_EQ(a.size(), 1u);
     std::string expected = "NIMB\x21\x02"s + le(5, 8) + le(9, 2) + le(7, 2) + std::string(r.peer_name.data(), 16) +
                            std::string(8, '\0') + le(0, 8);
-    EXPECT_EQ(hex(a[0]), hex(expected));
+    EXPECT_EQ(a[0], expected);
 
     // Members already known stay; a new room id overwrites; step 3 echoes the time.
     in.replace(6, 8, le(42, 8));

@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
-
 #include "p2p/stun.h"
+#include "support/prelude.h"
 
 using namespace zq::p2p;
-using namespace std::string_literals;
 
 namespace {
 
