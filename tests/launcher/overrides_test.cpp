@@ -1,12 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
-
 #include "launcher/overrides.h"
 #include "launcher/route.h"
+#include "support/prelude.h"
 #include "support/process.h"
-
-namespace fs = std::filesystem;
 
 TEST(ExtraEnv, EditsOneNameAndNormalisesBlanks) {
     struct Case {
@@ -28,7 +23,7 @@ TEST(ExtraEnv, EditsOneNameAndNormalisesBlanks) {
 }
 
 TEST(Overrides, OwnFilesAreRecognisedByTheirMark) {
-    testing_support::TempDir dir;
+    TempDir dir;
     struct Case {
         const char* content;  // nullptr: no file
         bool own;
@@ -45,9 +40,8 @@ TEST(Overrides, OwnFilesAreRecognisedByTheirMark) {
     };
     int n = 0;
     for (const auto& c : cases) {
-        fs::path path = dir.path() / ("case" + std::to_string(n++) + ".json");
-        if (c.content) std::ofstream(path, std::ios::binary) << c.content;
+        const auto path = dir.path() / ("case" + std::to_string(n++) + ".json");
+        if (c.content) write_file(path, c.content);
         EXPECT_EQ(zq::is_own_overrides(path), c.own) << (c.content ? c.content : "(no file)");
     }
-
 }
