@@ -165,8 +165,7 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     if (running_under_wine())
         GTEST_SKIP() << "WinHTTP under Wine trusts only the system store; the test authority cannot be added there";
     auto openssl = find_program("openssl");
-    auto python = find_program("python3");
-    if (openssl.empty() || python.empty()) GTEST_SKIP() << "openssl or python3 is not installed";
+    if (openssl.empty()) GTEST_SKIP() << "openssl is not installed";
     TempDir dir;
     write_file(dir.path() / "ext.cnf", "subjectAltName=IP:127.0.0.1\n");
     auto run = [&](std::vector<std::string> args, bool new_key) {
@@ -181,12 +180,18 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
          "-extfile", "ext.cnf", "-out", "server.pem"},
         false);
 
-    Process server(python, {SARNLINK_SOURCE_DIR "/tests/support/tls_server.py", "server.pem", "server.key"},
+    // Answers every request with a page of its own, then closes.
+    Process server(openssl, {"s_server", "-accept", "127.0.0.1:0", "-cert", "server.pem", "-key", "server.key", "-www"},
                    dir.path());
-    ASSERT_TRUE(server.wait_for_output("listening ", 30.0)) << server.output();
-    ASSERT_TRUE(wait_until([&] { return server.output().find('\n') != std::string::npos; }, 10.0));
-    int port = std::atoi(server.output().substr(server.output().find("listening ") + 10).c_str());
-    auto request = request_for(zq::format_text("https://127.0.0.1:%d/", port));
+    std::string port;
+    ASSERT_TRUE(wait_until([&] {
+        const std::string out = server.output();
+        const std::size_t at = out.find("ACCEPT 127.0.0.1:"), end = out.find('\n', at);
+        if (at == std::string::npos || end == std::string::npos) return false;
+        port = out.substr(at + 17, end - at - 17);
+        return true;
+    }, 30.0)) << server.output();
+    auto request = request_for("https://127.0.0.1:" + port + "/");
 
     set_env("SSL_CERT_FILE", "");
     auto r = http::fetch(request);
@@ -198,7 +203,5 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     set_env("SSL_CERT_FILE", "");
     EXPECT_EQ(r.error, "");
     EXPECT_EQ(r.status, 200u);
-    EXPECT_EQ(r.body, "secure");
-    server.interrupt();
-    server.wait(10.0);
+    EXPECT_TRUE(r.body.starts_with("<HTML>")) << r.body;
 }
