@@ -1,3 +1,5 @@
+#include <tuple>
+
 #include "shell/cli.h"
 #include "shell/platform.h"
 #include "shell/util.h"
@@ -10,11 +12,7 @@
 TEST(Cli, UsageVersionAndExitCodes) {
     TempDir dir;
     write_file(dir.path() / "sarnlink_config.json", "");
-    struct Case {
-        std::vector<std::string> args;
-        int code;
-        std::string output;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{"--version"}, 0, "sarnlink 0.3.2\n"},
         {{"--config", "x.json", "--version", "--bogus"}, 0, "sarnlink 0.3.2\n"},
         {{"--log", "out.log", "--version"}, 0, "sarnlink 0.3.2\n"},
@@ -24,11 +22,10 @@ TEST(Cli, UsageVersionAndExitCodes) {
         {{"--Version"}, 2, zq::kUsageText},
         {{}, 1, "config sarnlink_config.json is not valid JSON\n"},
     };
-    for (const auto& c : cases) {
-        auto r = run_process(cli_path(), c.args, dir.path());
-        const std::string args = c.args.empty() ? "(none)" : c.args[0];
-        EXPECT_EQ(r.exit_code, c.code) << args;
-        EXPECT_EQ(r.output, c.output) << args;
+    for (const auto& [args, code, output] : cases) {
+        auto r = run_process(cli_path(), args, dir.path());
+        EXPECT_EQ(r.exit_code, code) << (args.empty() ? "(none)" : args[0]);
+        EXPECT_EQ(r.output, output) << (args.empty() ? "(none)" : args[0]);
     }
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "out.log"));
 }
@@ -41,10 +38,7 @@ TEST(Cli, BadConfigValuesEndWithOneAndSayWhy) {
     ASSERT_TRUE(holder.start());
     // The bridge would start with any of these if its value went through: no fixed ports then.
     const std::string quiet = R"("udp_port": 0, "webapi_port": 0, "p2p_gateway": 0, "game_proxy_routes": {}, )";
-    struct Case {
-        std::string config;
-        std::string output;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {R"({"game_proxy_routes": {"abc": "http://x"}})",
          "config sarnlink_config.json: game_proxy_routes key \"abc\" is not a port number\n"},
         {"{" + quiet + R"("tcp_port": 0, "stun_server": ":3478"})",
@@ -52,11 +46,11 @@ TEST(Cli, BadConfigValuesEndWithOneAndSayWhy) {
         {"{" + quiet + zq::format_text(R"("tcp_port": %d, "bind_host": "localhost"})", holder.port()),
          zq::format_text("cannot listen on tcp 127.0.0.1:%d", holder.port())},
     };
-    for (const auto& c : cases) {
-        write_file(dir.path() / "sarnlink_config.json", c.config);
+    for (const auto& [config, output] : cases) {
+        write_file(dir.path() / "sarnlink_config.json", config);
         auto r = run_process(cli_path(), {}, dir.path(), {}, 20.0);
-        EXPECT_EQ(r.exit_code, 1) << c.config;
-        EXPECT_NE(r.output.find(c.output), std::string::npos) << c.config << "\n" << r.output;
+        EXPECT_EQ(r.exit_code, 1) << config;
+        EXPECT_NE(r.output.find(output), std::string::npos) << config << "\n" << r.output;
     }
 }
 

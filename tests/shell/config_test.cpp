@@ -70,10 +70,7 @@ TEST(Config, GameProxyRoutes) {
 // to the network, are refused with the key and the reason; a bind_host name becomes the
 // address it stands for, never every interface.
 TEST(Config, RefusesWhatWouldStopOrOpenTheBridge) {
-    struct Case {
-        const char* config;
-        std::string problem;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {R"({"game_proxy_routes": {"abc": "x"}})", R"(game_proxy_routes key "abc" is not a port number)"},
         {R"({"game_proxy_routes": {"31316": 5}})", R"(game_proxy_routes value for "31316" is not a URL text)"},
         {R"({"game_proxy_routes": {"70000": "x"}})", R"(game_proxy_routes key "70000" is not a port from 0 to 65535)"},
@@ -89,11 +86,11 @@ TEST(Config, RefusesWhatWouldStopOrOpenTheBridge) {
          R"(bind_host "" is not an IPv4 address, and no IPv4 address was found for that name)"},
         {R"({"bind_host": "localhost", "stun_server": "stun.example:3478"})", ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, expected] : cases) {
         zq::Config config;
         std::string problem;
-        if (zq::config_from_json(json::parse(c.config), config, problem)) zq::settle_bridge_config(config, problem);
-        EXPECT_EQ(problem, c.problem) << c.config;
-        if (c.problem.empty()) EXPECT_EQ(config.bind_host, "127.0.0.1");
+        if (zq::config_from_json(json::parse(text), config, problem)) zq::settle_bridge_config(config, problem);
+        EXPECT_EQ(problem, expected) << text;
+        if (expected.empty()) EXPECT_EQ(config.bind_host, "127.0.0.1");
     }
 }
