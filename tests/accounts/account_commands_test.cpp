@@ -111,7 +111,8 @@ TEST_F(AccountCommands, WebCode) {
 // file that cannot be replaced is left exactly as it was, and a corrupt one is no obstacle.
 TEST_F(AccountCommands, FailuresLeaveTheStateFileAsItWas) {
     service.answer_once("/auth/account/create", ScriptedAnswer::text(404, "<html>not here</html>"));
-    EXPECT_EQ(verdict(run({"--create", "ash"})), "failed: " + service.base_url() + " has no account service (HTTP 404)");
+    EXPECT_EQ(verdict(run({"--create", "ash"})),
+              "failed: " + service.base_url() + " has no account service (HTTP 404)");
     EXPECT_FALSE(std::filesystem::exists(state()));
 
     service.answer_once("/auth/account/create", ScriptedAnswer::json({{"ResKind", 1}}));

@@ -26,7 +26,7 @@ TEST(HttpFetch, SplitsRawResponseHeaders) {
     EXPECT_TRUE(http::split_raw_headers("X-A: first line is the status line").empty());
 }
 
-TEST(HttpFetch, RoundTripsOnBothKindsOfSession) {
+TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
     FakeService far;
     ASSERT_TRUE(far.start());
     ScriptedAnswer answer = ScriptedAnswer::text(200, "answer"), moved = ScriptedAnswer::text(301, "moved");
@@ -69,6 +69,16 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSession) {
         EXPECT_EQ(r.body, "moved");
         EXPECT_EQ(far.request_count(), before + 1);  // the redirect was not followed
     }
+
+    // The recycled session is opened again only once it is 45 seconds old.
+    const double young = zq::steady_seconds() - 44.0, old = zq::steady_seconds() - 45.0;
+    recycled.opened_at = young;
+    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/b")).error, "");
+    EXPECT_EQ(recycled.opened_at, young);
+    recycled.opened_at = old;
+    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/c")).error, "");
+    EXPECT_GT(recycled.opened_at, old);
+    EXPECT_NE(recycled.handle, nullptr);
 }
 
 TEST(HttpFetch, RefusesBadUrlsBeforeAnyNetwork) {
@@ -84,25 +94,6 @@ TEST(HttpFetch, RefusesBadUrlsBeforeAnyNetwork) {
     EXPECT_EQ(far.request_count(), 0u);
     EXPECT_EQ(http::fetch(request_for(base + "/" + std::string(4000, 'a'))).error, "");
     EXPECT_EQ(far.request_count(), 1u);
-}
-
-TEST(HttpFetch, RecycledSessionIsReopenedOnlyAfterItsAge) {
-    FakeService far;
-    ASSERT_TRUE(far.start());
-    http::RecycledSession recycled(45.0);
-    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/a")).error, "");
-    ASSERT_NE(recycled.handle, nullptr);
-
-    double young = zq::steady_seconds() - 44.0;
-    recycled.opened_at = young;
-    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/b")).error, "");
-    EXPECT_EQ(recycled.opened_at, young);  // kept
-
-    double old = zq::steady_seconds() - 45.0;
-    recycled.opened_at = old;
-    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/c")).error, "");
-    EXPECT_GT(recycled.opened_at, old);  // given up and opened again
-    EXPECT_NE(recycled.handle, nullptr);
 }
 
 // Each way a call fails has its own words. A limit ends a call that is already waiting: on a

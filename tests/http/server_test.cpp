@@ -176,24 +176,6 @@ TEST(HttpServer, ThrowingHandlerAnswers500AndKeepsTheConnection) {
     EXPECT_TRUE(r.body.starts_with(R"({"ResKind":1,"Message":"bridge error: )")) << r.body;
 }
 
-TEST(HttpServer, StopWakesIdleConnectionsAndPortsAreExclusive) {
-    http::Server server, second;
-    ASSERT_TRUE(server.start("127.0.0.1", 0, route, nullptr));
-    std::string error;
-    EXPECT_FALSE(second.start("127.0.0.1", server.port, route, &error));
-    EXPECT_TRUE(error.starts_with(zq::format_text("cannot listen on 127.0.0.1:%d (error ", server.port))) << error;
-    EXPECT_EQ(second.listener, zq::invalid_socket);
-
-    RawClient idle(server.port);
-    ASSERT_TRUE(idle.send("GET /status HTTP/1.1\r\n\r\n"));
-    ASSERT_TRUE(idle.read_response().ok);
-    ASSERT_EQ(server.active_connections.load(), 1);
-    server.stop();
-    EXPECT_EQ(server.active_connections.load(), 0);
-    EXPECT_TRUE(idle.closed_by_peer());
-    server.stop();
-}
-
 // A length that cannot be placed, or a body too large to take, is answered from the head alone,
 // and nothing after it on that connection is read as a request. A head past one mebibyte ends
 // the connection without an answer, although the end of the head came.
@@ -282,29 +264,42 @@ TEST(HttpServer, SilentTricklingAndIdleConnectionsAreClosed) {
     EXPECT_TRUE(wait_until([&] { return idle.closed_by_peer(); }, 10.0));
 }
 
-TEST(HttpServer, StopCancelsBusyHandlersAndJoinsEveryThread) {
+// Stop wakes an idle kept-alive connection and cancels busy handlers, joining every thread. A
+// port that is held cannot be had a second time.
+TEST(HttpServer, StopWakesIdleAndBusyConnectionsAndPortsAreExclusive) {
     std::atomic<int> busy{0}, saw_cancel{0};
-    http::Server server;
-    auto slow = [&](const http::ServerRequest& request) {
+    http::Server server, second;
+    auto handler = [&](const http::ServerRequest& request) {
+        if (request.path != "/slow") return route(request);
         ++busy;
         // Stands for an upstream call that ends when its flag is set.
         if (wait_until([&] { return request.cancel->cancelled(); }, 30.0)) ++saw_cancel;
         return http::ServerResponse{};
     };
-    ASSERT_TRUE(server.start("127.0.0.1", 0, slow, nullptr));
-    RawClient first(server.port), second(server.port);
+    ASSERT_TRUE(server.start("127.0.0.1", 0, handler, nullptr));
+    std::string error;
+    EXPECT_FALSE(second.start("127.0.0.1", server.port, route, &error));
+    EXPECT_TRUE(error.starts_with(zq::format_text("cannot listen on 127.0.0.1:%d (error ", server.port))) << error;
+    EXPECT_EQ(second.listener, zq::invalid_socket);
+
+    RawClient idle(server.port), first(server.port), other(server.port);
+    ASSERT_TRUE(idle.send("GET /status HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(idle.read_response().ok);
     ASSERT_TRUE(first.send("GET /slow HTTP/1.1\r\n\r\n"));
-    ASSERT_TRUE(second.send("GET /slow HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(other.send("GET /slow HTTP/1.1\r\n\r\n"));
     ASSERT_TRUE(wait_until([&] { return busy.load() == 2; }));
     const double started = zq::steady_seconds();
     server.stop();
     EXPECT_LT(zq::steady_seconds() - started, 2.0);
     EXPECT_EQ(saw_cancel.load(), 2);
     EXPECT_EQ(server.active_connections.load(), 0);
+    EXPECT_TRUE(idle.closed_by_peer());
+    server.stop();
 }
 
 TEST(HttpServer, AcceptGoesOnAfterRunningOutOfDescriptors) {
-    if (running_under_wine()) GTEST_SKIP() << "the descriptor limit is lowered with setrlimit, which Windows does not have";
+    if (running_under_wine())
+        GTEST_SKIP() << "the descriptor limit is lowered with setrlimit, which Windows does not have";
     LogCapture log;
     RunningServer s;
     RawClient client(s.server.port, false);  // its socket exists before the descriptors run out

@@ -52,8 +52,9 @@ TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
     EXPECT_EQ(create.method, "POST");
     EXPECT_EQ(create.path, "/auth/account/create");
     EXPECT_EQ(create.body, R"({"DeviceName":"sarnlink","Name":"bob"})");
-    EXPECT_EQ(our_headers(create), (std::vector<std::string>{"Content-Type: application/json", "Accept: application/json",
-                                                              "User-Agent: sarnlink", "X-Velmar-Ruleset: vanilla"}));
+    EXPECT_EQ(our_headers(create), (std::vector<std::string>{"Content-Type: application/json",
+                                                              "Accept: application/json", "User-Agent: sarnlink",
+                                                              "X-Velmar-Ruleset: vanilla"}));
     // No OnlineId in the answer: the name that was sent stands in.
     EXPECT_EQ(slashed.current_token(), "t0k");
     EXPECT_EQ(slashed.current_online_id(), "bob");
@@ -62,9 +63,9 @@ TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
     service.answer_json("/mp/matching2/heartbeat", {{"ResKind", 0}});
     EXPECT_EQ(slashed.heartbeat("S1", 2), 1);
     auto beat = service.last_request();
-    EXPECT_EQ(our_headers(beat), (std::vector<std::string>{"Content-Type: application/json", "Accept: application/json",
-                                                            "User-Agent: sarnlink/9.9", "X-ZQ-Token: t0k",
-                                                            "X-Velmar-Ruleset: vanilla"}));
+    EXPECT_EQ(our_headers(beat), (std::vector<std::string>{"Content-Type: application/json",
+                                                            "Accept: application/json", "User-Agent: sarnlink/9.9",
+                                                            "X-ZQ-Token: t0k", "X-Velmar-Ruleset: vanilla"}));
 
     service.answer_json("/auth/recover", {{"ResKind", 0}, {"Token", "t1"}, {"OnlineId", "bob_2"}});
     EXPECT_EQ(slashed.recover_account("bob", "RC-1"), "");

@@ -25,15 +25,16 @@ TEST(Gateway, MembersAreUpdatedRekeyedAndReplaced) {
     auto [lan, pub] = g.own_endpoints();
     EXPECT_EQ(lan, (Endpoint{"192.168.1.5", g.port}));
     EXPECT_EQ(pub, lan);
+    auto add = [&](int id, const std::string& name, const Endpoint& at = {}) {
+        return g.add_member(id, name, at, {}, "alice", 1, 77, std::nullopt);
+    };
 
     // The same member twice: one link, one line, one socket.
     Endpoint first = g.add_member(2, "bob", {"203.0.113.9", 4000}, {"10.0.0.9", 4000}, "alice", 1, 77, std::nullopt);
     EXPECT_EQ(first.host, "127.0.0.1");
-    EXPECT_NE(first.port, 0);
     EXPECT_EQ(g.add_member(2, "bob", {"", 0}, {}, "alice", 0, 0, std::nullopt), first);
-    EXPECT_EQ(log.count(zq::format_text("p2p: member 2 (bob) at 203.0.113.9:4000 -> port sees 127.0.0.1:%d",
-                                        first.port)),
-              1);
+    EXPECT_TRUE(
+        log.contains(zq::format_text("p2p: member 2 (bob) at 203.0.113.9:4000 -> port sees 127.0.0.1:%d", first.port)));
     EXPECT_EQ(log.count_containing("p2p: member 2 (bob) at"), 1);
     ASSERT_TRUE(row(g, 2));
     EXPECT_EQ(row(g, 2)->endpoint, (Endpoint{"203.0.113.9", 4000}));
@@ -43,30 +44,28 @@ TEST(Gateway, MembersAreUpdatedRekeyedAndReplaced) {
     EXPECT_FALSE(g.port_address_of("bo"));
 
     // A provisional link moves to the real id and keeps its socket.
-    Endpoint provisional = g.add_member(-5, "carol", {}, {}, "alice", 1, 77, std::nullopt);
+    Endpoint provisional = add(-5, "carol");
     EXPECT_TRUE(log.contains(zq::format_text("p2p: member -5 (carol) at ?:0 -> port sees 127.0.0.1:%d", provisional.port)));
     EXPECT_EQ(row(g, -5)->peer_member, 0u);
-    EXPECT_EQ(g.add_member(3, "carol", {"198.51.100.1", 5000}, {}, "alice", 1, 77, std::nullopt), provisional);
+    EXPECT_EQ(add(3, "carol", {"198.51.100.1", 5000}), provisional);
     EXPECT_FALSE(row(g, -5));
     EXPECT_EQ(row(g, 3)->peer_member, 3u);
     EXPECT_EQ(row(g, 3)->endpoint, (Endpoint{"198.51.100.1", 5000}));
 
     // A provisional link and another link under the real id: the provisional one takes the id.
-    Endpoint erin = g.add_member(4, "erin", {}, {}, "alice", 1, 77, std::nullopt);
-    Endpoint dave = g.add_member(-9, "dave", {}, {}, "alice", 1, 77, std::nullopt);
-    EXPECT_EQ(g.add_member(4, "dave", {}, {}, "alice", 1, 77, std::nullopt), dave);
+    Endpoint erin = add(4, "erin"), dave = add(-9, "dave");
+    EXPECT_EQ(add(4, "dave"), dave);
     EXPECT_EQ(row(g, 4)->online_id, "dave");
     EXPECT_FALSE(row(g, -9));
     EXPECT_FALSE(g.port_address_of("erin"));
     EXPECT_NE(erin, dave);
 
     // Same id, another person: a new socket.
-    Endpoint frank = g.add_member(2, "frank", {}, {}, "alice", 1, 77, std::nullopt);
-    EXPECT_NE(frank, first);
+    EXPECT_NE(add(2, "frank"), first);
     EXPECT_FALSE(g.port_address_of("bob"));
 
     // retain_members keeps exactly the named ones, the empty name included.
-    g.add_member(0, "", {}, {}, "alice", 1, 77, std::nullopt);
+    add(0, "");
     g.retain_members({"", "carol"});
     std::vector<int> ids;
     for (const auto& r : g.links_snapshot()) ids.push_back(r.member_id);

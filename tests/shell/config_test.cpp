@@ -36,21 +36,13 @@ TEST(Config, ToleratesWrongTypes) {
         "poll_interval": "1", "stun_refresh": 2, "user_agent": 7, "stun_server": true,
         "bind_host": null, "state_file": ["a"], "local_addr": -3
     })"));
-    EXPECT_EQ(c.tcp_port, 31400);
-    EXPECT_EQ(c.udp_port, 1);
-    EXPECT_EQ(c.webapi_port, 31315);
-    EXPECT_EQ(c.p2p_port, 7);
-    EXPECT_FALSE(c.trace);
-    EXPECT_TRUE(c.debug_endpoints);
-    EXPECT_TRUE(c.create_accounts);
-    EXPECT_TRUE(c.p2p_gateway);
-    EXPECT_DOUBLE_EQ(c.poll_interval, 0.4);
-    EXPECT_DOUBLE_EQ(c.stun_refresh, 2.0);
-    EXPECT_EQ(c.user_agent, "7");
-    EXPECT_EQ(c.stun_server, "true");
-    EXPECT_EQ(c.bind_host, "127.0.0.1");
-    EXPECT_EQ(c.state_file, "[\"a\"]");
-    EXPECT_EQ(c.local_addr, "-3");
+    EXPECT_EQ((std::vector<int>{c.tcp_port, c.udp_port, c.webapi_port, c.p2p_port}),
+              (std::vector<int>{31400, 1, 31315, 7}));
+    EXPECT_EQ((std::vector<bool>{c.trace, c.debug_endpoints, c.create_accounts, c.p2p_gateway}),
+              (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ((std::vector<double>{c.poll_interval, c.stun_refresh}), (std::vector<double>{0.4, 2.0}));
+    EXPECT_EQ((std::vector<std::string>{c.user_agent, c.stun_server, c.bind_host, c.state_file, c.local_addr}),
+              (std::vector<std::string>{"7", "true", "127.0.0.1", "[\"a\"]", "-3"}));
     EXPECT_DOUBLE_EQ(config_from_json(json::parse(R"({"poll_interval": 1})")).poll_interval, 1.0);
 }
 

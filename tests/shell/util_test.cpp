@@ -13,22 +13,14 @@
 TEST(Util, JsonReaders) {
     json doc = json::parse(R"({"a": "12ab", "b": "ab12", "c": 1.9, "d": -1.9, "e": 5, "f": null,
         "g": true, "h": {"x": 1}, "i": "", "j": "99999999999999999999", "k": 18446744073709551615})");
-    EXPECT_EQ(zq::json_int(doc, "a", 7), 12);
-    EXPECT_EQ(zq::json_int(doc, "b", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "c", 7), 1);
-    EXPECT_EQ(zq::json_int(doc, "d", 7), -1);
-    EXPECT_EQ(zq::json_int(doc, "f", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "g", 7), 1);
-    EXPECT_EQ(zq::json_int(doc, "h", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "i", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "j", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "missing", 7), 7);
+    std::vector<std::int64_t> ints;
+    for (const char* key : {"a", "b", "c", "d", "f", "g", "h", "i", "j", "missing"})
+        ints.push_back(zq::json_int(doc, key, 7));
+    EXPECT_EQ(ints, (std::vector<std::int64_t>{12, 7, 1, -1, 7, 1, 7, 7, 7, 7}));
     EXPECT_EQ(zq::json_int(json::array({1}), "a", 7), 7);
-    EXPECT_EQ(zq::json_text(doc, "e", "x"), "5");
-    EXPECT_EQ(zq::json_text(doc, "f", "x"), "x");
-    EXPECT_EQ(zq::json_text(doc, "g", "x"), "true");
-    EXPECT_EQ(zq::json_text(doc, "h", "x"), R"({"x":1})");
-    EXPECT_EQ(zq::json_text(doc, "k", "x"), "18446744073709551615");
+    std::vector<std::string> texts;
+    for (const char* key : {"e", "f", "g", "h", "k"}) texts.push_back(zq::json_text(doc, key, "x"));
+    EXPECT_EQ(texts, (std::vector<std::string>{"5", "x", "true", R"({"x":1})", "18446744073709551615"}));
     EXPECT_FALSE(zq::json_has(doc, "f"));
     EXPECT_EQ(zq::format_text("%s-%03d", "a", 7), "a-007");
     EXPECT_EQ(zq::format_text("%s", ""), "");

@@ -10,16 +10,11 @@ namespace testing_support {
 bool running_under_wine();
 
 // True in a build under AddressSanitizer or ThreadSanitizer, whose shadow memory and
-// quarantines make the process's memory figures say nothing about the program's own.
+// quarantines make the process's memory figures say nothing about the program's own. The
+// sanitizer presets build with GCC, which names them so.
 constexpr bool sanitizer_build() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    return true;
-#else
-    return false;
-#endif
 #else
     return false;
 #endif

@@ -1,10 +1,8 @@
 #include <csignal>
-#include <cstring>
 #include <mutex>
 #include <thread>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
