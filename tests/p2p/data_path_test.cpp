@@ -48,35 +48,46 @@ protected:
 
 }  // namespace
 
-// Two players: what port A sends to the address it was told for B arrives at port B from the
-// address B was told for A, and back; control frames are answered locally and never travel.
-TEST(DataPath, TwoGatewaysCarryFramesBothWays) {
-    FakePort port_a, port_b;
-    Gateway a(0, std::nullopt, "127.0.0.1", nullptr), b(0, std::nullopt, "127.0.0.1", nullptr);
-    ASSERT_TRUE(a.start(nullptr));
-    ASSERT_TRUE(b.start(nullptr));
-    Endpoint bob_for_a = a.add_member(2, "bob", public_of(b), {}, "alice", 1, 7, std::nullopt);
-    Endpoint alice_for_b = b.add_member(1, "alice", public_of(a), {}, "bob", 2, 7, port_b.address());
+// Two players, directly or with both sides on the relay (each then knows the other by the
+// relay's host and his port on it): what port A sends to the address it was told for B arrives
+// at port B from the address B was told for A, and back; control frames are answered locally
+// and never travel.
+TEST(DataPath, TwoGatewaysCarryFramesBothWaysDirectlyOrThroughTheRelay) {
+    StunRelayServer relay;
+    for (bool relayed : {false, true}) {
+        SCOPED_TRACE(relayed ? "through the relay" : "directly");
+        const std::optional<Endpoint> server = relayed ? std::optional(relay.address()) : std::nullopt;
+        FakePort port_a, port_b;
+        Gateway a(0, server, "127.0.0.1", nullptr), b(0, server, "127.0.0.1", nullptr);
+        a.stun_refresh = b.stun_refresh = 0.2;
+        ASSERT_TRUE(a.start(nullptr));
+        ASSERT_TRUE(b.start(nullptr));
+        ASSERT_TRUE(wait_until([&] { return !relayed || (a.relay_port() != 0 && b.relay_port() != 0); }, 10.0));
+        auto at = [&](const Gateway& g) { return relayed ? Endpoint{"127.0.0.1", g.relay_port()} : public_of(g); };
+        Endpoint bob_for_a = a.add_member(2, "bob", at(b), {}, "alice", 1, 7, std::nullopt);
+        Endpoint alice_for_b = b.add_member(1, "alice", at(a), {}, "bob", 2, 7, port_b.address());
 
-    port_a.send(bob_for_a, 3658, 3658, "ping");
-    EXPECT_TRUE(next_is(port_b, "\x0E\x4A\x0E\x4Aping", alice_for_b));
-    port_b.send(alice_for_b, 5, 300, "pong");  // wide shape on the wire
-    port_a.send_control(bob_for_a, "NIMB\x05" "twelve bytes"s);
-    EXPECT_TRUE(next_is(port_a, "\x00\x05\x01\x2Cpong"s, bob_for_a));
+        port_a.send(bob_for_a, 3658, 3658, "ping");
+        EXPECT_TRUE(next_is(port_b, "\x0E\x4A\x0E\x4Aping", alice_for_b));
+        port_b.send(alice_for_b, 5, 300, "pong");  // wide shape on the wire
+        port_a.send_control(bob_for_a, "NIMB\x05" "twelve bytes"s);
+        EXPECT_TRUE(next_is(port_a, "\x00\x05\x01\x2Cpong"s, bob_for_a));
 
-    ASSERT_TRUE(wait_until([&] { return counter(a, 2, &LinkInfo::signaling) == 1; }, 5.0));
-    EXPECT_EQ(counter(a, 2, &LinkInfo::to_peer), 1u);
-    EXPECT_EQ(counter(a, 2, &LinkInfo::to_port), 1u);
-    EXPECT_EQ(counter(b, 1, &LinkInfo::to_peer), 1u);
-    // The echo reached B neither as data nor as control.
-    port_a.send(bob_for_a, 1, 1, "last");
-    EXPECT_TRUE(next_is(port_b, port_frame("last")));
-    for (const auto& c : port_b.controls) EXPECT_NE(c.bytes.substr(4, 5), "NIMB\x06"s);
+        ASSERT_TRUE(wait_until([&] { return counter(a, 2, &LinkInfo::signaling) == 1; }, 5.0));
+        EXPECT_EQ(counter(a, 2, &LinkInfo::to_peer), 1u);
+        EXPECT_EQ(counter(a, 2, &LinkInfo::to_port), 1u);
+        EXPECT_EQ(counter(b, 1, &LinkInfo::to_peer), 1u);
+        // The echo reached B neither as data nor as control.
+        port_a.send(bob_for_a, 1, 1, "last");
+        EXPECT_TRUE(next_is(port_b, port_frame("last")));
+        for (const auto& c : port_b.controls) EXPECT_NE(c.bytes.substr(4, 5), "NIMB\x06"s);
+        if (relayed) EXPECT_GE(relay.relayed(), 3);
 
-    // A frame for a peer whose address is not known yet is counted and dropped.
-    Endpoint ghost = a.add_member(9, "ghost", {}, {}, "alice", 1, 7, std::nullopt);
-    port_a.send(ghost, 1, 1, "lost");
-    EXPECT_TRUE(wait_until([&] { return counter(a, 9, &LinkInfo::to_peer) == 1; }, 5.0));
+        // A frame for a peer whose address is not known yet is counted and dropped.
+        Endpoint ghost = a.add_member(9, "ghost", {}, {}, "alice", 1, 7, std::nullopt);
+        port_a.send(ghost, 1, 1, "lost");
+        EXPECT_TRUE(wait_until([&] { return counter(a, 9, &LinkInfo::to_peer) == 1; }, 5.0));
+    }
 }
 
 TEST_F(OneGateway, PunchesStopOnceThePeerIsHeard) {
@@ -164,24 +175,4 @@ TEST_F(OneGateway, StrangersAndAmbiguousSendersNeverReachThePort) {
     from(stranger, "\xFE" "zqhp\0\0\0"s);
     from(dave, peer_frame("dave"));
     EXPECT_TRUE(next_is(port, port_frame("dave"), dave_sees));
-}
-
-// With both sides holding relay ports, each knows the other by the relay's host and his port on
-// it, and the frames go through the relay.
-TEST(DataPath, TrafficFlowsThroughTheRelay) {
-    StunRelayServer relay;
-    FakePort port_a, port_b;
-    Gateway a(0, relay.address(), "127.0.0.1", nullptr), b(0, relay.address(), "127.0.0.1", nullptr);
-    a.stun_refresh = b.stun_refresh = 0.2;
-    ASSERT_TRUE(a.start(nullptr));
-    ASSERT_TRUE(b.start(nullptr));
-    ASSERT_TRUE(wait_until([&] { return a.relay_port() != 0 && b.relay_port() != 0; }, 10.0));
-
-    Endpoint bob_for_a = a.add_member(2, "bob", {"127.0.0.1", b.relay_port()}, {}, "alice", 1, 7, port_a.address());
-    Endpoint alice_for_b = b.add_member(1, "alice", {"127.0.0.1", a.relay_port()}, {}, "bob", 2, 7, port_b.address());
-    port_a.send(bob_for_a, 1, 2, "over the relay");
-    EXPECT_TRUE(next_is(port_b, "\x00\x01\x00\x02over the relay"s, alice_for_b));
-    port_b.send(alice_for_b, 2, 1, "and back");
-    EXPECT_TRUE(next_is(port_a, "\x00\x02\x00\x01" "and back"s));
-    EXPECT_GE(relay.relayed(), 2);
 }
