@@ -109,15 +109,12 @@ TEST(Framing, EchoAndClockAnswers) {
     clock.replace(38, 4, le(0xCAFEBABE, 4));
     clock.replace(54, 8, le(777, 8));
     std::string names = std::string(r.peer_name.data(), 16) + std::string(r.port_name.data(), 16);
-    struct Step {
-        unsigned char in, out;
-        std::uint64_t time;
-    } steps[] = {{1, 2, 0}, {2, 3, 123456789}, {3, 4, 777}};
-    for (auto s : steps) {
-        clock[5] = static_cast<char>(s.in);
-        std::string expected = "NIMB\x07"s + static_cast<char>(s.out) + names + le(r.hello_token, 4) +
-                               le(0xCAFEBABE, 4) + std::string(8, '\0') + le(s.time, 8);
-        EXPECT_EQ(answer_control(r, clock, 123456789), std::vector{expected}) << "step " << int(s.in);
+    const std::tuple<unsigned char, unsigned char, std::uint64_t> steps[] = {{1, 2, 0}, {2, 3, 123456789}, {3, 4, 777}};
+    for (const auto& [in, out, time] : steps) {
+        clock[5] = static_cast<char>(in);
+        std::string expected = "NIMB\x07"s + static_cast<char>(out) + names + le(r.hello_token, 4) +
+                               le(0xCAFEBABE, 4) + std::string(8, '\0') + le(time, 8);
+        EXPECT_EQ(answer_control(r, clock, 123456789), std::vector{expected}) << "step " << int(in);
     }
     clock[5] = 4;
     EXPECT_TRUE(answer_control(r, clock, 1).empty());
