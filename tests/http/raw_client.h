@@ -7,6 +7,7 @@
 
 #include "http/server.h"
 #include "shell/net.h"
+#include "support/receive.h"
 
 namespace http_test {
 
@@ -32,8 +33,7 @@ public:
     bool connected() const { return connected_; }
 
     bool send(const std::string& bytes) {
-        std::size_t sent = 0;
-        while (sent < bytes.size()) {
+        for (std::size_t sent = 0; sent < bytes.size();) {
             int n = zq::send_some(s_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
             if (n < 1) return false;
             sent += static_cast<std::size_t>(n);
@@ -44,15 +44,15 @@ public:
     // One response; its body is Content-Length bytes unless no_body (the answer to a HEAD).
     RawResponse read_response(bool no_body = false) {
         RawResponse r;
-        std::size_t end;
-        while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
-            if (!receive()) return r;
+        auto has_head = [](const std::string& b) { return b.find("\r\n\r\n") != std::string::npos; };
+        if (!testing_support::receive_until(s_, buffer_, has_head, kSeconds, &gone_)) return r;
+        const std::size_t end = buffer_.find("\r\n\r\n");
         r.head = buffer_.substr(0, end);
         buffer_.erase(0, end + 4);
-        std::size_t length = no_body ? 0 : static_cast<std::size_t>(
+        const std::size_t length = no_body ? 0 : static_cast<std::size_t>(
             http::body_length(http::parse_request_head(r.head).headers, ~std::uint64_t{0}).bytes);
-        while (buffer_.size() < length)
-            if (!receive()) return r;
+        auto has_body = [&](const std::string& b) { return b.size() >= length; };
+        if (!testing_support::receive_until(s_, buffer_, has_body, kSeconds, &gone_)) return r;
         r.body = buffer_.substr(0, length);
         buffer_.erase(0, length);
         r.ok = true;
@@ -60,22 +60,13 @@ public:
     }
 
     // True when the server closes (or resets) the connection with nothing more to read.
-    bool closed_by_peer() { return !receive() && buffer_.empty() && gone_; }
-
-private:
-    bool receive() {
-        std::vector<bool> ready;
-        if (zq::wait_readable({s_}, 15000, ready) < 1) return false;
-        char block[4096];
-        int n = zq::recv_some(s_, block, sizeof block);
-        if (n < 1) {
-            gone_ = true;
-            return false;
-        }
-        buffer_.append(block, static_cast<std::size_t>(n));
-        return true;
+    bool closed_by_peer() {
+        return !testing_support::receive_some(s_, buffer_, zq::steady_seconds() + kSeconds, &gone_) &&
+               buffer_.empty() && gone_;
     }
 
+private:
+    static constexpr double kSeconds = 15.0;
     int port_ = 0;
     zq::Socket s_ = zq::invalid_socket;
     bool connected_ = false;

@@ -1,21 +1,13 @@
 #include "http/upstream.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "support/fake_service.h"
-#include "shell/log.h"
-
-using nlohmann::json;
-using testing_support::FakeService;
-using testing_support::ScriptedAnswer;
+#include "support/log_capture.h"
+#include "support/prelude.h"
 
 namespace {
 
@@ -26,7 +18,6 @@ protected:
         ASSERT_TRUE(service.start(&error)) << error;
         client = std::make_unique<zq::UpstreamClient>(service.base_url());
     }
-    void TearDown() override { zq::set_log_sink(nullptr); }
 
     // The text of the BridgeError that the call raises, or "(none)".
     template <class Call>
@@ -39,28 +30,17 @@ protected:
         return "(none)";
     }
 
-    void capture_log() {
-        zq::set_log_sink([this](const std::string& line) {
-            std::lock_guard<std::mutex> hold(log_lock);
-            log.push_back(line.substr(line.find("] ") + 2));
-        });
-    }
-
     FakeService service;
     std::unique_ptr<zq::UpstreamClient> client;
-    std::mutex log_lock;
-    std::vector<std::string> log;
 };
 
-// The names of ours among the headers, in the order they went out.
-std::vector<std::string> our_headers(const testing_support::RecordedRequest& request) {
-    std::vector<std::string> names;
-    for (const auto& [name, value] : request.headers) {
-        for (const char* ours : {"Content-Type", "Accept", "User-Agent", "X-ZQ-Token", "X-Velmar-Ruleset"}) {
-            if (http::iequals(name, ours)) names.push_back(ours);
-        }
-    }
-    return names;
+// Ours among the headers, "Name: value" in the order they went out.
+std::vector<std::string> our_headers(const RecordedRequest& request) {
+    std::vector<std::string> lines;
+    for (const auto& [name, value] : request.headers)
+        for (const char* ours : {"Content-Type", "Accept", "User-Agent", "X-ZQ-Token", "X-Velmar-Ruleset"})
+            if (http::iequals(name, ours)) lines.push_back(std::string(ours) + ": " + value);
+    return lines;
 }
 
 TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
@@ -72,12 +52,9 @@ TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
     EXPECT_EQ(create.method, "POST");
     EXPECT_EQ(create.path, "/auth/account/create");
     EXPECT_EQ(create.body, R"({"DeviceName":"sarnlink","Name":"bob"})");
-    EXPECT_EQ(our_headers(create),
-              (std::vector<std::string>{"Content-Type", "Accept", "User-Agent", "X-Velmar-Ruleset"}));
-    EXPECT_EQ(create.header("Content-Type"), "application/json");
-    EXPECT_EQ(create.header("Accept"), "application/json");
-    EXPECT_EQ(create.header("User-Agent"), "sarnlink");
-    EXPECT_EQ(create.header("X-Velmar-Ruleset"), "vanilla");
+    EXPECT_EQ(our_headers(create), (std::vector<std::string>{"Content-Type: application/json",
+                                                              "Accept: application/json", "User-Agent: sarnlink",
+                                                              "X-Velmar-Ruleset: vanilla"}));
     // No OnlineId in the answer: the name that was sent stands in.
     EXPECT_EQ(slashed.current_token(), "t0k");
     EXPECT_EQ(slashed.current_online_id(), "bob");
@@ -86,10 +63,9 @@ TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
     service.answer_json("/mp/matching2/heartbeat", {{"ResKind", 0}});
     EXPECT_EQ(slashed.heartbeat("S1", 2), 1);
     auto beat = service.last_request();
-    EXPECT_EQ(our_headers(beat), (std::vector<std::string>{"Content-Type", "Accept", "User-Agent", "X-ZQ-Token",
-                                                            "X-Velmar-Ruleset"}));
-    EXPECT_EQ(beat.header("X-ZQ-Token"), "t0k");
-    EXPECT_EQ(beat.header("User-Agent"), "sarnlink/9.9");
+    EXPECT_EQ(our_headers(beat), (std::vector<std::string>{"Content-Type: application/json",
+                                                            "Accept: application/json", "User-Agent: sarnlink/9.9",
+                                                            "X-ZQ-Token: t0k", "X-Velmar-Ruleset: vanilla"}));
 
     service.answer_json("/auth/recover", {{"ResKind", 0}, {"Token", "t1"}, {"OnlineId", "bob_2"}});
     EXPECT_EQ(slashed.recover_account("bob", "RC-1"), "");
@@ -98,18 +74,13 @@ TEST_F(UpstreamTest, FreshClientSignsInAndThenSendsItsToken) {
 }
 
 TEST_F(UpstreamTest, RequestBodiesCarryTheirKeysWithTheirTypes) {
-    service.set_fallback([](const testing_support::RecordedRequest&) {
+    service.set_fallback([](const RecordedRequest&) {
         return std::optional<ScriptedAnswer>(ScriptedAnswer::json({{"ResKind", 0}}));
     });
     const zq::Endpoint local{"192.168.1.5", 40000}, mapped{"203.0.113.9", 51000};
     const std::uint64_t big_room = 9223372036854775813ull;
 
-    struct Row {
-        const char* path;
-        std::function<void()> call;
-        json expected;
-    };
-    std::vector<Row> rows = {
+    const std::tuple<const char*, std::function<void()>, json> rows[] = {
         {"/mp/matching2/context_start", [&] { client->context_start("me", local, mapped); },
          {{"OnlineId", "me"}, {"SignalingAddr", "192.168.1.5"}, {"SignalingPort", 40000},
           {"MappedAddr", "203.0.113.9"}, {"MappedPort", 51000}}},
@@ -138,51 +109,37 @@ TEST_F(UpstreamTest, RequestBodiesCarryTheirKeysWithTheirTypes) {
          {{"OnlineId", "me"}, {"Cursor", big_room}, {"Categories", json::array({"matching2"})}}},
         {"/np/events/ack", [&] { client->ack_events("me", 12); }, {{"OnlineId", "me"}, {"Cursor", 12}}},
     };
-    for (const auto& row : rows) {
-        row.call();
-        auto sent = service.last_request();
-        EXPECT_EQ(sent.path, row.path);
+    for (const auto& [path, call, expected] : rows) {
+        call();
         // Compact text with keys as they come out of the document: no blank anywhere.
-        EXPECT_EQ(sent.body, row.expected.dump()) << row.path;
+        EXPECT_EQ(service.last_request().path + " " + service.last_request().body, path + (" " + expected.dump()));
     }
 }
 
 TEST_F(UpstreamTest, CheckedAnswersAreClassifiedIntoOneText) {
-    struct Row {
-        const char* path;
-        ScriptedAnswer answer;
-        std::string expected;
-    };
-    std::vector<Row> rows = {
-        {"/np/signaling/resolve", ScriptedAnswer::text(200, "{}"),
-         "/np/signaling/resolve: no account/matching service (HTTP 200)"},
-        {"/np/signaling/resolve", ScriptedAnswer::text(200, "<html>"),
-         "/np/signaling/resolve: no account/matching service (HTTP 200)"},
-        {"/np/signaling/resolve", ScriptedAnswer::text(204, ""),
-         "/np/signaling/resolve: no account/matching service (HTTP 204)"},
-        {"/np/signaling/resolve", ScriptedAnswer::text(201, "[0]"),
-         "/np/signaling/resolve: no account/matching service (HTTP 201)"},
-        {"/mp/matching2/heartbeat", ScriptedAnswer::text(503, "<html>"), "/mp/matching2/heartbeat: HTTP 503 "},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 2}}), "/mp/matching2/join_room: refused: unknown"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 3}, {"Message", "full"}}),
-         "/mp/matching2/join_room: refused: full"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", nullptr}}),
-         "/mp/matching2/join_room: refused: unknown"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 1}, {"Message", 42}}),
-         "/mp/matching2/join_room: refused: 42"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 0}, {"Message", "x"}}, 409),
-         "/mp/matching2/join_room: HTTP 409 x"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 0}}, 401), "/mp/matching2/join_room: HTTP 401 "},
-        {"/mp/matching2/join_room", ScriptedAnswer::text(302, ""), "/mp/matching2/join_room: HTTP 302 "},
+    const std::pair<ScriptedAnswer, std::string> rows[] = {
+        {ScriptedAnswer::text(200, "{}"), "no account/matching service (HTTP 200)"},
+        {ScriptedAnswer::text(200, "<html>"), "no account/matching service (HTTP 200)"},
+        {ScriptedAnswer::text(204, ""), "no account/matching service (HTTP 204)"},
+        {ScriptedAnswer::text(201, "[0]"), "no account/matching service (HTTP 201)"},
+        {ScriptedAnswer::text(503, "<html>"), "HTTP 503 "},
+        {ScriptedAnswer::json({{"ResKind", 2}}), "refused: unknown"},
+        {ScriptedAnswer::json({{"ResKind", 3}, {"Message", "full"}}), "refused: full"},
+        {ScriptedAnswer::json({{"ResKind", nullptr}}), "refused: unknown"},
+        {ScriptedAnswer::json({{"ResKind", 1}, {"Message", 42}}), "refused: 42"},
+        {ScriptedAnswer::json({{"ResKind", 0}, {"Message", "x"}}, 409), "HTTP 409 x"},
+        {ScriptedAnswer::json({{"ResKind", 0}}, 401), "HTTP 401 "},
+        {ScriptedAnswer::text(302, ""), "HTTP 302 "},
         // Lenient ResKind: these all count as 0.
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", false}}), "(none)"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", "0"}}), "(none)"},
-        {"/mp/matching2/join_room", ScriptedAnswer::json({{"ResKind", 0.4}}), "(none)"},
+        {ScriptedAnswer::json({{"ResKind", false}}), ""},
+        {ScriptedAnswer::json({{"ResKind", "0"}}), ""},
+        {ScriptedAnswer::json({{"ResKind", 0.4}}), ""},
     };
-    for (const auto& row : rows) {
-        service.answer(row.path, row.answer);
-        EXPECT_EQ(error_of([&] { client->post_checked(row.path, json::object(), 8000); }), row.expected)
-            << row.answer.status << " " << row.answer.body;
+    for (const auto& [answer, expected] : rows) {
+        service.answer("/mp/matching2/join_room", answer);
+        EXPECT_EQ(error_of([&] { client->post_checked("/mp/matching2/join_room", json::object(), 8000); }),
+                  expected.empty() ? "(none)" : "/mp/matching2/join_room: " + expected)
+            << answer.status << " " << answer.body;
     }
 
     service.answer_json("/mp/matching2/create_room", {{"ResKind", 0}, {"RoomId", 77}});
@@ -265,7 +222,7 @@ TEST_F(UpstreamTest, PollReadsEventAndCursorAndAckNeverThrows) {
     service.answer("/np/events/poll", ScriptedAnswer::text(302, ""));
     EXPECT_EQ(error_of([&] { client->poll_events("me", 5, event); }), "/np/events/poll: HTTP 302");
 
-    capture_log();
+    LogCapture log;
     service.answer("/np/events/ack", ScriptedAnswer::dropped());
     EXPECT_NO_THROW(client->ack_events("me", 9));
     service.answer("/np/events/ack", ScriptedAnswer::text(500, "<html>"));
@@ -273,10 +230,9 @@ TEST_F(UpstreamTest, PollReadsEventAndCursorAndAckNeverThrows) {
     service.answer_json("/mp/matching2/signaling_update", {{"ResKind", 1}, {"Message", "nope"}});
     EXPECT_NO_THROW(client->signaling_update("me", {"203.0.113.9", 1}, "S", 1));
 
-    std::lock_guard<std::mutex> hold(log_lock);
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0].rfind("event ack failed: /np/events/ack: ", 0), 0u) << log[0];
-    EXPECT_EQ(log[1], "signaling_update failed: /mp/matching2/signaling_update: refused: nope");
+    ASSERT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.count_containing("] event ack failed: /np/events/ack: "), 1);
+    EXPECT_EQ(log.count("signaling_update failed: /mp/matching2/signaling_update: refused: nope"), 1);
 }
 
 }  // namespace

@@ -1,19 +1,12 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
+#include <tuple>
 
 #include "launcher/overrides.h"
 #include "launcher/route.h"
+#include "support/prelude.h"
 #include "support/process.h"
 
-namespace fs = std::filesystem;
-
 TEST(ExtraEnv, EditsOneNameAndNormalisesBlanks) {
-    struct Case {
-        std::string text;
-        std::optional<std::string> value;
-        std::string expected;
-    } cases[] = {
+    const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
         {"", "3658", "NIMBRA7_P2P_PORT=3658"},
         {"", std::nullopt, ""},
         {"A=1  NIMBRA7_P2P_PORT=9 B=2", "3658", "A=1 B=2 NIMBRA7_P2P_PORT=3658"},
@@ -23,16 +16,13 @@ TEST(ExtraEnv, EditsOneNameAndNormalisesBlanks) {
         {"NIMBRA7_P2P_PORT NIMBRA7_P2P_PORTX=1", std::nullopt, "NIMBRA7_P2P_PORT NIMBRA7_P2P_PORTX=1"},
         {"\tA=1\r\n B=2  ", std::nullopt, "A=1 B=2"},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(zq::edit_extra_env(c.text, "NIMBRA7_P2P_PORT", c.value), c.expected) << '"' << c.text << '"';
+    for (const auto& [text, value, expected] : cases)
+        EXPECT_EQ(zq::edit_extra_env(text, "NIMBRA7_P2P_PORT", value), expected) << '"' << text << '"';
 }
 
 TEST(Overrides, OwnFilesAreRecognisedByTheirMark) {
-    testing_support::TempDir dir;
-    struct Case {
-        const char* content;  // nullptr: no file
-        bool own;
-    } cases[] = {
+    TempDir dir;
+    const std::pair<const char*, bool> cases[] = {  // no content: no file
         {R"({"_sarnlink": "x", "https://a:1": "http://b:2"})", true},
         {R"({"_note": "sarnlink: old"})", true},
         {R"({"_note": "sarnlink:"})", true},
@@ -44,10 +34,9 @@ TEST(Overrides, OwnFilesAreRecognisedByTheirMark) {
         {nullptr, false},
     };
     int n = 0;
-    for (const auto& c : cases) {
-        fs::path path = dir.path() / ("case" + std::to_string(n++) + ".json");
-        if (c.content) std::ofstream(path, std::ios::binary) << c.content;
-        EXPECT_EQ(zq::is_own_overrides(path), c.own) << (c.content ? c.content : "(no file)");
+    for (const auto& [content, own] : cases) {
+        const auto path = dir.path() / ("case" + std::to_string(n++) + ".json");
+        if (content) write_file(path, content);
+        EXPECT_EQ(zq::is_own_overrides(path), own) << (content ? content : "(no file)");
     }
-
 }

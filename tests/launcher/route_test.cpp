@@ -1,22 +1,13 @@
 // The --route command as a user runs it: sarnlink-cli as a child process, with APPDATA pointing
 // at a temporary roaming folder that holds the launcher's settings, beside a game folder.
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <sstream>
-
-#include <nlohmann/json.hpp>
 
 #include "launcher/discovery.h"
 #include "shell/deployment.h"
-#include "support/files.h"
+#include "support/prelude.h"
 #include "support/process.h"
 
 using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
-
-using testing_support::read_file;
-using testing_support::write_file;
 
 namespace {
 
@@ -28,7 +19,7 @@ std::vector<std::string> keys_of(const Json& doc) {
 
 class Route : public ::testing::Test {
 protected:
-    testing_support::TempDir root;
+    TempDir root;
     fs::path roaming = root.path() / "roaming";
     fs::path settings = roaming / "orlond-launcher" / "settings.json";
     fs::path game = root.path() / "game";
@@ -39,12 +30,11 @@ protected:
 
     // Paths go to the child as the test's own native text: under Wine the temporary folder is
     // already a Windows path (C:\users\...), which is what a Windows child needs in APPDATA.
-    testing_support::ProcessResult route(const std::string& value, const std::vector<std::string>& extra = {},
-                                         const std::optional<std::string>& appdata = std::nullopt) {
+    ProcessResult route(const std::string& value, const std::vector<std::string>& extra = {},
+                        const std::optional<std::string>& appdata = std::nullopt) {
         std::vector<std::string> args{"--route", value};
         args.insert(args.end(), extra.begin(), extra.end());
-        return testing_support::run_process(testing_support::cli_path(), args, root.path(),
-                                            {{"APPDATA", appdata.value_or(zq::path_to_utf8(roaming))}});
+        return run_process(cli_path(), args, root.path(), {{"APPDATA", appdata.value_or(zq::path_to_utf8(roaming))}});
     }
     std::string ok(int routed) { return "ok: orlond " + zq::path_to_utf8(game) + ", routed=" + std::to_string(routed) + "\n"; }
 };
@@ -57,13 +47,9 @@ TEST_F(Route, OnTwiceThenOffRestoresTheUsersSettings) {
     write_file(game / "Duskhallow.exe", "MZ");
     const std::string users_overrides = "{ \"https://mine.example:443\":   \"http://127.0.0.1:9\" }";
     write_file(overrides, users_overrides);
-    const Json original = {{"game_dir", exe_text},
-                           {"online", false},
-                           {"online_server", "oak:31313"},
-                           {"online_webapi", "https://web.oak"},
-                           {"online_password", "hunter2"},
-                           {"online_npid", "Wren"},
-                           {"extra_env", "A=1  NIMBRA7_P2P_PORT=9 B=2"},
+    const Json original = {{"game_dir", exe_text}, {"online", false}, {"online_server", "oak:31313"},
+                           {"online_webapi", "https://web.oak"}, {"online_password", "hunter2"},
+                           {"online_npid", "Wren"}, {"extra_env", "A=1  NIMBRA7_P2P_PORT=9 B=2"},
                            {"window", {{"w", 1280}}}};
     write_file(settings, original.dump(4));
 
@@ -113,7 +99,7 @@ TEST_F(Route, OffWithoutBackupFallsBackToTheRuntimeService) {
 TEST_F(Route, DiscoveryFailuresAndCandidates) {
     const fs::path coop = roaming / "orlond-launcher-coop" / "settings.json";
     const std::vector<std::string> at_game{"--orlond", zq::path_to_utf8(game)};
-    auto fails_with = [&](const std::string& message, const testing_support::ProcessResult& r) {
+    auto fails_with = [&](const std::string& message, const ProcessResult& r) {
         EXPECT_EQ(r.exit_code, 1) << message;
         EXPECT_EQ(r.output, "failed: " + message + "\n");
     };

@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-
 #include "p2p/gateway.h"
 #include "support/fake_port.h"
 #include "support/log_capture.h"
-#include "support/wait.h"
+#include "support/prelude.h"
 
-using testing_support::FakePort;
-using testing_support::LogCapture;
-using testing_support::wait_until;
 using zq::Endpoint;
 using zq::p2p::Gateway;
 using zq::p2p::LinkInfo;
@@ -20,12 +15,6 @@ std::optional<LinkInfo> row(const Gateway& g, int member_id) {
     return std::nullopt;
 }
 
-std::uint32_t le32(const std::string& s, std::size_t at) {
-    std::uint32_t v = 0;
-    for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<unsigned char>(s[at + i]);
-    return v;
-}
-
 }  // namespace
 
 TEST(Gateway, MembersAreUpdatedRekeyedAndReplaced) {
@@ -33,21 +22,19 @@ TEST(Gateway, MembersAreUpdatedRekeyedAndReplaced) {
     Gateway g(0, std::nullopt, "192.168.1.5", nullptr);
     ASSERT_TRUE(g.start(nullptr));
     EXPECT_TRUE(log.contains(zq::format_text("p2p: gateway on udp :%d (velmar framing)", g.port)));
-    EXPECT_NE(g.port, 0);
-    EXPECT_EQ(g.relay_port(), 0);
-    EXPECT_FALSE(g.mapped_address());
     auto [lan, pub] = g.own_endpoints();
     EXPECT_EQ(lan, (Endpoint{"192.168.1.5", g.port}));
     EXPECT_EQ(pub, lan);
+    auto add = [&](int id, const std::string& name, const Endpoint& at = {}) {
+        return g.add_member(id, name, at, {}, "alice", 1, 77, std::nullopt);
+    };
 
     // The same member twice: one link, one line, one socket.
     Endpoint first = g.add_member(2, "bob", {"203.0.113.9", 4000}, {"10.0.0.9", 4000}, "alice", 1, 77, std::nullopt);
     EXPECT_EQ(first.host, "127.0.0.1");
-    EXPECT_NE(first.port, 0);
     EXPECT_EQ(g.add_member(2, "bob", {"", 0}, {}, "alice", 0, 0, std::nullopt), first);
-    EXPECT_EQ(log.count(zq::format_text("p2p: member 2 (bob) at 203.0.113.9:4000 -> port sees 127.0.0.1:%d",
-                                        first.port)),
-              1);
+    EXPECT_TRUE(
+        log.contains(zq::format_text("p2p: member 2 (bob) at 203.0.113.9:4000 -> port sees 127.0.0.1:%d", first.port)));
     EXPECT_EQ(log.count_containing("p2p: member 2 (bob) at"), 1);
     ASSERT_TRUE(row(g, 2));
     EXPECT_EQ(row(g, 2)->endpoint, (Endpoint{"203.0.113.9", 4000}));
@@ -57,30 +44,28 @@ TEST(Gateway, MembersAreUpdatedRekeyedAndReplaced) {
     EXPECT_FALSE(g.port_address_of("bo"));
 
     // A provisional link moves to the real id and keeps its socket.
-    Endpoint provisional = g.add_member(-5, "carol", {}, {}, "alice", 1, 77, std::nullopt);
+    Endpoint provisional = add(-5, "carol");
     EXPECT_TRUE(log.contains(zq::format_text("p2p: member -5 (carol) at ?:0 -> port sees 127.0.0.1:%d", provisional.port)));
     EXPECT_EQ(row(g, -5)->peer_member, 0u);
-    EXPECT_EQ(g.add_member(3, "carol", {"198.51.100.1", 5000}, {}, "alice", 1, 77, std::nullopt), provisional);
+    EXPECT_EQ(add(3, "carol", {"198.51.100.1", 5000}), provisional);
     EXPECT_FALSE(row(g, -5));
     EXPECT_EQ(row(g, 3)->peer_member, 3u);
     EXPECT_EQ(row(g, 3)->endpoint, (Endpoint{"198.51.100.1", 5000}));
 
     // A provisional link and another link under the real id: the provisional one takes the id.
-    Endpoint erin = g.add_member(4, "erin", {}, {}, "alice", 1, 77, std::nullopt);
-    Endpoint dave = g.add_member(-9, "dave", {}, {}, "alice", 1, 77, std::nullopt);
-    EXPECT_EQ(g.add_member(4, "dave", {}, {}, "alice", 1, 77, std::nullopt), dave);
+    Endpoint erin = add(4, "erin"), dave = add(-9, "dave");
+    EXPECT_EQ(add(4, "dave"), dave);
     EXPECT_EQ(row(g, 4)->online_id, "dave");
     EXPECT_FALSE(row(g, -9));
     EXPECT_FALSE(g.port_address_of("erin"));
     EXPECT_NE(erin, dave);
 
     // Same id, another person: a new socket.
-    Endpoint frank = g.add_member(2, "frank", {}, {}, "alice", 1, 77, std::nullopt);
-    EXPECT_NE(frank, first);
+    EXPECT_NE(add(2, "frank"), first);
     EXPECT_FALSE(g.port_address_of("bob"));
 
     // retain_members keeps exactly the named ones, the empty name included.
-    g.add_member(0, "", {}, {}, "alice", 1, 77, std::nullopt);
+    add(0, "");
     g.retain_members({"", "carol"});
     std::vector<int> ids;
     for (const auto& r : g.links_snapshot()) ids.push_back(r.member_id);
@@ -106,14 +91,14 @@ TEST(Gateway, HellosToThePortStopOnceItAnswers) {
     EXPECT_EQ(hello->from, sees);
     ASSERT_EQ(hello->bytes.size(), 54u);
     EXPECT_EQ(hello->bytes.substr(0, 10), std::string("\xFF\xFF\xFF\xFFNIMB\x10\x01", 10));
-    EXPECT_EQ(le32(hello->bytes, 4 + 38), 0x4242u);
+    EXPECT_EQ(hello->bytes.substr(42, 4), "\x42\x42\0\0"s);  // the hello token
 
     // Real id and a room: the room hello joins in; the token stays that of creation.
     EXPECT_EQ(g.add_member(8, "bob", {}, {}, "alice", 1, 99, FakePort().address()), sees);
     bool room_hello = wait_until([&] {
         auto d = port.receive(0.5);
         if (d && d->bytes.size() == 54 && d->bytes[8] == 33) return true;
-        if (d && d->bytes[8] == 16) EXPECT_EQ(le32(d->bytes, 4 + 38), 0x4242u);
+        if (d && d->bytes[8] == 16) EXPECT_EQ(d->bytes.substr(42, 4), "\x42\x42\0\0"s);
         return false;
     }, 5.0);
     EXPECT_TRUE(room_hello);

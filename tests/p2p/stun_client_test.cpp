@@ -1,50 +1,32 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
 #include <mutex>
 #include <stdexcept>
 
 #include "p2p/gateway.h"
-#include "support/process.h"  // before wait.h: it declares wait_until with its default
 #include "support/fake_port.h"
+#include "support/host.h"
 #include "support/log_capture.h"
+#include "support/prelude.h"
+#include "support/process.h"
 #include "support/stun_relay_server.h"
-#include "support/wait.h"
 
-using testing_support::LogCapture;
-using testing_support::StunRelayServer;
-using testing_support::wait_until;
 using zq::Endpoint;
 using zq::p2p::Gateway;
-
-namespace {
-
-struct Told {
-    std::mutex lock;
-    std::vector<Endpoint> addresses;
-    std::size_t size() {
-        std::lock_guard<std::mutex> guard(lock);
-        return addresses.size();
-    }
-    Endpoint at(std::size_t i) {
-        std::lock_guard<std::mutex> guard(lock);
-        return addresses.at(i);
-    }
-};
-
-}  // namespace
 
 // The relay is on while the server's answers grant it and off with the first that doesn't;
 // the mapped address is told to the owner once per change, and a failing callback is survived.
 TEST(StunClient, LearnsItsAddressAndHoldsTheRelayWhileGranted) {
     LogCapture log;
     StunRelayServer server;
-    Told told;
+    std::mutex told_lock;
+    std::vector<Endpoint> told;  // guarded by told_lock
+    auto told_so_far = [&] {
+        std::lock_guard<std::mutex> guard(told_lock);
+        return told;
+    };
     Gateway g(0, server.address(), "127.0.0.1", [&](const Endpoint& e) {
-        std::lock_guard<std::mutex> guard(told.lock);
-        told.addresses.push_back(e);
-        if (told.addresses.size() == 2) throw std::runtime_error("boom");
+        std::lock_guard<std::mutex> guard(told_lock);
+        told.push_back(e);
+        if (told.size() == 2) throw std::runtime_error("boom");
     });
     g.stun_refresh = 0.1;
     ASSERT_TRUE(g.start(nullptr));
@@ -55,19 +37,15 @@ TEST(StunClient, LearnsItsAddressAndHoldsTheRelayWhileGranted) {
     EXPECT_EQ(g.own_endpoints().second, self);
     EXPECT_TRUE(log.contains(zq::format_text("p2p: relay on, our port on it is %d", g.relay_port())));
     EXPECT_TRUE(log.contains("p2p: STUN sees us as " + self.text()));
-    auto lines = log.lines();
-    auto line_of = [&](const std::string& text) {
-        return std::find_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != l.npos; });
-    };
-    EXPECT_LT(line_of("p2p: relay on, our port on it is " + std::to_string(g.relay_port())),
-              line_of("p2p: STUN sees us as " + self.text()));
+    std::string all;
+    for (const auto& line : log.lines()) all += line;
+    EXPECT_LT(all.find("p2p: relay on, our port on it is "), all.find("p2p: STUN sees us as "));
 
     // Later requests carry the granted token; the same answer again changes nothing.
     int requests = server.binding_requests();
     ASSERT_TRUE(wait_until([&] { return server.binding_requests() >= requests + 3; }, 10.0));
     EXPECT_NE(server.last_request_token(), std::string(8, '\0'));
-    EXPECT_EQ(told.size(), 1u);
-    EXPECT_EQ(told.at(0), self);
+    EXPECT_EQ(told_so_far(), std::vector<Endpoint>{self});
     EXPECT_EQ(log.count_containing("p2p: relay on"), 1);
     EXPECT_EQ(log.count_containing("p2p: STUN sees us as"), 1);
 
@@ -79,16 +57,15 @@ TEST(StunClient, LearnsItsAddressAndHoldsTheRelayWhileGranted) {
     server.set_reported(nat);
     ASSERT_TRUE(wait_until([&] { return log.contains("p2p: mapped-change callback failed: boom"); }, 10.0));
     EXPECT_EQ(g.mapped_address(), nat);
-    EXPECT_EQ(told.at(1), nat);
+    EXPECT_EQ(told_so_far().at(1), nat);
     server.set_reported(Endpoint{"203.0.113.5", 6001});
-    EXPECT_TRUE(wait_until([&] { return told.size() == 3; }, 10.0));
+    EXPECT_TRUE(wait_until([&] { return told_so_far().size() == 3; }, 10.0));
 }
 
 // An answer that carries the right transaction counts only from the server that was asked.
 TEST(StunClient, AnAnswerFromAnotherAddressIsIgnored) {
-    using namespace std::string_literals;
     LogCapture log;
-    testing_support::FakePort server, stranger;
+    FakePort server, stranger;
     Gateway g(0, server.address(), "127.0.0.1", nullptr);
     g.stun_refresh = 1000.0;  // the one request of the first pass
     ASSERT_TRUE(g.start(nullptr));
@@ -110,18 +87,14 @@ TEST(StunClient, AnAnswerFromAnotherAddressIsIgnored) {
 // A real STUN server's answer (XOR-MAPPED-ADDRESS) is understood, and the private attribute
 // that it doesn't know is harmless.
 TEST(StunClient, LearnsItsAddressFromCoturn) {
-#ifdef _WIN32
-    GTEST_SKIP() << "coturn is a Linux program and does not run under Wine";
-#endif
+    if (running_under_wine()) GTEST_SKIP() << "coturn is a Linux program and does not run under Wine";
     const std::filesystem::path turnserver = "/usr/bin/turnserver";
     ASSERT_TRUE(std::filesystem::exists(turnserver)) << "install coturn (scripts/install-deps.sh)";
-    testing_support::TempDir dir;
+    TempDir dir;
 
     // A port that was free a moment ago; should coturn lose it, the deadline below says so.
-    Endpoint probe;
-    zq::Socket s = zq::p2p::bind_udp("127.0.0.1", 0, probe);
-    zq::close_socket(s);
-    testing_support::Process coturn(
+    const Endpoint probe{"127.0.0.1", free_port(false)};
+    Process coturn(
         turnserver,
         {"-n", "--listening-ip=127.0.0.1", "--listening-port=" + std::to_string(probe.port), "--no-tls",
          "--no-dtls", "--no-tcp", "--no-cli", "--no-auth", "--log-file=stdout", "--simple-log",

@@ -1,43 +1,33 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "shell/util.h"
 #include "support/fake_port.h"
-#include "support/files.h"
 #include "support/host.h"
-#include "support/ports.h"
+#include "support/prelude.h"
 #include "support/process.h"
-
-using testing_support::FakePort;
-using testing_support::Process;
-using testing_support::TempDir;
 
 // The console may go away under a running bridge, as a pipe whose reader has ended does. The
 // bridge goes on serving, and ends as usual when asked to.
 TEST(BrokenPipe, TheBridgeOutlivesAClosedStandardOutput) {
-    if (testing_support::running_under_wine()) GTEST_SKIP() << "Windows raises no signal for a closed pipe";
-    const auto sh = testing_support::find_program("sh");
-    const auto kill = testing_support::find_program("kill");
+    if (running_under_wine()) GTEST_SKIP() << "Windows raises no signal for a closed pipe";
+    const auto sh = find_program("sh");
+    const auto kill = find_program("kill");
     if (sh.empty() || kill.empty()) GTEST_SKIP() << "needs sh and kill";
 
     TempDir dir;
-    const int udp_port = testing_support::free_port(false);
-    testing_support::write_file(
-        dir.path() / "sarnlink_config.json",
-        zq::format_text(R"({"tcp_port": 0, "udp_port": %d, "webapi_port": 0, "p2p_gateway": 0,
-                            "game_proxy_routes": {}})",
-                        udp_port));
+    const int udp_port = free_port(false);
+    write_file(dir.path() / "sarnlink_config.json",
+               zq::format_text(R"({"tcp_port": 0, "udp_port": %d, "webapi_port": 0, "p2p_gateway": 0,
+                                   "game_proxy_routes": {}})",
+                               udp_port));
     // The reader takes the bridge's first line and ends; every later line meets a closed pipe.
-    testing_support::write_file(dir.path() / "pipe.sh",
-                                "{\n"
-                                "  sh -c 'echo \"bridge $$\" >&2; exec \"$0\" --config sarnlink_config.json' \"$1\"\n"
-                                "  echo \"bridge ended $?\" >&2\n"
-                                "} | {\n"
-                                "  head -n 1 >/dev/null\n"
-                                "  echo \"reader gone\" >&2\n"
-                                "}\n");
-    Process shell(sh, {(dir.path() / "pipe.sh").string(), testing_support::cli_path().string()}, dir.path());
+    write_file(dir.path() / "pipe.sh",
+               "{\n"
+               "  sh -c 'echo \"bridge $$\" >&2; exec \"$0\" --config sarnlink_config.json' \"$1\"\n"
+               "  echo \"bridge ended $?\" >&2\n"
+               "} | {\n"
+               "  head -n 1 >/dev/null\n"
+               "  echo \"reader gone\" >&2\n"
+               "}\n");
+    Process shell(sh, {(dir.path() / "pipe.sh").string(), cli_path().string()}, dir.path());
     ASSERT_TRUE(shell.wait_for_output("reader gone\n")) << shell.output();
     std::string out = shell.output();
     std::size_t at = out.find("bridge ");
@@ -57,7 +47,7 @@ TEST(BrokenPipe, TheBridgeOutlivesAClosedStandardOutput) {
         }
         ASSERT_TRUE(answered) << id << "\n" << shell.output();
     }
-    EXPECT_EQ(testing_support::run_process(kill, {"-TERM", pid}, dir.path()).exit_code, 0);
+    EXPECT_EQ(run_process(kill, {"-TERM", pid}, dir.path()).exit_code, 0);
     EXPECT_EQ(shell.wait(20.0), 0) << shell.output();
     EXPECT_NE(shell.output().find("bridge ended 0\n"), std::string::npos) << shell.output();
 }

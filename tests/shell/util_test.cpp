@@ -1,50 +1,32 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "shell/log.h"
 #include "shell/net.h"
 #include "shell/platform.h"
 #include "shell/util.h"
-#include "support/files.h"
+#include "support/host.h"
+#include "support/log_capture.h"
+#include "support/prelude.h"
 #include "support/process.h"
 
-using nlohmann::json;
-
-using testing_support::read_file;
-using testing_support::write_file;
-
-TEST(Util, JsonReaders) {
+TEST(Util, JsonReadersTextAndAddresses) {
     json doc = json::parse(R"({"a": "12ab", "b": "ab12", "c": 1.9, "d": -1.9, "e": 5, "f": null,
         "g": true, "h": {"x": 1}, "i": "", "j": "99999999999999999999", "k": 18446744073709551615})");
-    EXPECT_EQ(zq::json_int(doc, "a", 7), 12);
-    EXPECT_EQ(zq::json_int(doc, "b", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "c", 7), 1);
-    EXPECT_EQ(zq::json_int(doc, "d", 7), -1);
-    EXPECT_EQ(zq::json_int(doc, "f", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "g", 7), 1);
-    EXPECT_EQ(zq::json_int(doc, "h", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "i", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "j", 7), 7);
-    EXPECT_EQ(zq::json_int(doc, "missing", 7), 7);
+    std::vector<std::int64_t> ints;
+    for (const char* key : {"a", "b", "c", "d", "f", "g", "h", "i", "j", "missing"})
+        ints.push_back(zq::json_int(doc, key, 7));
+    EXPECT_EQ(ints, (std::vector<std::int64_t>{12, 7, 1, -1, 7, 1, 7, 7, 7, 7}));
     EXPECT_EQ(zq::json_int(json::array({1}), "a", 7), 7);
-    EXPECT_EQ(zq::json_text(doc, "e", "x"), "5");
-    EXPECT_EQ(zq::json_text(doc, "f", "x"), "x");
-    EXPECT_EQ(zq::json_text(doc, "g", "x"), "true");
-    EXPECT_EQ(zq::json_text(doc, "h", "x"), R"({"x":1})");
-    EXPECT_EQ(zq::json_text(doc, "k", "x"), "18446744073709551615");
+    std::vector<std::string> texts;
+    for (const char* key : {"e", "f", "g", "h", "k"}) texts.push_back(zq::json_text(doc, key, "x"));
+    EXPECT_EQ(texts, (std::vector<std::string>{"5", "x", "true", R"({"x":1})", "18446744073709551615"}));
     EXPECT_FALSE(zq::json_has(doc, "f"));
     EXPECT_EQ(zq::format_text("%s-%03d", "a", 7), "a-007");
     EXPECT_EQ(zq::format_text("%s", ""), "");
     EXPECT_EQ(zq::wide_to_utf8(zq::utf8_to_wide("Grüße ✓")), "Grüße ✓");
-}
 
-TEST(Util, SocketAddresses) {
-    zq::Endpoint e = zq::from_sockaddr(zq::to_sockaddr({"10.1.2.3", 70000}));
-    EXPECT_EQ(e, (zq::Endpoint{"10.1.2.3", 4464}));
+    EXPECT_EQ(zq::from_sockaddr(zq::to_sockaddr({"10.1.2.3", 70000})), (zq::Endpoint{"10.1.2.3", 4464}));
     EXPECT_EQ(zq::from_sockaddr(zq::to_sockaddr({"localhost", 80})), (zq::Endpoint{"0.0.0.0", 80}));
     EXPECT_EQ(zq::resolve_ipv4("127.0.0.1"), "127.0.0.1");
     EXPECT_FALSE(zq::local_ipv4().empty());
@@ -53,25 +35,11 @@ TEST(Util, SocketAddresses) {
     EXPECT_FALSE((zq::Endpoint{"", 5}).usable());
 }
 
-// A second bind of a port that is held must fail on both systems: that is what stops a
-// second copy of the program.
-TEST(Util, SecondBindFails) {
-    ASSERT_TRUE(zq::network_init());
-    zq::Socket first = zq::open_tcp_socket();
-    zq::set_exclusive_address(first, true);
-    ASSERT_TRUE(zq::bind_socket(first, zq::to_sockaddr({"127.0.0.1", 0})));
-    ASSERT_TRUE(zq::listen_socket(first, 8));
-    zq::SockAddr held;
-    ASSERT_TRUE(zq::local_address(first, &held));
-    zq::Socket second = zq::open_tcp_socket();
-    zq::set_exclusive_address(second, true);
-    EXPECT_FALSE(zq::bind_socket(second, held));
-    zq::close_socket(second);
-    zq::close_socket(first);
-}
-
+// Indented by 2 with raw UTF-8; a document that cannot be written, or a write that cannot
+// complete, leaves the old file whole. A folder in the way of the temporary file stands for a
+// medium that refuses writes (root ignores read-only folders).
 TEST(Util, WriteJsonAtomic) {
-    testing_support::TempDir dir;
+    TempDir dir;
     auto target = dir.path() / "state.json";
     ASSERT_TRUE(zq::write_json_atomic(target, json{{"b", "ü"}, {"a", 1}}, false));
     EXPECT_EQ(read_file(target), "{\n  \"a\": 1,\n  \"b\": \"ü\"\n}");
@@ -81,25 +49,43 @@ TEST(Util, WriteJsonAtomic) {
     EXPECT_THROW(zq::write_json_atomic(target, json{{"a", std::string("\xff")}}, false), json::exception);
     EXPECT_EQ(read_file(target), "{}\n");
     EXPECT_FALSE(zq::write_json_atomic(dir.path() / "missing" / "x.json", json::object(), false));
-}
-
-// A write that cannot complete leaves the old file whole. A folder in the way of the
-// temporary file stands for a medium that refuses writes (root ignores read-only folders).
-TEST(Util, FailedWriteLeavesTheFile) {
-    testing_support::TempDir dir;
-    auto target = dir.path() / "state.json";
-    ASSERT_TRUE(zq::write_json_atomic(target, json{{"a", 1}}, false));
     std::filesystem::create_directory(dir.path() / "state.json.tmp");
     EXPECT_FALSE(zq::write_json_atomic(target, json{{"a", 2}}, false));
-    EXPECT_EQ(read_file(target), "{\n  \"a\": 1\n}");
+    EXPECT_EQ(read_file(target), "{}\n");
+    // A plain file left by a write that was cut short does not block the next one.
+    std::filesystem::remove(dir.path() / "state.json.tmp");
+    write_file(dir.path() / "state.json.tmp", "{ cut");
+    EXPECT_TRUE(zq::write_json_atomic(target, json::object(), false));
+    EXPECT_EQ(read_file(target), "{}");
+}
+
+// The state file holds tokens: other users of the machine must not read it, and a link planted
+// where its temporary file goes must not redirect the write.
+TEST(Util, WriteJsonAtomicForItsOwnerOnlyAndNeverThroughALink) {
+    if (!posix_files())
+        GTEST_SKIP() << "POSIX file modes do not exist on Windows (nor under Wine); there the file stays in the "
+                        "user's own profile";
+    namespace fs = std::filesystem;
+    TempDir dir;
+    const fs::path state = dir.path() / "state.json", victim = dir.path() / "victim.txt";
+    write_file(state, "{}");
+    fs::permissions(state, fs::perms(0644));
+    ASSERT_TRUE(zq::write_json_atomic(state, json{{"accounts", json::object()}}, false));
+    EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms(0600));
+
+    write_file(victim, "keep");
+    fs::create_symlink(victim, dir.path() / "state.json.tmp");
+    EXPECT_FALSE(zq::write_json_atomic(state, json::object(), false));
+    EXPECT_EQ(read_file(victim), "keep");
+    EXPECT_EQ(read_file(state), "{\n  \"accounts\": {}\n}");
 }
 
 // Each start turns the old log over once: one generation of history, named from the stem
-// before the last ".log".
-TEST(Util, LogTurnover) {
-    testing_support::TempDir dir;
-    std::vector<std::string> seen;
-    zq::set_log_sink([&](const std::string& line) { seen.push_back(line); });
+// before the last ".log". A stranger who triggers one cause over and over gets a handful of
+// lines, not one each, and does not silence the other causes.
+TEST(Util, LogTurnoverAndLimits) {
+    TempDir dir;
+    LogCapture log;
     auto run = dir.path() / "run.log";
     zq::open_log_file(run);
     zq::log_line("first run");
@@ -110,7 +96,7 @@ TEST(Util, LogTurnover) {
     zq::open_log_file(odd);
     zq::open_log_file(dir.path() / "nowhere" / "x.log");
     zq::log_line("console only");
-    zq::set_log_sink(nullptr);
+    const std::vector<std::string> seen = log.lines();
 
     EXPECT_NE(read_file(dir.path() / "run.prev.log").find(" [sarnlink] first run\n"), std::string::npos);
     std::string current = read_file(run);
@@ -119,20 +105,12 @@ TEST(Util, LogTurnover) {
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[2].substr(8), " [sarnlink] console only");
     EXPECT_EQ(seen[2][2], ':');
-}
 
-// A stranger who triggers one cause over and over gets a handful of lines, not one each,
-// and does not silence the other causes.
-TEST(Util, LogLimitedPerCause) {
-    std::vector<std::string> seen;
-    zq::set_log_sink([&](const std::string& line) { seen.push_back(line); });
     int written = 0;
     for (int i = 0; i < 50; ++i) written += zq::log_limited("test flood", "flood line") ? 1 : 0;
-    bool other = zq::log_limited("test other", "other line");
-    zq::set_log_sink(nullptr);
+    EXPECT_TRUE(zq::log_limited("test other", "other line"));
     EXPECT_EQ(written, 5);
-    EXPECT_TRUE(other);
-    EXPECT_EQ(seen.size(), 6u);
+    EXPECT_EQ(log.lines().size(), 3u + 6u);
 }
 
 TEST(ProcessUsage, SeesAThreadComeAndGo) {
@@ -147,9 +125,9 @@ TEST(ProcessUsage, SeesAThreadComeAndGo) {
         while (!release) zq::sleep_ms(1);
     });
     // Other tests' threads do not run here, so the count moves by exactly this one.
-    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads + 1; }))
+    EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads == before.threads + 1; }))
         << before.threads << " before, " << zq::process_usage().threads << " now";
     release = true;
     extra.join();
-    EXPECT_TRUE(testing_support::wait_until([&] { return zq::process_usage().threads == before.threads; }));
+    EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads == before.threads; }));
 }

@@ -1,9 +1,8 @@
 #include "support/fake_game.h"
 
-#include <vector>
-
 #include "bridge/frames.h"
 #include "shell/util.h"
+#include "support/receive.h"
 
 namespace testing_support {
 
@@ -62,19 +61,7 @@ bool FakeGame::send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_
 }
 
 bool FakeGame::fill(double deadline) {
-    if (ended_ || socket_ == zq::invalid_socket) return false;
-    double left = deadline - zq::steady_seconds();
-    if (left <= 0) return false;
-    std::vector<bool> ready;
-    if (zq::wait_readable({socket_}, static_cast<int>(left * 1000) + 1, ready) < 1) return false;
-    char chunk[65536];
-    int n = zq::recv_some(socket_, chunk, sizeof chunk);
-    if (n < 1) {
-        ended_ = true;
-        return false;
-    }
-    buffer_.append(chunk, static_cast<std::size_t>(n));
-    return true;
+    return !ended_ && socket_ != zq::invalid_socket && receive_some(socket_, buffer_, deadline, &ended_);
 }
 
 std::optional<std::string> FakeGame::read_bytes(std::size_t count, double seconds) {

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace testing_support {
 
@@ -11,16 +10,11 @@ namespace testing_support {
 bool running_under_wine();
 
 // True in a build under AddressSanitizer or ThreadSanitizer, whose shadow memory and
-// quarantines make the process's memory figures say nothing about the program's own.
+// quarantines make the process's memory figures say nothing about the program's own. The
+// sanitizer presets build with GCC, which names them so.
 constexpr bool sanitizer_build() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    return true;
-#else
-    return false;
-#endif
 #else
     return false;
 #endif
@@ -29,37 +23,14 @@ constexpr bool sanitizer_build() {
 // Where file modes and the per-process file handle limit exist (POSIX, not Windows).
 bool posix_files();
 
-// Takes every file handle of this process but `spare`, lowering its limit first; false where
-// there is no such limit. give_back_file_handles() undoes it.
+// Takes every file handle of this process but `spare`, lowering its limit first, for tests of
+// what a server does when accept finds none; false where there is no such limit.
+// give_back_file_handles() undoes it.
 bool take_file_handles(int spare);
 void give_back_file_handles();
 
 // The full path of a program found on PATH, or an empty path.
 std::filesystem::path find_program(const std::string& name);
-
-}  // namespace testing_support
-
-namespace testing_support {
-
-// Uses up this process's file descriptors on purpose, for tests of what a server does when
-// accept fails for want of one: the soft limit goes down to just above the descriptors open
-// now, and the rest up to it are taken. Everything is given back by release or the destructor.
-// Where that cannot be done (Windows), exhaust returns false.
-class DescriptorExhaustion {
-public:
-    DescriptorExhaustion() = default;
-    ~DescriptorExhaustion() { release(); }
-    DescriptorExhaustion(const DescriptorExhaustion&) = delete;
-    DescriptorExhaustion& operator=(const DescriptorExhaustion&) = delete;
-
-    bool exhaust();
-    void release();
-
-private:
-    std::vector<int> held_;
-    unsigned long long old_soft_limit_ = 0;
-    bool active_ = false;
-};
 
 // Sets (or with an empty value, removes) an environment variable of this process.
 void set_env(const std::string& name, const std::string& value);

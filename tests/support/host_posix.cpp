@@ -5,12 +5,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
-#include <fcntl.h>
-#include <sys/resource.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <filesystem>
 
 #include "support/host.h"
 
@@ -58,55 +52,11 @@ std::filesystem::path find_program(const std::string& name) {
     return {};
 }
 
-}  // namespace testing_support
-
-namespace testing_support {
-
 void set_env(const std::string& name, const std::string& value) {
     if (value.empty())
         ::unsetenv(name.c_str());
     else
         ::setenv(name.c_str(), value.c_str(), 1);
-}
-
-}  // namespace testing_support
-
-namespace testing_support {
-
-bool DescriptorExhaustion::exhaust() {
-    if (active_) return true;
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-    const int base = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (base < 0) return false;
-    held_.push_back(base);
-    active_ = true;
-    int highest = 2;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error))
-        highest = std::max(highest, std::atoi(entry.path().filename().c_str()));
-    old_soft_limit_ = limit.rlim_cur;
-    rlimit lowered = limit;
-    lowered.rlim_cur = static_cast<rlim_t>(highest + 8);
-    if (lowered.rlim_cur > limit.rlim_cur) lowered.rlim_cur = limit.rlim_cur;
-    if (::setrlimit(RLIMIT_NOFILE, &lowered) != 0) return false;
-    for (;;) {
-        int fd = ::fcntl(base, F_DUPFD_CLOEXEC, 0);
-        if (fd < 0) break;
-        held_.push_back(fd);
-    }
-    return errno == EMFILE;
-}
-
-void DescriptorExhaustion::release() {
-    if (!active_) return;
-    for (int fd : held_) ::close(fd);
-    held_.clear();
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = static_cast<rlim_t>(old_soft_limit_);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    active_ = false;
 }
 
 }  // namespace testing_support

@@ -22,22 +22,10 @@ std::filesystem::path find_program(const std::string& name) {
     return std::filesystem::path(found);
 }
 
-}  // namespace testing_support
-
-namespace testing_support {
-
 void set_env(const std::string& name, const std::string& value) {
     std::wstring n(name.begin(), name.end());
     std::wstring v(value.begin(), value.end());
     SetEnvironmentVariableW(n.c_str(), value.empty() ? nullptr : v.c_str());
 }
-
-}  // namespace testing_support
-
-namespace testing_support {
-
-// Windows has no per-process descriptor limit to lower.
-bool DescriptorExhaustion::exhaust() { return false; }
-void DescriptorExhaustion::release() {}
 
 }  // namespace testing_support

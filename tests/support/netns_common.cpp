@@ -1,6 +1,5 @@
 #include <atomic>
 #include <filesystem>
-#include <sstream>
 
 #include "shell/util.h"
 #include "support/host.h"
@@ -60,11 +59,9 @@ bool NetworkLab::run(const std::filesystem::path& program, const std::vector<std
     ProcessResult r = run_process(program, args, {}, {}, 20.0);
     if (r.exit_code == 0) return true;
     if (error_.empty()) {
-        std::ostringstream text;
-        text << program.filename().string();
-        for (const auto& a : args) text << ' ' << a;
-        text << ": exit " << r.exit_code << ": " << r.output;
-        error_ = text.str();
+        error_ = program.filename().string();
+        for (const auto& a : args) error_ += " " + a;
+        error_ += ": exit " + std::to_string(r.exit_code) + ": " + r.output;
         while (!error_.empty() && (error_.back() == '\n' || error_.back() == ' ')) error_.pop_back();
     }
     return false;

@@ -3,8 +3,13 @@
 
 #include "shell/util.h"
 #include "support/process.h"
+#include "support/wait.h"
 
 namespace testing_support {
+
+bool Process::wait_for_output(const std::string& text, double seconds) const {
+    return wait_until([&] { return output().find(text) != std::string::npos; }, seconds);
+}
 
 ProcessResult run_process(const std::filesystem::path& program, const std::vector<std::string>& args,
                           const std::filesystem::path& working_dir, const std::map<std::string, std::string>& env,

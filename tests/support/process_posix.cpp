@@ -1,14 +1,13 @@
 #include <csignal>
-#include <cstring>
 #include <mutex>
 #include <thread>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/process.h"
+#include "support/wait.h"
 
 extern char** environ;
 
@@ -82,10 +81,6 @@ Process::~Process() {
 std::string Process::output() const {
     std::lock_guard<std::mutex> guard(impl_->output_lock);
     return impl_->output;
-}
-
-bool Process::wait_for_output(const std::string& text, double seconds) const {
-    return wait_until([&] { return output().find(text) != std::string::npos; }, seconds);
 }
 
 void Process::interrupt() {

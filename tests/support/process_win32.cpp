@@ -123,10 +123,6 @@ std::string Process::output() const {
     return text;
 }
 
-bool Process::wait_for_output(const std::string& text, double seconds) const {
-    return wait_until([&] { return output().find(text) != std::string::npos; }, seconds);
-}
-
 void Process::interrupt() {
     if (impl_->info.hProcess && !impl_->reaped) GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, impl_->info.dwProcessId);
 }

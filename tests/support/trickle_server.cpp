@@ -1,10 +1,12 @@
 #include "support/trickle_server.h"
 
 #include "shell/platform.h"
+#include "shell/util.h"
+#include "support/receive.h"
 
 namespace testing_support {
 
-TrickleServer::TrickleServer() {
+TrickleServer::TrickleServer(double gap_seconds) : gap_(gap_seconds) {
     zq::network_init();
     listener_ = zq::open_tcp_socket();
     zq::bind_socket(listener_, zq::to_sockaddr({"127.0.0.1", 0}));
@@ -33,21 +35,14 @@ TrickleServer::~TrickleServer() {
 
 void TrickleServer::serve(zq::Socket s) {
     std::string head;
-    std::vector<bool> ready;
-    char buffer[4096];
-    while (!stopping_ && head.find("\r\n\r\n") == std::string::npos) {
-        if (zq::wait_readable({s}, 50, ready) < 1) continue;
-        int n = zq::recv_some(s, buffer, sizeof buffer);
-        if (n < 1) break;
-        head.append(buffer, static_cast<std::size_t>(n));
-    }
-    if (head.find("\r\n\r\n") != std::string::npos) {
+    if (receive_until(s, head, [](const std::string& h) { return h.find("\r\n\r\n") != std::string::npos; }, 10.0)) {
         ++requests_;
         const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 1000000\r\n\r\n ";
         bool ok = zq::send_some(s, start.data(), static_cast<int>(start.size())) > 0;
-        while (ok && !stopping_) {
-            zq::sleep_ms(100);
+        for (double next = zq::steady_seconds() + gap_; ok && !stopping_; zq::sleep_ms(20)) {
+            if (zq::steady_seconds() < next) continue;
             ok = zq::send_some(s, " ", 1) == 1;
+            next += gap_;
         }
     }
     zq::close_socket(s);

@@ -1,7 +1,7 @@
 #pragma once
 // A far end that answers every HTTP request with a head that promises a large body and then
-// sends that body one byte at a time, a little apart: no single wait is long, so only a limit on
-// the whole call ends it. Listens on 127.0.0.1, port 0.
+// sends that body one byte per gap: with a short gap no single wait is long, so only a limit on
+// the whole call ends it; with a long one the body stalls. Listens on 127.0.0.1, port 0.
 
 #include <atomic>
 #include <mutex>
@@ -15,7 +15,7 @@ namespace testing_support {
 
 class TrickleServer {
 public:
-    TrickleServer();
+    explicit TrickleServer(double gap_seconds = 0.1);
     ~TrickleServer();
     TrickleServer(const TrickleServer&) = delete;
     TrickleServer& operator=(const TrickleServer&) = delete;
@@ -29,6 +29,7 @@ private:
 
     zq::Socket listener_ = zq::invalid_socket;
     int port_ = 0;
+    double gap_;
     std::atomic<bool> stopping_{false};
     std::atomic<int> requests_{0};
     std::thread acceptor_;
