@@ -32,4 +32,19 @@ inline void report(const std::string& what, double per_second, std::vector<doubl
     std::fflush(stderr);
 }
 
+// Ours against the anchor measured in the same run, and whether the target holds. With
+// higher_is_better, ratio = ours / anchor and must reach target; otherwise the ratio is the
+// same division and must stay at or under it.
+inline void ratio(const std::string& what, double ours, double anchor, double target, bool higher_is_better = true) {
+    if (anchor <= 0) {
+        std::fprintf(stderr, "%-56s no anchor figure\n", what.c_str());
+        return;
+    }
+    const double r = ours / anchor;
+    const bool met = higher_is_better ? r >= target : r <= target;
+    std::fprintf(stderr, "%-56s %8.2fx   (target %s %.2fx: %s)\n", what.c_str(), r, higher_is_better ? ">=" : "<=",
+                 target, met ? "met" : "NOT met");
+    std::fflush(stderr);
+}
+
 }  // namespace bench

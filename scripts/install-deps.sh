@@ -30,6 +30,8 @@ packages=(
   dpkg-dev
   file
   chromium
+  nginx
+  wrk
 )
 
 if [ "${1:-}" = "--list" ]; then

@@ -1,7 +1,6 @@
 #include "bridge/bridge.h"
 
 #include <algorithm>
-#include <system_error>
 #include <vector>
 
 #include "bridge/session.h"
@@ -40,6 +39,7 @@ bool Bridge::start_gateway(std::string* error) {
 bool Bridge::start(std::string* error) {
     network_init();
     cancel_ = std::make_shared<http::CancelFlag>();
+    stop_signal_.arm();
     running_ = true;
 
     if (config_.p2p_gateway && !start_gateway(error)) return false;
@@ -94,6 +94,7 @@ bool Bridge::start(std::string* error) {
 
 void Bridge::stop() {
     if (!running_.exchange(false)) return;
+    stop_signal_.raise();
 
     std::vector<std::shared_ptr<Session>> live;
     std::vector<std::shared_ptr<TcpConn>> open;
@@ -115,9 +116,8 @@ void Bridge::stop() {
     game_proxies_.clear();
     web_server_.stop();
 
-    // Shutting down wakes the accept and the receive at once where the system allows it; the
-    // two loops also look at running between short waits, for systems where it does not. They
-    // are joined before the sockets are closed, so no thread can touch a reused handle.
+    // The stop signal woke the accept and the receive; they are joined before the sockets are
+    // closed, so no thread can touch a reused handle.
     if (tcp_socket_ != invalid_socket) shutdown_socket(tcp_socket_);
     if (udp_socket_ != invalid_socket) shutdown_socket(udp_socket_);
     if (accept_thread_.joinable()) accept_thread_.join();
@@ -129,7 +129,8 @@ void Bridge::stop() {
 
     // Every connection thread is joined: they touch this object to their last act. Their calls
     // were cancelled and their sockets shut down above, so none of them waits on anyone else.
-    join_workers(true);
+    connection_threads_.join_all();
+    stop_signal_.close();
 
     {
         std::lock_guard<std::mutex> guard(sessions_lock);
@@ -143,26 +144,12 @@ bool from_loopback(const SockAddr& peer) { return from_sockaddr(peer).host.rfind
 
 }  // namespace
 
-void Bridge::join_workers(bool all) {
-    std::vector<Worker> ended;
-    {
-        std::lock_guard<std::mutex> guard(workers_lock_);
-        std::vector<Worker> running;
-        for (auto& worker : workers_)
-            (all || worker.finished->load() ? ended : running).push_back(std::move(worker));
-        workers_ = std::move(running);
-    }
-    for (auto& worker : ended)
-        if (worker.thread.joinable()) worker.thread.join();
-}
-
 void Bridge::accept_thread(Socket listener) {
-    std::vector<bool> ready;
-    for (;;) {
-        int waiting = wait_readable({listener}, stop_check_ms, ready);
-        if (!running_) return;
-        join_workers(false);
-        if (waiting == 0) continue;
+    AcceptBackoff backoff;
+    while (running_) {
+        // Sleeps until a game connects or stop raises the signal; ended connection threads
+        // are joined when the next one starts.
+        if (!wait_for_input(listener, 0)) continue;
         SockAddr peer;
         Socket s = accept_socket(listener, &peer);
         if (s == invalid_socket) {
@@ -170,9 +157,10 @@ void Bridge::accept_thread(Socket listener) {
             // try again. The loop ends only with the bridge.
             if (!running_) return;
             log_limited("tcp accept", format_text("tcp: accept failed (error %d); retrying", last_socket_error()));
-            sleep_ms(accept_backoff_ms);
+            stop_signal_.wait(invalid_socket, steady_seconds() + backoff.next_seconds());
             continue;
         }
+        backoff.reset();
         const std::string from = from_sockaddr(peer).text();
         // The command port hands out the stored tokens of this PC: only local programs may ask.
         if (!from_loopback(peer)) {
@@ -180,7 +168,7 @@ void Bridge::accept_thread(Socket listener) {
             log_limited("tcp refused", "tcp: refused connection from " + from + " (not loopback)");
             continue;
         }
-        if (active_connections_ >= max_game_connections) {
+        if (connection_threads_.full(max_game_connections)) {
             close_socket(s);
             log_limited("tcp full", "tcp: refused connection from " + from + " (too many connections)");
             continue;
@@ -188,37 +176,26 @@ void Bridge::accept_thread(Socket listener) {
         set_tcp_nodelay(s);
         set_send_timeout(s, send_timeout_ms);
         log_line("tcp: connection from " + from);
-        ++active_connections_;
-        auto finished = std::make_shared<std::atomic<bool>>(false);
-        try {
-            std::lock_guard<std::mutex> guard(workers_lock_);
-            workers_.push_back(Worker{std::thread(&Bridge::connection_thread, this, s, finished), finished});
-        } catch (const std::system_error&) {
+        if (!connection_threads_.start([this, s] { connection_thread(s); })) {
             // No thread to serve it: this connection is refused, the bridge goes on.
-            --active_connections_;
             close_socket(s);
             log_limited("tcp thread", "tcp: refused connection from " + from + " (cannot start a thread)");
         }
-        if (!running_) return;
     }
 }
 
-void Bridge::connection_thread(Socket socket, std::shared_ptr<std::atomic<bool>> finished) {
+void Bridge::connection_thread(Socket socket) {
+    auto connection = std::make_shared<TcpConn>(socket);
     {
-        auto connection = std::make_shared<TcpConn>(socket);
-        {
-            std::lock_guard<std::mutex> guard(sessions_lock);
-            connections_.push_back(connection);
-        }
-        // stop() sets running before it walks the list: a connection added after the walk sees
-        // the flag here instead.
-        if (!running_) connection->close();
-        session_loop(*this, connection);
         std::lock_guard<std::mutex> guard(sessions_lock);
-        connections_.erase(std::remove(connections_.begin(), connections_.end(), connection), connections_.end());
+        connections_.push_back(connection);
     }
-    --active_connections_;
-    finished->store(true);
+    // stop() sets running before it walks the list: a connection added after the walk sees
+    // the flag here instead.
+    if (!running_) connection->close();
+    session_loop(*this, connection);
+    std::lock_guard<std::mutex> guard(sessions_lock);
+    connections_.erase(std::remove(connections_.begin(), connections_.end(), connection), connections_.end());
 }
 
 std::vector<int> Bridge::bound_game_proxy_ports() const {

@@ -18,6 +18,7 @@
 #include "http/server.h"
 #include "p2p/gateway.h"
 #include "shell/config.h"
+#include "shell/connection_threads.h"
 #include "shell/net.h"
 #include "shell/util.h"
 
@@ -93,6 +94,12 @@ public:
     // Null when p2p_gateway is off.
     std::unique_ptr<p2p::Gateway> gateway;
 
+    // For the connection threads: waits until s can be read, the deadline in steady seconds
+    // passes (0: none) or stop is under way; true only for the first.
+    bool wait_for_input(Socket s, double deadline) {
+        return running_ && stop_signal_.wait(s, deadline) == StopSignal::Wait::Ready;
+    }
+
     // Set by stop: every upstream call of every session ends at once.
     std::shared_ptr<const http::CancelFlag> cancel_flag() const { return cancel_; }
 
@@ -108,23 +115,11 @@ public:
     static constexpr int send_timeout_ms = 5000;
 
 private:
-    // How often the accept and STUN loops look at the running flag while nothing arrives.
-    static constexpr int stop_check_ms = 200;
-    // How long accept rests after a failure such as running out of file handles.
-    static constexpr int accept_backoff_ms = 100;
-
-    struct Worker {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> finished;
-    };
-    // Joins the connection threads that have ended; with all=true, every one (for stop).
-    void join_workers(bool all);
-
     bool fail(std::string* error, const std::string& message);
     bool start_gateway(std::string* error);
 
     void accept_thread(Socket listener);
-    void connection_thread(Socket socket, std::shared_ptr<std::atomic<bool>> finished);
+    void connection_thread(Socket socket);
     void stun_thread(Socket udp);
 
     const Config config_;
@@ -135,7 +130,9 @@ private:
     std::thread accept_thread_;
     std::thread stun_thread_;
     std::atomic<bool> running_{false};
-    std::atomic<std::int32_t> active_connections_{0};
+    // Raised by stop: the accept, STUN and connection threads wait on it beside their sockets,
+    // so none of them wakes while nothing happens.
+    StopSignal stop_signal_;
     http::Server web_server_;
     std::vector<std::unique_ptr<http::Server>> game_proxies_;  // one per route that came up
 
@@ -144,9 +141,7 @@ private:
     std::vector<std::shared_ptr<TcpConn>> connections_;
 
     std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
-    // Every connection thread, owned until joined. Guarded by workers_lock_.
-    std::mutex workers_lock_;
-    std::vector<Worker> workers_;
+    ConnectionThreads connection_threads_;
 };
 
 }  // namespace zq

@@ -10,11 +10,6 @@
 
 namespace zq {
 
-namespace {
-constexpr std::size_t max_read_chunk = 0x100000;
-// How often a quiet connection looks whether it is still wanted.
-constexpr int quiet_check_ms = 200;
-}
 
 TcpConn::~TcpConn() { release(); }
 
@@ -27,6 +22,9 @@ bool TcpConn::write(std::string_view bytes) {
         int n = send_some(socket_, bytes.data() + sent, static_cast<int>(chunk));
         if (n < 1) {
             alive = false;
+            // Also wakes the connection's read loop, which waits for the game without a timer.
+            // The socket stays valid: releasing it takes write_lock, held here.
+            shutdown_socket(socket_);
             return false;
         }
         sent += static_cast<std::size_t>(n);
@@ -85,65 +83,81 @@ void Session::shutdown() {
 
 std::string quote(const std::string& text) { return "'" + text + "'"; }
 
-bool read_exactly(Socket socket, char* buffer, std::size_t size, const std::function<bool()>& keep_going) {
-    std::size_t got = 0;
-    std::vector<bool> ready;
-    while (got < size) {
-        if (keep_going) {
-            while (wait_readable({socket}, quiet_check_ms, ready) == 0)
-                if (!keep_going()) return false;
-            if (!keep_going()) return false;
-        }
-        std::size_t chunk = std::min(size - got, max_read_chunk);
-        int n = recv_some(socket, buffer + got, static_cast<int>(chunk));
-        if (n < 1) return false;
-        got += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 namespace {
 
-// Reads a body of the size a header announced. The buffer grows with the bytes that arrive,
-// never ahead by more than one chunk, so a header that promises megabytes costs nothing until
-// they come; a large buffer is not kept once its frame is done.
-bool read_body(Socket socket, std::size_t size, std::string& body, const std::function<bool()>& keep_going) {
-    constexpr std::size_t grow_chunk = 0x10000;
-    constexpr std::size_t keep_capacity = 0x100000;
-    if (body.capacity() > keep_capacity) std::string().swap(body);
-    body.clear();
-    while (body.size() < size) {
-        std::size_t have = body.size();
-        std::size_t chunk = std::min(size - have, grow_chunk);
-        body.resize(have + chunk);
-        if (!read_exactly(socket, body.data() + have, chunk, keep_going)) return false;
+// The bytes of a game connection as they arrive: one receive often holds a whole frame, or
+// several. The buffer grows with the bytes that arrive, never with what a header announces,
+// and a large one is let go once its frame is done.
+class FrameReader {
+public:
+    FrameReader(Bridge& bridge, TcpConn& connection) : bridge_(bridge), connection_(connection) {}
+
+    // Makes size unread bytes available. False on end of stream or error, after the deadline
+    // (steady seconds, 0 for none), or once the connection or the bridge is being closed.
+    bool need(std::size_t size, double deadline) {
+        while (buffer_.size() - read_ < size) {
+            if (!bridge_.wait_for_input(connection_.socket(), deadline) || !connection_.is_alive()) return false;
+            if (!block_) block_.reset(new char[block_size]);  // not cleared: receives fill it
+            const int n = recv_some(connection_.socket(), block_.get(), block_size);
+            if (n < 1) return false;
+            if (read_ == buffer_.size()) {
+                buffer_.clear();
+                read_ = 0;
+            } else if (read_ > 0) {
+                buffer_.erase(0, read_);
+                read_ = 0;
+            }
+            buffer_.append(block_.get(), static_cast<std::size_t>(n));
+        }
+        return true;
     }
-    return true;
-}
+    // The next size bytes, which need made available; valid until the next need.
+    std::string_view take(std::size_t size) {
+        std::string_view out(buffer_.data() + read_, size);
+        read_ += size;
+        return out;
+    }
+    // After a frame is done: a buffer that a large frame grew is given back.
+    void settle() {
+        if (read_ == buffer_.size() && buffer_.capacity() > keep_capacity) {
+            std::string().swap(buffer_);
+            read_ = 0;
+        }
+    }
+
+private:
+    static constexpr int block_size = 0x10000;
+    static constexpr std::size_t keep_capacity = 0x100000;
+    Bridge& bridge_;
+    TcpConn& connection_;
+    std::string buffer_;
+    std::size_t read_ = 0;  // bytes of buffer_ already taken
+    std::unique_ptr<char[]> block_;
+};
 
 }  // namespace
 
 void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
     std::shared_ptr<Session> session;
     if (connection->write(hello_frame())) {
-        unsigned char header_bytes[header_size];
-        std::string body;
+        FrameReader reader(bridge, *connection);
+        std::string reply;
         // Until its first whole frame a connection has a deadline; a game that has spoken may
         // then sit idle for as long as it likes.
-        bool spoke = false;
-        const double first_frame_by = steady_seconds() + Bridge::first_frame_timeout_ms / 1000.0;
-        auto keep_going = [&] {
-            return bridge.running() && connection->is_alive() && (spoke || steady_seconds() < first_frame_by);
-        };
-        while (keep_going()) {
-            if (!read_exactly(connection->socket(), reinterpret_cast<char*>(header_bytes), header_size, keep_going))
-                break;
-            CommandHeader header = parse_header(header_bytes);
+        double deadline = steady_seconds() + Bridge::first_frame_timeout_ms / 1000.0;
+        while (bridge.running() && connection->is_alive()) {
+            if (!reader.need(header_size, deadline)) break;
+            const CommandHeader header =
+                parse_header(reinterpret_cast<const unsigned char*>(reader.take(header_size).data()));
             // A malformed header closes the connection without a word.
             if (!header.size_ok()) break;
-            if (!read_body(connection->socket(), header.body_size(), body, keep_going)) break;
-            spoke = true;
-            if (header.kind != static_cast<std::uint8_t>(FrameKind::Request)) continue;
+            if (!reader.need(header.body_size(), deadline)) break;
+            const std::string_view body = reader.take(header.body_size());
+            deadline = 0;
+            if (header.kind != static_cast<std::uint8_t>(FrameKind::Request)) {
+                reader.settle();
+                continue;
+            }
 
             if (!session) {
                 session = std::make_shared<Session>(connection, &bridge);
@@ -151,8 +165,9 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
                 bridge.sessions.push_back(session);
             }
             CommandResult result = dispatch(*session, header.command, header.packet_id, body);
-            std::string reply;
-            reply.reserve(1 + result.payload.size());
+            reader.settle();
+            // The reply is built in one buffer that the connection keeps: result code, payload.
+            reply.clear();
             reply.push_back(static_cast<char>(result.code));
             reply += result.payload;
             if (!connection->write(build_frame(FrameKind::Reply, header.command, header.packet_id, reply))) break;

@@ -161,11 +161,6 @@ private:
 // The text between single quotes, as online ids appear in log lines.
 std::string quote(const std::string& text);
 
-// Reads exactly size bytes, at most 1 MiB per receive. False on end of stream or error, and
-// false once keep_going (if given) says no: it is asked while the socket stays quiet, because
-// shutting a socket down does not wake a blocked receive on every platform.
-bool read_exactly(Socket socket, char* buffer, std::size_t size, const std::function<bool()>& keep_going = {});
-
 // The body of each connection thread: Hello, then frames until the connection or the Bridge ends.
 void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection);
 

@@ -39,9 +39,8 @@ std::string stun_reply(const Endpoint& sender) {
 
 void Bridge::stun_thread(Socket udp) {
     char buffer[4096];
-    std::vector<bool> ready;
     while (running_) {
-        if (wait_readable({udp}, stop_check_ms, ready) == 0) continue;
+        if (!wait_for_input(udp, 0)) continue;
         SockAddr from;
         int n = recv_from(udp, buffer, sizeof buffer, &from);
         if (n < 0) {

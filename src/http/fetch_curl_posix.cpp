@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <tuple>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "http/fetch.h"
 #include "shell/platform.h"
@@ -20,6 +23,10 @@ struct SessionHandle {
     CURLSH* share = nullptr;
     std::mutex locks[CURL_LOCK_DATA_LAST];
     std::string agent = "sarnlink";
+    // The handles of calls that ended, reset and kept for the next: a new multi handle costs a
+    // socket pair and its set-up on every call. Guarded by spare_lock.
+    std::mutex spare_lock;
+    std::vector<std::pair<CURLM*, CURL*>> spare;
 };
 
 namespace detail {
@@ -151,6 +158,11 @@ SessionHandle* open_session() {
 
 void close_session(SessionHandle* session) {
     if (!session) return;
+    // The easy handles first: a share that handles still use is not given up.
+    for (auto [multi, easy] : session->spare) {
+        curl_easy_cleanup(easy);
+        curl_multi_cleanup(multi);
+    }
     curl_share_cleanup(session->share);
     delete session;
 }
@@ -165,8 +177,21 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
         response.error = "bad url " + request.url;
         return response;
     }
-    CURL* easy = curl_easy_init();
-    CURLM* multi = curl_multi_init();
+    CURL* easy = nullptr;
+    CURLM* multi = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(session->spare_lock);
+        if (!session->spare.empty()) {
+            std::tie(multi, easy) = session->spare.back();
+            session->spare.pop_back();
+        }
+    }
+    if (easy) {
+        curl_easy_reset(easy);
+    } else {
+        easy = curl_easy_init();
+        multi = curl_multi_init();
+    }
     if (!easy || !multi) {
         response.error = zq::format_text("open request failed (%d)", errno);
         curl_easy_cleanup(easy);
@@ -253,9 +278,19 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &os_error);
     curl_multi_remove_handle(multi, easy);
+    curl_slist_free_all(headers);
+    {
+        // A few calls at once are usual (the pump, the proxies); more handles are not kept.
+        constexpr std::size_t keep = 4;
+        std::lock_guard<std::mutex> guard(session->spare_lock);
+        if (session->spare.size() < keep) {
+            session->spare.emplace_back(multi, easy);
+            easy = nullptr;
+            multi = nullptr;
+        }
+    }
     curl_easy_cleanup(easy);
     curl_multi_cleanup(multi);
-    curl_slist_free_all(headers);
 
     response.status = static_cast<std::uint32_t>(status);
     response.headers = split_raw_headers(t.head);

@@ -1,8 +1,6 @@
 #include "http/server.h"
 
 #include <exception>
-#include <sstream>
-#include <system_error>
 
 #include "shell/log.h"
 #include "shell/platform.h"
@@ -42,9 +40,19 @@ const char* reason_phrase(int status) {
 
 RequestHead parse_request_head(std::string_view head) {
     RequestHead out;
-    std::size_t eol = head.find('\n');
-    std::istringstream words{std::string(head.substr(0, eol))};
-    words >> out.method >> out.path >> out.version;
+    const std::size_t eol = head.find('\n');
+    // The first three words of the request line, split at any white space.
+    std::string_view line = head.substr(0, eol);
+    auto is_space = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; };
+    std::string* words[] = {&out.method, &out.path, &out.version};
+    std::size_t at = 0;
+    for (std::string* word : words) {
+        while (at < line.size() && is_space(line[at])) ++at;
+        const std::size_t begin = at;
+        while (at < line.size() && !is_space(line[at])) ++at;
+        if (begin == at) break;
+        word->assign(line.substr(begin, at - begin));
+    }
     if (eol != std::string_view::npos) append_header_lines(head.substr(eol + 1), out.headers);
     return out;
 }
@@ -70,7 +78,15 @@ BodyLength body_length(const HeaderList& headers, std::uint64_t limit) {
 }
 
 std::string format_response(const ServerResponse& response, bool keep_alive, bool head_only) {
-    std::string out = zq::format_text("HTTP/1.1 %d %s\r\n", response.status, reason_phrase(response.status));
+    std::string out;
+    std::size_t size = 96 + (head_only ? 0 : response.body.size());
+    for (const auto& [name, value] : response.headers) size += name.size() + value.size() + 4;
+    out.reserve(size);
+    out += "HTTP/1.1 ";
+    out += std::to_string(response.status);
+    out += ' ';
+    out += reason_phrase(response.status);
+    out += "\r\n";
     for (const auto& [name, value] : response.headers) {
         if (iequals(name, "Content-Length") || iequals(name, "Connection")) continue;
         out += name;
@@ -78,7 +94,9 @@ std::string format_response(const ServerResponse& response, bool keep_alive, boo
         out += value;
         out += "\r\n";
     }
-    out += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+    out += "Content-Length: ";
+    out += std::to_string(response.body.size());
+    out += "\r\n";
     out += keep_alive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
     if (!head_only) out += response.body;
     return out;
@@ -124,11 +142,7 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
     zq::SockAddr bound;
     port = zq::local_address(s, &bound) ? zq::from_sockaddr(bound).port : port_wanted;
     listener = s;
-    wake = zq::open_udp_socket();
-    if (!zq::bind_socket(wake, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0})) || !zq::local_address(wake, &wake_address)) {
-        zq::close_socket(wake);
-        wake = zq::invalid_socket;
-    }
+    stop_signal_.arm();
     cancel_ = std::make_shared<CancelFlag>();
     running = true;
     accept_thread = std::thread([this, s] { accept_loop(s); });
@@ -139,70 +153,31 @@ void Server::stop() {
     if (!running.exchange(false)) return;
     // Upstream calls end first, so that the handlers that made them return soon.
     if (cancel_) cancel_->cancel();
-    // Nobody reads this datagram, so the wake socket stays readable for every waiting thread.
-    if (wake != zq::invalid_socket) zq::send_to(wake, "x", 1, wake_address);
+    stop_signal_.raise();
     zq::shutdown_socket(listener);
     if (accept_thread.joinable()) accept_thread.join();
     // Closed only now: a socket number closed under a waiting thread may come back as another.
     zq::close_socket(listener);
     listener = zq::invalid_socket;
-    std::map<std::uint64_t, std::thread> all;
     {
-        // Wakes every recv; each connection thread closes its own socket.
+        // Wakes every recv and send; each connection thread closes its own socket.
         std::lock_guard<std::mutex> guard(connections_lock);
         for (zq::Socket s : connections) zq::shutdown_socket(s);
-        all.swap(threads_);
-        finished_threads_.clear();
     }
-    for (auto& [id, thread] : all) thread.join();
-    zq::close_socket(wake);
-    wake = zq::invalid_socket;
+    threads_.join_all();
+    stop_signal_.close();
 }
 
 bool Server::wait_for(zq::Socket s, double deadline) {
-    std::vector<zq::Socket> waited;
-    if (s != zq::invalid_socket) waited.push_back(s);
-    if (wake != zq::invalid_socket) waited.push_back(wake);
-    std::vector<bool> ready;
-    for (;;) {
-        const double left = deadline - zq::steady_seconds();
-        if (left <= 0 || !running) return false;
-        // At most a second at a time, so that a server without its wake socket still stops.
-        const int slice = left >= 1.0 ? 1000 : static_cast<int>(left * 1000) + 1;
-        if (waited.empty()) {
-            zq::sleep_ms(slice);
-            continue;
-        }
-        const int n = zq::wait_readable(waited, slice, ready);
-        if (n < 0 || !running) return false;
-        if (n == 0) continue;
-        if (wake != zq::invalid_socket && ready.back()) return false;
-        return s != zq::invalid_socket && ready[0];
-    }
-}
-
-void Server::join_finished_threads() {
-    std::vector<std::thread> done;
-    {
-        std::lock_guard<std::mutex> guard(connections_lock);
-        for (std::uint64_t id : finished_threads_) {
-            auto it = threads_.find(id);
-            if (it == threads_.end()) continue;
-            done.push_back(std::move(it->second));
-            threads_.erase(it);
-        }
-        finished_threads_.clear();
-    }
-    for (auto& thread : done) thread.join();
+    return running && stop_signal_.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
 }
 
 void Server::accept_loop(zq::Socket listening) {
-    constexpr double first_backoff = 0.05;
-    double backoff = first_backoff;
+    zq::AcceptBackoff backoff;
     while (running) {
-        join_finished_threads();
-        // Returns now and then with nothing to accept, so that ended threads are joined soon.
-        if (!wait_for(listening, zq::steady_seconds() + 1.0)) continue;
+        // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
+        // since ended connection threads are joined when the next one starts.
+        if (!wait_for(listening, 0)) continue;
         zq::Socket s = zq::accept_socket(listening);
         if (s == zq::invalid_socket) {
             if (!running) return;
@@ -211,34 +186,28 @@ void Server::accept_loop(zq::Socket listening) {
             const int code = zq::last_socket_error();
             zq::log_limited(zq::format_text("http accept :%d", port),
                             zq::format_text("http :%d: accept failed (error %d), trying again", port, code));
-            wait_for(zq::invalid_socket, zq::steady_seconds() + backoff);
-            backoff = backoff * 2 < 1.0 ? backoff * 2 : 1.0;
+            wait_for(zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
             continue;
         }
-        backoff = first_backoff;
-        if (active_connections.load() >= max_connections) {
+        backoff.reset();
+        if (threads_.full(max_connections)) {
             zq::log_limited(zq::format_text("http full :%d", port),
                             zq::format_text("http :%d: %d connections open, refused another", port, max_connections));
             zq::close_socket(s);
             continue;
         }
-        std::lock_guard<std::mutex> guard(connections_lock);
-        connections.insert(s);
-        active_connections.fetch_add(1);
-        const std::uint64_t id = next_thread_++;
-        try {
-            threads_.emplace(id, std::thread([this, s, id] {
-                connection_thread(s);
-                std::lock_guard<std::mutex> done(connections_lock);
-                finished_threads_.push_back(id);
-                active_connections.fetch_sub(1);
-            }));
-        } catch (const std::system_error& e) {
-            connections.erase(s);
-            active_connections.fetch_sub(1);
+        {
+            std::lock_guard<std::mutex> guard(connections_lock);
+            connections.insert(s);
+        }
+        if (std::string why; !threads_.start([this, s] { connection_thread(s); }, &why)) {
+            {
+                std::lock_guard<std::mutex> guard(connections_lock);
+                connections.erase(s);
+            }
             zq::close_socket(s);
             zq::log_limited(zq::format_text("http thread :%d", port),
-                            zq::format_text("http :%d: refused a connection, no thread: %s", port, e.what()));
+                            zq::format_text("http :%d: refused a connection, no thread: %s", port, why.c_str()));
         }
     }
 }
@@ -247,7 +216,9 @@ void Server::connection_thread(zq::Socket s) {
     std::string buffer;  // grows with what arrives, never with what a header announces
     // Large blocks, because every receive costs a wait beside it (a round trip to the
     // wineserver under Wine) and a head may be a megabyte.
-    std::vector<char> block(65536);
+    // Not cleared: the pages are touched only as far as receives fill them.
+    constexpr int block_size = 65536;
+    std::unique_ptr<char[]> block(new char[block_size]);
     bool keep_alive = true;
     bool first = true;
     zq::Endpoint peer;  // who connected, the same for every request on the connection
@@ -256,9 +227,9 @@ void Server::connection_thread(zq::Socket s) {
     // passed, or the server is stopping.
     auto receive = [&](double deadline) {
         if (!wait_for(s, deadline)) return false;
-        int n = zq::recv_some(s, block.data(), static_cast<int>(block.size()));
+        int n = zq::recv_some(s, block.get(), block_size);
         if (n < 1) return false;
-        buffer.append(block.data(), static_cast<std::size_t>(n));
+        buffer.append(block.get(), static_cast<std::size_t>(n));
         return true;
     };
     auto seconds_from_now = [](int ms) { return zq::steady_seconds() + ms / 1000.0; };

@@ -26,6 +26,7 @@
 
 #include "http/fetch.h"
 #include "http/headers.h"
+#include "shell/connection_threads.h"
 #include "shell/net.h"
 
 namespace http {
@@ -115,26 +116,20 @@ public:
     std::atomic<bool> running{false};
     std::mutex connections_lock;  // guards connections
     std::set<zq::Socket> connections;
-    std::atomic<std::int32_t> active_connections{0};
 
 private:
-    // A UDP socket of the server's own that stop makes readable: every connection waits on it
-    // beside its TCP socket, because a shutdown does not wake a blocked recv on every system.
-    zq::Socket wake = zq::invalid_socket;
-    zq::SockAddr wake_address;
-
-    // Connection threads by a number of their own (socket numbers come back after a close).
-    // Guarded by connections_lock. A thread that ends puts its number in finished_threads_,
-    // and the accept loop joins it.
-    std::uint64_t next_thread_ = 0;
-    std::map<std::uint64_t, std::thread> threads_;
-    std::vector<std::uint64_t> finished_threads_;
+    // Raised by stop: every connection and the accept loop wait on it beside their own socket.
+    zq::StopSignal stop_signal_;
+    zq::ConnectionThreads threads_;
     std::shared_ptr<CancelFlag> cancel_;
 
+public:
+    std::atomic<std::int32_t>& active_connections = threads_.active;  // connection threads serving now
+
+private:
     void accept_loop(zq::Socket listening);
     void connection_thread(zq::Socket s);
-    void join_finished_threads();
-    // Waits on s (or only on the wake socket when s is invalid) until it is readable, the
+    // Waits on s (or only on the stop signal when s is invalid) until it is readable, the
     // deadline (steady seconds) passes or stop is under way; true only for the first.
     bool wait_for(zq::Socket s, double deadline);
 };

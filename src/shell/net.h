@@ -103,5 +103,8 @@ void set_receive_buffer(Socket s, int bytes);
 // Waits until one of the sockets can be read or the time-out (ms, -1 for ever) passes.
 // Returns the number of ready sockets (0 on time-out, below 0 on error) and marks them in ready.
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready);
+// The same for one or two sockets without allocating: either may be invalid_socket, not both.
+// Returns a mask of the ready ones (1 for a, 2 for b), 0 on time-out, below 0 on error.
+int wait_readable_pair(Socket a, Socket b, int timeout_ms);
 
 }  // namespace zq

@@ -225,4 +225,16 @@ int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vecto
     return n;
 }
 
+int wait_readable_pair(Socket a, Socket b, int timeout_ms) {
+    // poll skips an entry whose descriptor is negative.
+    pollfd fds[2] = {{fd(a), POLLIN, 0}, {fd(b), POLLIN, 0}};
+    int n;
+    do {
+        n = ::poll(fds, 2, timeout_ms);
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) return n;
+    constexpr short readable = POLLIN | POLLERR | POLLHUP | POLLNVAL;
+    return ((fds[0].revents & readable) ? 1 : 0) | ((fds[1].revents & readable) ? 2 : 0);
+}
+
 }  // namespace zq

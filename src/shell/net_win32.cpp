@@ -176,4 +176,15 @@ int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vecto
     return n;
 }
 
+int wait_readable_pair(Socket a, Socket b, int timeout_ms) {
+    fd_set set;
+    FD_ZERO(&set);
+    if (a != invalid_socket) FD_SET(sock(a), &set);
+    if (b != invalid_socket) FD_SET(sock(b), &set);
+    timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    int n = ::select(0, &set, nullptr, nullptr, timeout_ms < 0 ? nullptr : &tv);
+    if (n <= 0) return n;
+    return (a != invalid_socket && FD_ISSET(sock(a), &set) ? 1 : 0) | (b != invalid_socket && FD_ISSET(sock(b), &set) ? 2 : 0);
+}
+
 }  // namespace zq

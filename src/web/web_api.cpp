@@ -102,8 +102,12 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
         return http::json_response(Json{{"ResKind", 1}, {"Message", "forbidden"}}, 403);
     }
 
-    if (method == "GET" && path == "/status")
-        return http::json_response(Json{{"ok", true}, {"bridge", "sarnlink"}, {"version", kVersion}}, 200);
+    if (method == "GET" && path == "/status") {
+        // The same text every time: made once.
+        static const http::ServerResponse status =
+            http::json_response(Json{{"ok", true}, {"bridge", "sarnlink"}, {"version", kVersion}}, 200);
+        return status;
+    }
 
     if (debug && method == "GET" && path == "/debug/state") return http::json_response(debug_state(bridge), 200);
 

@@ -1,0 +1,179 @@
+// An idle bridge as a player leaves it: the real sarnlink-cli, one game logged in, its context
+// started and a room made, and then nothing. Measured over ten quiet seconds from /proc: the
+// resident memory, the threads, the CPU time and how often its threads wake. Once with the P2P
+// gateway (the default) and once without, to tell its share of the wake-ups.
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "child.h"
+#include "measure.h"
+#include "support/fake_accounts.h"
+#include "support/fake_game.h"
+#include "support/fake_matching.h"
+#include "support/fake_service.h"
+#include "support/files.h"
+#include "support/ports.h"
+#include "support/process.h"
+
+namespace {
+
+constexpr double kSeconds = 10.0;
+
+std::string read_text(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+// A "Name:   value" line of a /proc status file, as a number.
+long long status_value(const std::string& status, const std::string& name) {
+    std::size_t at = status.find("\n" + name + ":");
+    return at == std::string::npos ? -1 : std::stoll(status.substr(at + name.size() + 2));
+}
+
+struct Sample {
+    double at = 0;
+    long long cpu_ticks = 0;  // user and system, all threads
+    long long switches = 0;   // voluntary and involuntary, all threads
+    std::map<std::string, long long> per_thread;
+};
+
+Sample sample(pid_t pid) {
+    Sample s;
+    s.at = bench::now();
+    const std::string stat = read_text("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string skip;
+    long long utime = 0, stime = 0;
+    for (int i = 3; i < 14; ++i) fields >> skip;
+    fields >> utime >> stime;
+    s.cpu_ticks = utime + stime;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    if (DIR* d = ::opendir(tasks.c_str())) {
+        while (dirent* e = ::readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            const std::string status = read_text(tasks + "/" + e->d_name + "/status");
+            const long long n = status_value(status, "voluntary_ctxt_switches") +
+                                status_value(status, "nonvoluntary_ctxt_switches");
+            s.per_thread[e->d_name] = n;
+            s.switches += n;
+        }
+        ::closedir(d);
+    }
+    return s;
+}
+
+// Where the resident memory lies: the largest mappings by their resident size.
+std::string largest_mappings(pid_t pid, int count) {
+    std::istringstream smaps(read_text("/proc/" + std::to_string(pid) + "/smaps"));
+    std::map<std::string, long long> by_name;
+    std::string line, name;
+    while (std::getline(smaps, line)) {
+        if (line.compare(0, 4, "Rss:") == 0) {
+            by_name[name] += std::stoll(line.substr(4));
+        } else if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) && line.find('-') < 17) {
+            std::istringstream words(line);
+            std::string field;
+            name = "[anon]";
+            for (int i = 0; i < 6 && words >> field; ++i)
+                if (i == 5) name = field.substr(field.rfind('/') + 1);
+        }
+    }
+    std::vector<std::pair<long long, std::string>> sorted;
+    for (const auto& [n, kib] : by_name) sorted.emplace_back(kib, n);
+    std::sort(sorted.rbegin(), sorted.rend());
+    std::string out;
+    for (int i = 0; i < count && i < static_cast<int>(sorted.size()); ++i)
+        out += " " + sorted[i].second + " " + std::to_string(sorted[i].first) + "k";
+    return out;
+}
+
+bool measure(bool gateway) {
+    testing_support::TempDir dir;
+    testing_support::FakeService service;
+    testing_support::FakeAccounts accounts(service);
+    testing_support::FakeMatching matching(service);
+    if (!service.start()) return false;
+
+    const int tcp = testing_support::free_port();
+    nlohmann::json config = {
+        {"velmar_server", service.base_url()},
+        {"auth_server", service.base_url()},
+        {"community_server", service.base_url()},
+        {"tcp_port", tcp},
+        {"udp_port", testing_support::free_port(false)},
+        {"webapi_port", testing_support::free_port(true, tcp)},
+        {"p2p_gateway", gateway ? 1 : 0},
+        {"stun_server", "off"},
+        {"local_addr", "127.0.0.1"},
+        {"create_accounts", 1},
+        {"state_file", (dir.path() / "state.json").string()},
+        // Two game proxies, as by default, on ports of their own.
+        {"game_proxy_routes",
+         {{std::to_string(testing_support::free_port(true, tcp)), service.base_url()},
+          {std::to_string(testing_support::free_port(true, tcp)), service.base_url()}}},
+    };
+    testing_support::write_file(dir.path() / "config.json", config.dump());
+    bench::Child bridge({testing_support::cli_path().string(), "--config", (dir.path() / "config.json").string()},
+                        dir.path() / "bridge.log");
+    if (bridge.pid <= 0 || !bench::wait_listening(tcp, 20)) {
+        std::fprintf(stderr, "sarnlink-cli did not come up:\n%s\n", read_text((dir.path() / "bridge.log").string()).c_str());
+        return false;
+    }
+
+    testing_support::FakeGame game;
+    if (!game.connect_and_greet(tcp)) return false;
+    auto login = game.request(0, 1, testing_support::login_body("idler"));
+    auto context = game.request(100, 2, testing_support::length_prefixed(""));
+    auto room = game.request(101, 3, testing_support::length_prefixed(""));
+    if (!login || login->result() != 0 || !context || context->result() != 0 || !room || room->result() != 0) {
+        std::fprintf(stderr, "the game could not log in and make a room\n");
+        return false;
+    }
+
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the start's own work settles
+    const Sample before = sample(bridge.pid);
+    std::this_thread::sleep_for(std::chrono::duration<double>(kSeconds));
+    const Sample after = sample(bridge.pid);
+    const std::string status = read_text("/proc/" + std::to_string(bridge.pid) + "/status");
+
+    const double seconds = after.at - before.at;
+    const double cpu = static_cast<double>(after.cpu_ticks - before.cpu_ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK)) / seconds;
+    const double rss_mib = static_cast<double>(status_value(status, "VmRSS")) / 1024.0;
+    const std::string what = gateway ? "idle bridge with gateway" : "idle bridge without gateway";
+    std::fprintf(stderr, "%-56s RSS %.2f MiB (anon %.2f, file %.2f)  threads %lld  CPU %.3f%%  wake-ups %.1f/s\n",
+                 what.c_str(), rss_mib, static_cast<double>(status_value(status, "RssAnon")) / 1024.0,
+                 static_cast<double>(status_value(status, "RssFile")) / 1024.0, status_value(status, "Threads"),
+                 cpu * 100, static_cast<double>(after.switches - before.switches) / seconds);
+    std::string threads;
+    for (const auto& [tid, n] : after.per_thread) {
+        auto was = before.per_thread.find(tid);
+        threads += " " + std::to_string(static_cast<long long>((n - (was == before.per_thread.end() ? 0 : was->second)) / seconds + 0.5));
+    }
+    std::fprintf(stderr, "%-56s%s\n", "  wake-ups/s of each thread:", threads.c_str());
+    std::fprintf(stderr, "  largest:%s\n", largest_mappings(bridge.pid, 10).c_str());
+    bench::ratio("  RSS vs 8 MiB", rss_mib, 8.0, 1.0, false);
+    bench::ratio("  CPU vs 0.5% of a core", cpu * 100, 0.5, 1.0, false);
+    game.close();
+    return true;
+}
+
+}  // namespace
+
+int main() {
+    const bool ok = measure(true) && measure(false);
+    return ok ? 0 : 1;
+}
