@@ -1,11 +1,13 @@
-// What a hostile local program, a stuck game or a stuck service can do to the bridge: reach the
-// command port from outside the loopback, hold stop up, or cost the player an account.
+// What a hostile local program, a stuck game or a stuck service can do to the bridge: reach its
+// listeners from outside the loopback or the address it is told, hold stop up, or cost the
+// player an account.
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 
 #include "support/bridge_rig.h"
+#include "support/fake_port.h"
 #include "support/trickle_server.h"
 
 namespace {

@@ -3,11 +3,13 @@
 
 namespace {
 
-// A bridge whose service keeps accounts, with a state file in a fresh folder.
+// A bridge whose service keeps accounts, with a state file in a fresh folder. Tracing is on, so
+// that the rig's look for tokens and recovery codes covers its lines too.
 class Login : public ::testing::Test {
 protected:
     void start_bridge(bool create_accounts = false) {
         rig.config.create_accounts = create_accounts;
+        rig.config.trace = true;
         ASSERT_TRUE(rig.start());
         ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
     }

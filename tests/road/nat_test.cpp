@@ -226,6 +226,24 @@ protected:
                         dir.path());
     }
 
+    // sarnlink-check in home a behind a router of this kind, first against the stand-in, then
+    // against coturn.
+    void check_verdict(NatKind kind, const std::vector<std::string>& standin_lines, const std::string& coturn_line,
+                       const std::string& verdict) {
+        build(kind);
+        ASSERT_NO_FATAL_FAILURE(start_standin(false));
+        std::string out = check_from_home_a(false);
+        for (const std::string& line : standin_lines) EXPECT_NE(out.find(line), std::string::npos) << out;
+        EXPECT_NE(out.find(verdict), std::string::npos) << out;
+        auto coturn = start_coturn();
+        if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
+        out = check_from_home_a(true);
+        EXPECT_NE(out.find(coturn_line), std::string::npos) << out << coturn->output();
+        EXPECT_NE(out.find(verdict), std::string::npos) << out;
+        coturn->interrupt();
+        coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    }
+
     TempDir dir;
     NetworkLab lab;  // declared before the processes, so they are gone before their namespaces
     std::unique_ptr<Process> standin;
@@ -263,38 +281,15 @@ TEST_F(Nat, PlayersBehindAddressDependentNatsMeetThroughTheRelay) {
 // direct play; one that maps each destination anew means the relay. coturn's second address
 // shows it outright; the stand-in's one address leaves only the port as a hint.
 TEST_F(Nat, SarnlinkCheckFindsDirectPlayLikelyBehindAnEndpointIndependentNat) {
-    build(NatKind::EndpointIndependent);
-    ASSERT_NO_FATAL_FAILURE(start_standin(false));
-    std::string out = check_from_home_a(false);
-    EXPECT_NE(out.find("sees us as 198.51.100.2:"), std::string::npos) << out;
-    EXPECT_NE(out.find("ok    router: kept our port"), std::string::npos) << out;
-    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
-    auto coturn = start_coturn();
-    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
-    out = check_from_home_a(true);
-    EXPECT_NE(out.find("ok    router: keeps one public address for every destination (203.0.113.11:3480 saw "
-                       "198.51.100.2:"),
-              std::string::npos)
-        << out << coturn->output();
-    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
-    coturn->interrupt();
-    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    check_verdict(NatKind::EndpointIndependent, {"sees us as 198.51.100.2:", "ok    router: kept our port"},
+                  "ok    router: keeps one public address for every destination (203.0.113.11:3480 saw 198.51.100.2:",
+                  "verdict: ready, direct play likely\n");
 }
 
 TEST_F(Nat, SarnlinkCheckFindsTheRelayLikelyNeededBehindASymmetricNat) {
-    build(NatKind::AddressDependent);
-    ASSERT_NO_FATAL_FAILURE(start_standin(false));
-    std::string out = check_from_home_a(false);
-    EXPECT_NE(out.find("note  router: changed our port "), std::string::npos) << out;
-    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
-    auto coturn = start_coturn();
-    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
-    out = check_from_home_a(true);
-    EXPECT_NE(out.find("note  router: gives every destination its own public address"), std::string::npos)
-        << out << coturn->output();
-    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
-    coturn->interrupt();
-    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    check_verdict(NatKind::AddressDependent, {"note  router: changed our port "},
+                  "note  router: gives every destination its own public address",
+                  "verdict: ready, relay likely needed\n");
 }
 
 // Bramwell's router gives each destination a port of its own, so his punches reach ashling from

@@ -85,6 +85,7 @@ TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     s.config.trace = true;
     s.config.state_file = (dir / "data" / "state.json").string();
     ASSERT_TRUE(s.start());
+    s.game("ash");  // the proxy adds a token, which no traced line may show
     s.service.answer("/basic_utils/login2", ScriptedAnswer::text(201, "answer"));
     s.service.answer("/blood_messenger", ScriptedAnswer::text(200, "no"));
 
