@@ -42,22 +42,29 @@ TEST(BridgeHardening, CommandPortRefusesPeersOutsideTheLoopback) {
     EXPECT_TRUE(wait_until([&] { return rig.log.count_containing("tcp: refused connection from " + own) == 1; }));
 }
 
-// Stop ends within two seconds whatever the game and the service do: a game that stopped
-// reading its replies, a service that holds its answer, one that trickles it byte by byte.
+// Stop ends within two seconds whatever the games and the service do: a game that stopped
+// reading its replies, one that never sent a Request, a service that holds its answer, one that
+// trickles it byte by byte.
 TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
     {
-        SCOPED_TRACE("game that never reads");
+        SCOPED_TRACE("game that never reads, beside one that never sent a Request and one at rest");
         BridgeRig rig;
         rig.config.create_accounts = false;
         ASSERT_TRUE(rig.start());
         zq::Bridge& bridge = rig.bridge();
+        FakeGame idle;
+        ASSERT_TRUE(idle.connect_and_greet(bridge.bound_tcp_port()));
+        FakeGame& at_rest = rig.game();
         FakeGame game;
         ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
         // A refused login still sets the name, and the identity reply carries it: each reply is
         // a quarter megabyte, so a few dozen fill every buffer between the two.
         ASSERT_EQ(game.request(0, 1, login_body(std::string(1 << 18, 'n')))->result(), 5);
         for (int i = 0; i < 64; ++i) ASSERT_TRUE(game.send_request(39, 2 + i, ""));
-        EXPECT_LT(timed_stop(bridge), 3.0);
+        EXPECT_LT(timed_stop(bridge), 3.0);  // its bounded wait for connection threads is 5 s
+        EXPECT_TRUE(idle.wait_closed());
+        EXPECT_TRUE(at_rest.wait_closed());
+        EXPECT_FALSE(rig.last_session());
     }
     for (bool trickle : {false, true}) {
         SCOPED_TRACE(trickle ? "service that trickles" : "service that holds its answer");

@@ -46,14 +46,22 @@ TEST_F(Login, StoredTokenStandsAndIsKeptWhenTheServiceIsDown) {
     EXPECT_EQ(probe.header("X-ZQ-Token"), ash.token);
     EXPECT_EQ(probe.json(), json({{"OnlineId", "Ash"}}));
 
-    // The game asks for its identity: the token, the id and the name.
-    zq::FieldList fields = fields_of(game.request(39, 2, "")->payload());
+    // The game asks for its identity: the token, the id and the name. Each reply has its trace line.
+    const std::string identity = game.request(39, 2, "")->payload();
+    zq::FieldList fields = fields_of(identity);
     EXPECT_EQ(zq::string_field(fields, 1), ash.token);
     EXPECT_EQ(zq::string_field(fields, 3), "ash");
+    EXPECT_EQ(log.count(zq::format_text("cmd 39 pkt 2 -> error 0, %zu bytes", identity.size())), 1);
 
     service.stop();
     EXPECT_EQ(login("ash").first, 0);
     EXPECT_EQ(log.count("velmar: using the stored token for 'ash' (server unreachable, kept)"), 1);
+    // An unreachable service leaves a peer unknown, quietly when there is no gateway.
+    auto reply = game.request(105, 77, length_prefixed(bytes({0x0A, 0x01, 'p'})));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->body, bytes({26}));
+    EXPECT_EQ(log.count("cmd 105 pkt 77 -> error 26, 0 bytes"), 1);
+    EXPECT_FALSE(log.contains("signaling:"));
 }
 
 TEST_F(Login, RefusedTokenIsRecoveredUnlessDiscordLinked) {

@@ -12,7 +12,7 @@ struct PeerAnswer {
 };
 
 // A game logged in as "me" on a bridge whose service keeps accounts and knows where each
-// registered id can be reached.
+// registered id can be reached; "far" is registered at 198.51.100.7:40000.
 class Signaling : public ::testing::Test {
 protected:
     void start(bool gateway) {
@@ -22,6 +22,8 @@ protected:
             if (found == places.end()) return std::nullopt;
             return found->second;
         });
+        rig.accounts->add("far");
+        place("far", "198.51.100.7", 40000);
         rig.config.p2p_gateway = gateway;
         ASSERT_TRUE(rig.start());
         game = &rig.game("me");
@@ -50,7 +52,6 @@ protected:
     std::map<std::string, std::pair<std::string, int>> places;
     BridgeRig rig;
     FakeService& service = rig.service;
-    FakeAccounts& store = *rig.accounts;
     LogCapture& log = rig.log;
     FakeGame* game = nullptr;
 };
@@ -58,8 +59,6 @@ protected:
 // A peer known only to the service gets a link under a made-up id; asking again needs no call.
 TEST_F(Signaling, PeerOutsideTheRoomGetsALink) {
     start(true);
-    store.add("far");
-    place("far", "198.51.100.7", 40000);
 
     PeerAnswer a = resolve("far");
     EXPECT_EQ(a.result, 0);
@@ -69,7 +68,7 @@ TEST_F(Signaling, PeerOutsideTheRoomGetsALink) {
     EXPECT_EQ(log.count("signaling: 'far' resolved to 198.51.100.7:40000 (not in the room yet)"), 1);
     auto links = rig.bridge().gateway->links_snapshot();
     ASSERT_EQ(links.size(), 1u);
-    // A made-up member id is negative, stays above the room's own range, and is the same each time.
+    // A made-up member id is negative, so it never meets one the service gave, and it is stable.
     EXPECT_EQ(links[0].member_id, zq::synthetic_member_id("far"));
     EXPECT_GE(links[0].member_id, -30000);
     EXPECT_LE(links[0].member_id, -1);
@@ -87,8 +86,6 @@ TEST_F(Signaling, PeerOutsideTheRoomGetsALink) {
 
 TEST_F(Signaling, WithoutGatewayTheServiceAnswers) {
     start(false);
-    store.add("far");
-    place("far", "198.51.100.7", 40000);
     PeerAnswer a = resolve("far");
     EXPECT_EQ(a.result, 0);
     EXPECT_EQ(a.host, "198.51.100.7");
