@@ -47,6 +47,17 @@ private:
     int held_ = 0;
 };
 
+// The commands that go upstream, each with the code that its failure gives the game.
+struct Command {
+    std::uint16_t number;
+    std::string body;
+    int code;
+    int result = -1;
+};
+const Command kLogin{0, login_body("ash"), 5};
+const Command kContextStart{100, length_prefixed(varint_field(1, 3)), 2};
+const Command kResolve{105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26};
+
 }  // namespace
 
 // Each command that goes upstream answers the game its own failure code, whether the service
@@ -66,19 +77,12 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
         {"truncated json", ScriptedAnswer::text(200, R"({"ResKind":0,"RoomId":7,"Sess)"),
          "no account/matching service (HTTP 200)"},
     };
-    struct Command {
-        std::uint16_t number;
-        std::string body;
-        int code;
-    } commands[] = {
-        {0, login_body("ash"), 5},                                                      // login refused
-        {100, length_prefixed(varint_field(1, 3)), 2},                                  // context start
-        {101, length_prefixed(""), 2},                                                  // create room
-        {102, length_prefixed(varint_field(1, 1001)), 14},                              // join room
-        {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},             // kick
-        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},        // resolve peer
-    };
-
+    const Command commands[] = {kLogin,
+                                kContextStart,
+                                {101, length_prefixed(""), 2},                                       // create room
+                                {102, length_prefixed(varint_field(1, 1001)), 14},                   // join room
+                                {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},  // kick
+                                kResolve};
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.name);
         BridgeRig rig(BridgeRig::Service::Scripted);
@@ -120,16 +124,7 @@ TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
     ASSERT_TRUE(rig.start());
     zq::Bridge& bridge = rig.bridge();
 
-    struct Command {
-        std::uint16_t number;
-        std::string body;
-        int code;
-        int result = -1;
-    } commands[] = {
-        {0, login_body("ash"), 5},                                                // account creation times out
-        {100, length_prefixed(varint_field(1, 3)), 2},                            // context start
-        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},  // resolve peer
-    };
+    Command commands[] = {kLogin, kContextStart, kResolve};
     std::vector<std::thread> games;
     for (auto& command : commands) {
         games.emplace_back([&bridge, &command] {
