@@ -5,7 +5,6 @@
 // When the rig goes, it checks that no token or recovery code that the service handed out
 // during the test reached any log line.
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
