@@ -83,7 +83,6 @@ Room parse_room_reply(std::uint16_t command, std::string_view payload) {
     zq::decode(zq::string_field(fields, create ? 9 : 6), summary);
     zq::decode(zq::string_field(summary, 1), block);
     room.free_places = zq::number_field(block, 3, 0);
-    room.owner_id = static_cast<int>(zq::number_field(summary, 4, 0));
     for (const auto& field : summary)
         if (field.number == 2 && field.wire_type == 2) room.members.push_back(parse_member(field.bytes));
     return room;

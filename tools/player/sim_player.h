@@ -44,7 +44,6 @@ struct Room {
     int member_id = 0;
     std::uint64_t max_members = 0;  // the reply's own field
     std::uint64_t free_places = 0;  // the room block's
-    int owner_id = 0;
     std::vector<Member> members;  // every entry, ourselves included, in the order sent
 };
 
