@@ -134,3 +134,56 @@ TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
     EXPECT_EQ(read_file(kept[0]), R"({"accounts": {"elder": {"token": "t",}}})");
     EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + kept[0].filename().string()), 1);
 }
+
+// The command, web and proxy listeners are on bind_host, here 127.0.0.2, and can't be reached on
+// 127.0.0.1. The links the game is told about stand on 127.0.0.1 and nowhere else; only the
+// gateway's public socket faces every interface. The STUN responder answers on bind_host alone:
+// a ping to 127.0.0.1 goes first and is not answered, and the answer to the one on 127.0.0.2
+// comes from that address, which a socket on every interface would not use.
+TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
+    zq::network_init();
+    zq::Socket probe = zq::open_udp_socket();
+    const bool second_loopback = zq::bind_socket(probe, zq::to_sockaddr({"127.0.0.2", 0}));
+    zq::close_socket(probe);
+    if (!second_loopback) GTEST_SKIP() << "this machine has no 127.0.0.2 on its loopback";
+    BridgeRig rig;
+    rig.config.bind_host = "127.0.0.2";
+    rig.config.p2p_gateway = true;
+    rig.config.game_proxy_routes = {{0, rig.service.base_url()}};
+    ASSERT_TRUE(rig.start());
+    zq::Bridge& bridge = rig.bridge();
+
+    auto reachable = [](const std::string& host, int port) {
+        zq::Socket s = zq::open_tcp_socket();
+        bool connected = zq::connect_socket(s, zq::to_sockaddr({host, port}));
+        zq::close_socket(s);
+        return connected;
+    };
+    for (int port : {bridge.bound_tcp_port(), bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)}) {
+        EXPECT_TRUE(reachable("127.0.0.2", port)) << port;
+        EXPECT_FALSE(reachable("127.0.0.1", port)) << port;
+    }
+
+    // A link: a control frame sent to its port on 127.0.0.2 goes first and must not be taken;
+    // the data frame to 127.0.0.1 behind it is.
+    zq::Endpoint link = bridge.gateway->add_member(2, "peer", {"192.0.2.77", 4000}, {}, "me", 1, 5, std::nullopt);
+    ASSERT_EQ(link.host, "127.0.0.1");
+    FakePort port;
+    port.send_control({"127.0.0.2", link.port}, std::string(40, '\0'));
+    port.send({"127.0.0.1", link.port}, 1, 1, "data");
+    auto info = [&] { return bridge.gateway->links_snapshot().at(0); };
+    ASSERT_TRUE(wait_until([&] { return info().to_peer == 1; }));
+    EXPECT_EQ(info().signaling, 0u);
+
+    if (running_under_wine())
+        GTEST_SKIP() << "the STUN half is left out under Wine, which binds a UDP socket on a loopback address to the "
+                        "whole loopback interface, so a ping to 127.0.0.1 reaches it there; Windows keeps to the address";
+    std::string ping(21, '\0');
+    ping[0] = 1;
+    FakePort pinger;
+    for (const char* host : {"127.0.0.1", "127.0.0.2"}) pinger.send_raw({host, bridge.bound_udp_port()}, ping);
+    auto reply = pinger.receive(10.0);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->bytes.size(), 6u);
+    EXPECT_EQ(reply->from, (zq::Endpoint{"127.0.0.2", bridge.bound_udp_port()}));
+}
