@@ -1,43 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <random>
 
-#include "bridge/bridge.h"
-#include "support/bridge_config.h"
-#include "support/fake_game.h"
-#include "support/log_capture.h"
-#include "support/ports.h"
-
-using testing_support::FakeGame;
-using testing_support::GameFrame;
-using testing_support::length_prefixed;
-using testing_support::LogCapture;
-using testing_support::wait_until;
+#include "support/bridge_rig.h"
 
 namespace {
-
-std::string bytes(std::initializer_list<int> list) {
-    std::string out;
-    for (int b : list) out.push_back(static_cast<char>(b));
-    return out;
-}
-
-zq::Config test_config() {
-    return testing_support::local_bridge_config();
-}
-
-// A started bridge on free ports.
-struct RunningBridge {
-    explicit RunningBridge(zq::Config c = test_config()) : bridge(std::move(c)) {
-        std::string error;
-        started = bridge.start(&error);
-        EXPECT_TRUE(started) << error;
-    }
-    int port() const { return bridge.bound_tcp_port(); }
-    zq::Bridge bridge;
-    bool started = false;
-};
 
 std::string header(int kind, int command, std::uint32_t total, std::uint64_t packet) {
     std::string h;
@@ -52,10 +17,11 @@ std::string header(int kind, int command, std::uint32_t total, std::uint64_t pac
 }  // namespace
 
 TEST(Bridge, GreetsThenAnswersTheFixedRows) {
-    LogCapture log;
-    RunningBridge b;
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    auto& log = rig.log;
     FakeGame game;
-    ASSERT_TRUE(game.connect(b.port()));
+    ASSERT_TRUE(game.connect(rig.bridge().bound_tcp_port()));
     EXPECT_EQ(game.read_bytes(19), bytes({3, 0, 0, 19, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}));
 
     const std::string empty_payload;
@@ -121,39 +87,17 @@ TEST(Bridge, GreetsThenAnswersTheFixedRows) {
     EXPECT_EQ(reply->body, bytes({0}));
     EXPECT_TRUE(game.wait_closed());
     EXPECT_TRUE(log.wait_for("tcp: session for ? closed"));
-    EXPECT_TRUE(wait_until([&] {
-        std::lock_guard<std::mutex> guard(b.bridge.sessions_lock);
-        return b.bridge.sessions.empty();
-    }, 10.0));
+    EXPECT_TRUE(wait_until([&] { return !rig.last_session(); }));
 }
 
-TEST(Bridge, TraceLogsEachReply) {
-    LogCapture log;
-    auto config = test_config();
-    config.trace = true;
-    config.velmar_server = "http://127.0.0.1:" + std::to_string(testing_support::closed_port());
-    RunningBridge b(config);
-    FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(b.port()));
-
-    // An unreachable service leaves the peer unknown, quietly when there is no gateway.
-    auto reply = game.request(105, 77, length_prefixed(bytes({0x0A, 0x01, 'p'})));
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->body, bytes({26}));
-    EXPECT_EQ(log.count("cmd 105 pkt 77 -> error 26, 0 bytes"), 1);
-    EXPECT_FALSE(log.contains("signaling:"));
-
-    reply = game.request(12, 78, "");
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(log.count("cmd 12 pkt 78 -> error 0, 6 bytes"), 1);
-}
-
-// Frames are found in the stream however it is cut, and frames of other kinds are skipped.
-TEST(Bridge, FramesSplitJoinedAndSkipped) {
-    RunningBridge b;
-    FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(b.port()));
-
+// Frames are found in the stream however it is cut, frames of other kinds are skipped, and the
+// largest frame allowed is read whole. A bad header closes its connection without a reply; the
+// bridge goes on serving others.
+TEST(Bridge, FramesInTheStreamAndBadHeaders) {
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    const int port = rig.bridge().bound_tcp_port();
+    FakeGame& game = rig.game();
     std::string stream = header(2, 12, 15, 1) + header(3, 12, 16, 2) + "z" + header(0, 12, 15, 3) +
                          header(1, 8, 15, 4) + header(0, 104, 15, 5);
     for (char c : stream) ASSERT_TRUE(game.send_raw(std::string(1, c)));
@@ -163,18 +107,20 @@ TEST(Bridge, FramesSplitJoinedAndSkipped) {
     EXPECT_EQ(first->packet_id, 3u);
     EXPECT_EQ(first->body, bytes({0, 2, 0, 0, 0, 0x08, 0x01}));
     EXPECT_EQ(second->packet_id, 5u);
-
     ASSERT_TRUE(game.send_raw(header(0, 8, 15, 6) + header(0, 8, 15, 7)));
     auto a = game.read_frame();
     auto c = game.read_frame();
     ASSERT_TRUE(a && c);
     EXPECT_EQ(a->packet_id, 6u);
     EXPECT_EQ(c->packet_id, 7u);
-}
+    std::string body = length_prefixed(bytes({0x10, 0x05}));
+    body.resize(0x800000 - 15, 'x');
+    ASSERT_TRUE(game.send_raw(header(0, 108, 0x800000, 11) + body));
+    auto reply = game.read_frame(30);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->packet_id, 11u);
+    EXPECT_EQ(reply->payload(), bytes({2, 0, 0, 0, 0x08, 0x05}));
 
-// A bad header closes its connection without a reply; the bridge goes on serving others.
-TEST(Bridge, BadInputClosesOnlyThatConnection) {
-    RunningBridge b;
     std::mt19937 random(12345);
     std::vector<std::string> attacks = {
         header(0, 12, 14, 1),
@@ -186,124 +132,72 @@ TEST(Bridge, BadInputClosesOnlyThatConnection) {
     std::string noise;
     for (int i = 0; i < 4000; ++i) noise.push_back(static_cast<char>(random()));
     attacks.push_back(noise);
-
     for (std::size_t i = 0; i < attacks.size(); ++i) {
-        FakeGame game;
-        ASSERT_TRUE(game.connect_and_greet(b.port()));
-        ASSERT_TRUE(game.send_raw(attacks[i]));
-        if (i < 3) {
-            // Out of bounds: closed at once, and nothing answered.
-            EXPECT_TRUE(game.wait_closed()) << i;
-        }
-        game.close();
-
+        FakeGame bad;
+        ASSERT_TRUE(bad.connect_and_greet(port));
+        ASSERT_TRUE(bad.send_raw(attacks[i]));
+        if (i < 3) EXPECT_TRUE(bad.wait_closed()) << i;  // out of bounds: closed at once, nothing answered
+        bad.close();
         FakeGame next;
-        ASSERT_TRUE(next.connect_and_greet(b.port())) << i;
-        auto reply = next.request(12, 9, "");
-        ASSERT_TRUE(reply) << i;
-        EXPECT_EQ(reply->result(), 0);
+        ASSERT_TRUE(next.connect_and_greet(port)) << i;
+        auto answer = next.request(12, 9, "");
+        ASSERT_TRUE(answer) << i;
+        EXPECT_EQ(answer->result(), 0);
     }
 }
 
-TEST(Bridge, MaximumFrameIsReadWhole) {
-    RunningBridge b;
-    FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(b.port()));
-    std::string body = length_prefixed(bytes({0x10, 0x05}));
-    body.resize(0x800000 - 15, 'x');
-    ASSERT_TRUE(game.send_raw(header(0, 108, 0x800000, 11) + body));
-    auto reply = game.read_frame(30);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->packet_id, 11u);
-    EXPECT_EQ(reply->payload(), bytes({2, 0, 0, 0, 0x08, 0x05}));
-}
-
-TEST(Bridge, StunRespondsAndLearns) {
-    LogCapture log;
-    RunningBridge b;
-    zq::Socket udp = zq::open_udp_socket();
-    ASSERT_TRUE(zq::bind_socket(udp, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0})));
-    zq::SockAddr mine;
-    ASSERT_TRUE(zq::local_address(udp, &mine));
-    zq::Endpoint me = zq::from_sockaddr(mine);
-    zq::SockAddr responder = zq::to_sockaddr(zq::Endpoint{"127.0.0.1", b.bridge.bound_udp_port()});
-
-    auto ping = [&](const std::string& id, std::size_t size) {
-        std::string d(size, '\0');
-        d[0] = 1;
-        d.replace(1, id.size(), id);
-        zq::send_to(udp, d.data(), static_cast<int>(d.size()), responder);
-    };
-    auto answer = [&](int timeout_ms) -> std::optional<std::string> {
-        std::vector<bool> ready;
-        if (zq::wait_readable({udp}, timeout_ms, ready) < 1) return std::nullopt;
-        char buffer[64];
-        int n = zq::recv_from(udp, buffer, sizeof buffer, nullptr);
-        return std::string(buffer, n < 0 ? 0 : n);
-    };
-
-    // The 20-byte ping teaches nothing; the 21-byte one that follows proves it was not answered,
-    // since datagrams on loopback keep their order.
-    ping("short", 20);
-    ping("alice", 21);
-    auto reply = answer(10000);
-    ASSERT_TRUE(reply);
-    auto port = static_cast<unsigned>(me.port);
-    EXPECT_EQ(*reply, bytes({127, 0, 0, 1, static_cast<int>(port >> 8), static_cast<int>(port & 0xFF)}));
-    ping("alice", 64);
-    ping("bob", 21);
-    ASSERT_TRUE(answer(10000));
-    ASSERT_TRUE(answer(10000));
-    {
-        std::lock_guard<std::mutex> guard(b.bridge.endpoints_lock);
-        EXPECT_EQ(b.bridge.stun_table.size(), 2u);
-        EXPECT_EQ(b.bridge.stun_table["alice"], me);
-        EXPECT_EQ(b.bridge.stun_table.count("short"), 0u);
-    }
-    EXPECT_EQ(log.count("stun: 'alice' pings from " + me.text()), 1);  // once, not per ping
-    EXPECT_EQ(log.count("stun: 'bob' pings from " + me.text()), 1);
-    zq::close_socket(udp);
-}
-
-TEST(Bridge, SecondCopyFailsAndHoldsNoPort) {
-    RunningBridge first;
-    LogCapture log;
-    auto config = test_config();
-    config.tcp_port = first.port();
+// A port that is taken fails the start with its reason, logged once; whatever the start had
+// bound is let go, and the bridge that holds the port serves on. The program exits with 1.
+TEST(Bridge, TakenPortFailsTheStartAndHoldsNoPort) {
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    const int port = rig.bridge().bound_tcp_port();
+    auto& log = rig.log;
+    log.clear();
+    zq::Config config = rig.config;
+    config.tcp_port = port;
     zq::Bridge second(config);
     std::string error;
     EXPECT_FALSE(second.start(&error));
-    std::string expected_start =
-        zq::format_text("cannot listen on tcp 127.0.0.1:%d - is another bridge running? (error ", first.port());
-    EXPECT_EQ(error.rfind(expected_start, 0), 0u) << error;
+    EXPECT_TRUE(error.starts_with(
+        zq::format_text("cannot listen on tcp 127.0.0.1:%d - is another bridge running? (error ", port)))
+        << error;
     EXPECT_EQ(error.back(), ')');
     EXPECT_EQ(log.count(error), 1);
     EXPECT_FALSE(log.contains("listening:"));
     EXPECT_FALSE(second.running());
     second.stop();  // a second stop does nothing
 
-    // The first still serves.
+    // The second game proxy asks for the service's port.
+    config = rig.config;
+    config.game_proxy_routes = {{0, rig.service.base_url()}, {rig.service.port(), rig.service.base_url()}};
+    zq::Bridge third(config);
+    ASSERT_FALSE(third.start(&error));
+    EXPECT_TRUE(error.starts_with("cannot listen on 127.0.0.1:" + std::to_string(rig.service.port()) + " (error "))
+        << error;
+    EXPECT_EQ(log.count(error), 1);
+    int first_proxy = 0;
+    for (const std::string& line : log.lines())
+        if (auto at = line.find("game proxy :"); at != std::string::npos) first_proxy = std::stoi(line.substr(at + 12));
+    ASSERT_NE(first_proxy, 0);
+    for (int bound : {first_proxy, third.bound_webapi_port(), third.bound_tcp_port()}) {
+        http::Server again;
+        EXPECT_TRUE(again.start("127.0.0.1", bound, [](const http::ServerRequest&) { return http::ServerResponse{}; },
+                                &error))
+            << error;
+    }
+
+    write_file(rig.dir.path() / "sarnlink_config.json",
+               zq::format_text(R"({"tcp_port": %d, "p2p_gateway": 0, "game_proxy_routes": {}})", port));
+    auto cli = run_process(cli_path(), {}, rig.dir.path());
+    EXPECT_EQ(cli.exit_code, 1);
+    EXPECT_NE(cli.output.find(zq::format_text(
+                  "[sarnlink] cannot listen on tcp 127.0.0.1:%d - is another bridge running? (error ", port)),
+              std::string::npos)
+        << cli.output;
+
     FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(first.port()));
-}
-
-// Stop wakes connections that never sent a Request as well as those with a session, so it
-// does not sit out its wait for connection threads.
-TEST(Bridge, StopEndsIdleConnectionsPromptly) {
-    RunningBridge b;
-    FakeGame idle, busy;
-    ASSERT_TRUE(idle.connect_and_greet(b.port()));
-    ASSERT_TRUE(busy.connect_and_greet(b.port()));
-    ASSERT_TRUE(busy.request(12, 1, ""));
-
-    auto began = std::chrono::steady_clock::now();
-    b.bridge.stop();
-    auto took = std::chrono::steady_clock::now() - began;
-    EXPECT_LT(took, std::chrono::seconds(4));  // the bounded wait for stuck threads is 5 s
-    EXPECT_TRUE(idle.wait_closed());
-    EXPECT_TRUE(busy.wait_closed());
-    EXPECT_TRUE(b.bridge.sessions.empty());
-    b.bridge.stop();
+    ASSERT_TRUE(game.connect_and_greet(port));
 }
 
 TEST(Bridge, PickStunServer) {
@@ -320,7 +214,7 @@ TEST(Bridge, PickStunServer) {
         {"", "", std::nullopt},
     };
     for (const auto& c : cases) {
-        auto config = test_config();
+        auto config = local_bridge_config();
         config.stun_server = c.stun;
         config.velmar_server = c.velmar;
         zq::Bridge bridge(config);

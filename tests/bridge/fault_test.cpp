@@ -3,49 +3,15 @@
 // written. What is checked is what the game and the player see: result codes, a bridge that
 // goes on serving, and files left whole.
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
 
-#include "bridge/bridge.h"
-#include "bridge/frames.h"
-#include "shell/platform.h"
-#include "support/bridge_config.h"
-#include "support/fake_accounts.h"
-#include "support/fake_game.h"
-#include "support/fake_matching.h"
-#include "support/fake_service.h"
-#include "support/files.h"
-#include "support/log_capture.h"
-#include "support/ports.h"
-#include "support/process.h"
-
-using nlohmann::json;
-using testing_support::FakeAccounts;
-using testing_support::FakeGame;
-using testing_support::FakeService;
-using testing_support::length_prefixed;
-using testing_support::login_body;
-using testing_support::LogCapture;
-using testing_support::ScriptedAnswer;
-using testing_support::TempDir;
-using testing_support::varint_field;
-using testing_support::wait_until;
+#include "support/bridge_rig.h"
 
 namespace {
-
-zq::Config config_for(const std::string& velmar, const std::filesystem::path& state) {
-    zq::Config c = testing_support::local_bridge_config(velmar);
-    c.local_addr = "192.0.2.10";
-    c.poll_interval = 0.02;
-    c.create_accounts = true;
-    c.state_file = zq::wide_to_utf8(state.wstring());
-    return c;
-}
 
 // Holds the requests that reach it until it is opened; counts those it holds.
 class Gate {
@@ -81,6 +47,17 @@ private:
     int held_ = 0;
 };
 
+// The commands that go upstream, each with the code that its failure gives the game.
+struct Command {
+    std::uint16_t number;
+    std::string body;
+    int code;
+    int result = -1;
+};
+const Command kLogin{0, login_body("ash"), 5};
+const Command kContextStart{100, length_prefixed(varint_field(1, 3)), 2};
+const Command kResolve{105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26};
+
 }  // namespace
 
 // Each command that goes upstream answers the game its own failure code, whether the service
@@ -100,32 +77,20 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
         {"truncated json", ScriptedAnswer::text(200, R"({"ResKind":0,"RoomId":7,"Sess)"),
          "no account/matching service (HTTP 200)"},
     };
-    struct Command {
-        std::uint16_t number;
-        std::string body;
-        int code;
-    } commands[] = {
-        {0, login_body("ash"), 5},                                                      // login refused
-        {100, length_prefixed(varint_field(1, 3)), 2},                                  // context start
-        {101, length_prefixed(""), 2},                                                  // create room
-        {102, length_prefixed(varint_field(1, 1001)), 14},                              // join room
-        {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},             // kick
-        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},        // resolve peer
-    };
-
+    const Command commands[] = {kLogin,
+                                kContextStart,
+                                {101, length_prefixed(""), 2},                                       // create room
+                                {102, length_prefixed(varint_field(1, 1001)), 14},                   // join room
+                                {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},  // kick
+                                kResolve};
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.name);
-        TempDir dir;
-        FakeService service;
-        ASSERT_TRUE(service.start());
-        if (fault.answer) service.set_fallback([&](const auto&) { return fault.answer; });
-        std::string url = fault.answer ? service.base_url()
-                                       : "http://127.0.0.1:" + std::to_string(testing_support::closed_port());
-        LogCapture log;
-        zq::Bridge bridge(config_for(url, dir.path() / "state.json"));
-        ASSERT_TRUE(bridge.start(nullptr));
+        BridgeRig rig(BridgeRig::Service::Scripted);
+        if (fault.answer) rig.service.set_fallback([&](const auto&) { return fault.answer; });
+        else rig.config.velmar_server = "http://127.0.0.1:" + std::to_string(closed_port());
+        ASSERT_TRUE(rig.start());
         FakeGame game;
-        ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
+        ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
         std::uint64_t packet = 0;
         for (const auto& command : commands) {
             auto reply = game.request(command.number, ++packet, command.body);
@@ -133,8 +98,8 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
             EXPECT_EQ(reply->result(), command.code) << command.number;
             EXPECT_EQ(reply->payload(), "") << command.number;
         }
-        EXPECT_TRUE(log.contains("create_room failed: /mp/matching2/create_room: " + std::string(fault.words)));
-        EXPECT_FALSE(std::filesystem::exists(dir.path() / "state.json"));
+        EXPECT_TRUE(rig.log.contains("create_room failed: /mp/matching2/create_room: " + std::string(fault.words)));
+        EXPECT_FALSE(std::filesystem::exists(rig.state()));
         auto features = game.request(111, ++packet, "");
         ASSERT_TRUE(features);
         EXPECT_EQ(features->result(), 0);
@@ -147,10 +112,8 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
 TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
     Gate silence;
     silence.close();
-    TempDir dir;
-    FakeService service;
-    ASSERT_TRUE(service.start());
-    service.set_fallback([&](const auto&) -> std::optional<ScriptedAnswer> {
+    BridgeRig rig(BridgeRig::Service::Scripted);
+    rig.service.set_fallback([&](const auto&) -> std::optional<ScriptedAnswer> {
         silence.pass();
         return std::nullopt;
     });
@@ -158,20 +121,10 @@ TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
         Gate& gate;
         ~Opener() { gate.open(); }  // before the service stops, also when an assertion ends the test
     } opener{silence};
-    LogCapture log;
-    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
-    ASSERT_TRUE(bridge.start(nullptr));
+    ASSERT_TRUE(rig.start());
+    zq::Bridge& bridge = rig.bridge();
 
-    struct Command {
-        std::uint16_t number;
-        std::string body;
-        int code;
-        int result = -1;
-    } commands[] = {
-        {0, login_body("ash"), 5},                                                // account creation times out
-        {100, length_prefixed(varint_field(1, 3)), 2},                            // context start
-        {105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26},  // resolve peer
-    };
+    Command commands[] = {kLogin, kContextStart, kResolve};
     std::vector<std::thread> games;
     for (auto& command : commands) {
         games.emplace_back([&bridge, &command] {
@@ -182,22 +135,17 @@ TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
     }
     for (auto& game : games) game.join();
     for (const auto& command : commands) EXPECT_EQ(command.result, command.code) << command.number;
-    EXPECT_TRUE(log.contains("velmar account failed for 'ash': /auth/account/create: The read operation timed out"));
-    EXPECT_TRUE(log.contains("context_start failed: /mp/matching2/context_start: The read operation timed out"));
+    EXPECT_TRUE(rig.log.contains("velmar account failed for 'ash': /auth/account/create: The read operation timed out"));
+    EXPECT_TRUE(rig.log.contains("context_start failed: /mp/matching2/context_start: The read operation timed out"));
 }
 
 // Online ids come from the game as raw bytes; one that is not UTF-8 cannot go into a JSON body.
 // The command fails like any upstream failure, and the bridge lives on.
 TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
-    TempDir dir;
-    FakeService service;
-    ASSERT_TRUE(service.start());
-    FakeAccounts store{service};
-    LogCapture log;
-    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
-    ASSERT_TRUE(bridge.start(nullptr));
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
     FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
+    ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
 
     auto reply = game.request(105, 1, length_prefixed(zq::FieldMessage().string(1, "b\xFF\xFEob").bytes()));
     ASSERT_TRUE(reply);
@@ -205,20 +153,18 @@ TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
     reply = game.request(0, 2, login_body("ash\xC3"));
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result(), 5);
-    EXPECT_TRUE(log.contains("velmar account failed for 'ash\xC3': /auth/account/create: "));
+    EXPECT_TRUE(rig.log.contains("velmar account failed for 'ash\xC3': /auth/account/create: "));
     reply = game.request(100, 3, length_prefixed(""));
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result(), 2);
-    EXPECT_TRUE(service.requests().empty());
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "state.json"));
+    EXPECT_TRUE(rig.service.requests().empty());
+    EXPECT_FALSE(std::filesystem::exists(rig.state()));
 
     // The same connection, and a new one, are served as before.
     reply = game.request(0, 4, login_body("ash"));
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result(), 0);
-    FakeGame other;
-    ASSERT_TRUE(other.connect_and_greet(bridge.bound_tcp_port()));
-    ASSERT_TRUE(other.request(111, 1, ""));
+    rig.game();
 }
 
 // A game that goes away while its command waits on the service, and one that goes away while
@@ -229,15 +175,12 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     constexpr const char* kPoll = "/np/events/poll";
     constexpr const char* kLeave = "/mp/matching2/leave_room";
     Gate kick_gate, poll_gate;
-    TempDir dir;
-    FakeService service;
-    ASSERT_TRUE(service.start());
-    FakeAccounts store{service};
-    testing_support::FakeMatching matching{service};
+    BridgeRig rig;
+    FakeMatching& matching = *rig.matching;
     for (auto [path, gate] : {std::pair{kKick, &kick_gate}, std::pair{kPoll, &poll_gate}}) {
-        service.handle(path, [&matching, gate](const testing_support::RecordedRequest& r) {
+        rig.service.handle(path, [&matching, gate](const RecordedRequest& r) {
             gate->pass();
-            return testing_support::scripted(*matching.rooms.serve(testing_support::call_of(r)));
+            return scripted(*matching.rooms.serve(call_of(r)));
         });
     }
     // However the test ends, nothing stays held while the service stops.
@@ -250,9 +193,9 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
         }
     } open_at_end{kick_gate, poll_gate};
 
-    LogCapture log;
-    zq::Bridge bridge(config_for(service.base_url(), dir.path() / "state.json"));
-    ASSERT_TRUE(bridge.start(nullptr));
+    ASSERT_TRUE(rig.start());
+    zq::Bridge& bridge = rig.bridge();
+    auto& log = rig.log;
     const int port = bridge.bound_tcp_port();
     FakeGame alice, bob, carol;
     ASSERT_TRUE(alice.connect_and_greet(port));
@@ -289,7 +232,7 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     poll_gate.open();
     EXPECT_TRUE(log.wait_for("tcp: session for 'bob' closed"));
     EXPECT_TRUE(matching.rooms.room_members(1001).empty());
-    EXPECT_EQ(service.requests_to(kLeave).size(), 2u);
+    EXPECT_EQ(rig.service.requests_to(kLeave).size(), 2u);
 
     auto began = std::chrono::steady_clock::now();
     bridge.stop();
@@ -297,72 +240,45 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     EXPECT_TRUE(carol.wait_closed());
 }
 
-namespace {
-
 // A player whose state file cannot be replaced logs in all the same, goes on with the account in
-// memory, and finds the file as it was. The check is what the game and the service see.
-void login_with_unwritable_state(const std::filesystem::path& state, const std::function<void()>& break_it) {
-    FakeService service;
-    ASSERT_TRUE(service.start());
-    FakeAccounts store{service};
-    const std::string before =
-        json{{"accounts", {{"elder", {{"velmar_name", "elder"}, {"recovery_code", "rc-old"}}}}}}.dump();
-    if (std::filesystem::is_directory(state.parent_path())) testing_support::write_file(state, before);
-    break_it();
-
-    LogCapture log;
-    zq::Bridge bridge(config_for(service.base_url(), state));
-    ASSERT_TRUE(bridge.start(nullptr));
-    FakeGame game;
-    ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
-    ASSERT_EQ(game.request(0, 1, login_body("fresh"))->result(), 0);
-    // The player is told that nothing was stored, and the log does not claim otherwise.
-    EXPECT_EQ(log.count("velmar: created account 'fresh' (token and recovery code stored in sarnlink_state.json - "
-                        "keep that file)"),
-              0);
-    EXPECT_EQ(log.count_containing("velmar: could not save the account 'fresh'"), 1);
-    const std::string token = store.get("fresh").token;
-    ASSERT_FALSE(token.empty());
-
-    auto identity = game.request(39, 2, "");
-    ASSERT_TRUE(identity);
-    EXPECT_EQ(zq::string_field(*zq::read_request(identity->payload()), 1), token);
-    service.answer_json("/mp/matching2/context_start", {{"ResKind", 0}});
-    ASSERT_EQ(game.request(100, 3, length_prefixed(""))->result(), 0);
-    EXPECT_EQ(service.requests_to("/mp/matching2/context_start").at(0).header("X-ZQ-Token"), token);
-
-    if (std::filesystem::is_directory(state.parent_path()))
-        EXPECT_EQ(testing_support::read_file(state), before);
-    else
-        EXPECT_FALSE(std::filesystem::exists(state));
-}
-
-}  // namespace
-
-// The temporary file's name is taken by a folder, or the state file's folder is a plain file:
-// both refuse the write even to an administrator.
+// memory, and finds the file as it was. The check is what the game and the service see. The
+// temporary file's name is taken by a folder, the state file's folder is a plain file (both
+// refuse the write even to an administrator), or the temporary name leads to a full medium.
 TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldFileWhole) {
-    {
-        SCOPED_TRACE("temporary name taken");
-        TempDir dir;
-        login_with_unwritable_state(dir.path() / "state.json",
-                                    [&] { std::filesystem::create_directory(dir.path() / "state.json.tmp"); });
-    }
-    {
-        SCOPED_TRACE("folder is a file");
-        TempDir dir;
-        testing_support::write_file(dir.path() / "plain", "not a folder");
-        login_with_unwritable_state(dir.path() / "plain" / "state.json", [] {});
-    }
-}
+    const bool full_medium = std::filesystem::exists("/dev/full");
+    enum How { NameTaken, FolderIsAFile, FullMedium };
+    for (How how : {NameTaken, FolderIsAFile, FullMedium}) {
+        SCOPED_TRACE(how);
+        if (how == FullMedium && !full_medium) continue;  // said by name below
+        BridgeRig rig;
+        std::filesystem::path state = rig.state();
+        const std::string before =
+            json{{"accounts", {{"elder", {{"velmar_name", "elder"}, {"recovery_code", "rc-old"}}}}}}.dump();
+        if (how == NameTaken) std::filesystem::create_directory(rig.dir.path() / "state.json.tmp");
+        if (how == FullMedium) std::filesystem::create_symlink("/dev/full", rig.dir.path() / "state.json.tmp");
+        if (how == FolderIsAFile) {
+            write_file(rig.dir.path() / "plain", "not a folder");
+            state = rig.dir.path() / "plain" / "state.json";
+            rig.config.state_file = zq::wide_to_utf8(state.wstring());
+        } else {
+            write_file(state, before);
+        }
+        ASSERT_TRUE(rig.start());
+        FakeGame& game = rig.game("fresh");
+        // The player is told that nothing was stored, and the log does not claim otherwise.
+        EXPECT_FALSE(rig.log.contains("velmar: created account 'fresh'"));
+        EXPECT_EQ(rig.log.count_containing("velmar: could not save the account 'fresh'"), 1);
+        const std::string token = rig.accounts->get("fresh").token;
+        ASSERT_FALSE(token.empty());
 
-// A full medium: the temporary file opens but no byte fits. /dev/full gives exactly that error for
-// a plain write, so the temporary name leads there.
-TEST(BridgeFaults, StateFileOnAFullMediumKeepsTheOldFile) {
-    if (!std::filesystem::exists("/dev/full"))
+        EXPECT_EQ(zq::string_field(fields_of(game.request(39, 2, "")->payload()), 1), token);
+        ASSERT_EQ(game.request(100, 3, length_prefixed(""))->result(), 0);
+        EXPECT_EQ(rig.service.requests_to("/mp/matching2/context_start").at(0).header("X-ZQ-Token"), token);
+        if (how == FolderIsAFile)
+            EXPECT_FALSE(std::filesystem::exists(state));
+        else
+            EXPECT_EQ(read_file(state), before);
+    }
+    if (!full_medium)
         GTEST_SKIP() << "no /dev/full here (Windows has no device that is always full to stand for a full disk)";
-    TempDir dir;
-    login_with_unwritable_state(dir.path() / "state.json", [&] {
-        std::filesystem::create_symlink("/dev/full", dir.path() / "state.json.tmp");
-    });
 }

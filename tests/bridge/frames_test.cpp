@@ -1,41 +1,10 @@
-#include <gtest/gtest.h>
-
 #include "bridge/frames.h"
 #include "bridge/login.h"
 #include "bridge/stun_responder.h"
 
+#include "support/prelude.h"
+
 using namespace zq;
-
-namespace {
-
-std::string bytes(std::initializer_list<int> list) {
-    std::string out;
-    for (int b : list) out.push_back(static_cast<char>(b));
-    return out;
-}
-
-}  // namespace
-
-TEST(Frames, HeaderAndFrameBytes) {
-    EXPECT_EQ(hello_frame(), bytes({3, 0, 0, 0x13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}));
-
-    std::string frame = build_frame(FrameKind::Reply, 0x1234, 0x0102030405060708ull, "ab");
-    EXPECT_EQ(frame, bytes({1, 0x34, 0x12, 17, 0, 0, 0, 8, 7, 6, 5, 4, 3, 2, 1, 'a', 'b'}));
-
-    CommandHeader h = parse_header(reinterpret_cast<const unsigned char*>(frame.data()));
-    EXPECT_EQ(h.kind, 1);
-    EXPECT_EQ(h.command, 0x1234);
-    EXPECT_EQ(h.total_size, 17u);
-    EXPECT_EQ(h.packet_id, 0x0102030405060708ull);
-
-    struct { std::uint32_t total; bool ok; } bounds[] = {
-        {0, false}, {14, false}, {15, true}, {0x800000, true}, {0x800001, false}, {0xFFFFFFFF, false}};
-    for (auto b : bounds) {
-        CommandHeader c;
-        c.total_size = b.total;
-        EXPECT_EQ(c.size_ok(), b.ok) << b.total;
-    }
-}
 
 TEST(Frames, FieldMessageEncoding) {
     struct Case {

@@ -1,42 +1,16 @@
-// What a hostile local program, a stuck game or a stuck service can do to the bridge: reach the
-// command port from outside the loopback, hold stop up, or cost the player an account.
-
-#include <gtest/gtest.h>
+// What a hostile local program, a stuck game or a stuck service can do to the bridge: reach its
+// listeners from outside the loopback or the address it is told, hold stop up, or cost the
+// player an account.
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
-#include "bridge/bridge.h"
-#include "shell/platform.h"
-#include "support/bridge_config.h"
-#include "support/fake_game.h"
-#include "support/fake_service.h"
-#include "support/files.h"
-#include "support/host.h"
-#include "support/log_capture.h"
-#include "support/process.h"
+#include "support/bridge_rig.h"
+#include "support/fake_port.h"
 #include "support/trickle_server.h"
-#include "support/wait.h"
-
-using nlohmann::json;
-using testing_support::FakeGame;
-using testing_support::FakeService;
-using testing_support::login_body;
-using testing_support::LogCapture;
-using testing_support::ScriptedAnswer;
-using testing_support::TempDir;
-using testing_support::wait_until;
 
 namespace {
-
-zq::Config config_for(const std::string& velmar, const std::filesystem::path& state) {
-    zq::Config c = testing_support::local_bridge_config(velmar);
-    c.create_accounts = true;
-    c.state_file = zq::wide_to_utf8(state.wstring());
-    return c;
-}
 
 // Stops the bridge and says how long that took.
 double timed_stop(zq::Bridge& bridge) {
@@ -56,90 +30,91 @@ json created(const std::string& name) {
 TEST(BridgeHardening, CommandPortRefusesPeersOutsideTheLoopback) {
     const std::string own = zq::local_ipv4();
     if (own.rfind("127.", 0) == 0) GTEST_SKIP() << "this machine has no address outside the loopback";
-    TempDir dir;
-    zq::Config config = config_for("", dir.path() / "state.json");
-    config.bind_host = own;
-    LogCapture log;
-    zq::Bridge bridge(config);
-    ASSERT_TRUE(bridge.start(nullptr));
+    BridgeRig rig;
+    rig.config.bind_host = own;
+    ASSERT_TRUE(rig.start());
 
     FakeGame stranger;
-    ASSERT_TRUE(stranger.connect(bridge.bound_tcp_port(), own));
+    ASSERT_TRUE(stranger.connect(rig.bridge().bound_tcp_port(), own));
     auto seen = stranger.read_to_end();
     ASSERT_TRUE(seen);
     EXPECT_EQ(*seen, "");
-    EXPECT_TRUE(wait_until([&] { return log.count_containing("tcp: refused connection from " + own) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return rig.log.count_containing("tcp: refused connection from " + own) == 1; }));
 }
 
-// Stop ends within two seconds whatever the game and the service do: a game that stopped
-// reading its replies, a service that holds its answer, one that trickles it byte by byte.
+// Stop ends within two seconds whatever the games and the service do: a game that stopped
+// reading its replies, one that never sent a Request, a service that holds its answer, one that
+// trickles it byte by byte.
 TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
     {
-        SCOPED_TRACE("game that never reads");
-        TempDir dir;
-        zq::Config config = config_for("", dir.path() / "state.json");
-        config.create_accounts = false;
-        zq::Bridge bridge(config);
-        ASSERT_TRUE(bridge.start(nullptr));
+        SCOPED_TRACE("game that never reads, beside one that never sent a Request and one at rest");
+        BridgeRig rig;
+        rig.config.create_accounts = false;
+        ASSERT_TRUE(rig.start());
+        zq::Bridge& bridge = rig.bridge();
+        FakeGame idle;
+        ASSERT_TRUE(idle.connect_and_greet(bridge.bound_tcp_port()));
+        FakeGame& at_rest = rig.game();
         FakeGame game;
         ASSERT_TRUE(game.connect_and_greet(bridge.bound_tcp_port()));
         // A refused login still sets the name, and the identity reply carries it: each reply is
         // a quarter megabyte, so a few dozen fill every buffer between the two.
         ASSERT_EQ(game.request(0, 1, login_body(std::string(1 << 18, 'n')))->result(), 5);
         for (int i = 0; i < 64; ++i) ASSERT_TRUE(game.send_request(39, 2 + i, ""));
-        EXPECT_LT(timed_stop(bridge), 3.0);
+        EXPECT_LT(timed_stop(bridge), 3.0);  // its bounded wait for connection threads is 5 s
+        EXPECT_TRUE(idle.wait_closed());
+        EXPECT_TRUE(at_rest.wait_closed());
+        EXPECT_FALSE(rig.last_session());
     }
     for (bool trickle : {false, true}) {
         SCOPED_TRACE(trickle ? "service that trickles" : "service that holds its answer");
-        if (!trickle && testing_support::running_under_wine()) continue;  // said by name below
-        TempDir dir;
-        FakeService held;
-        ASSERT_TRUE(held.start());
-        held.answer("/auth/account/create", ScriptedAnswer::delayed(30.0, created("ash")));
-        testing_support::TrickleServer trickling;
-        auto bridge = std::make_unique<zq::Bridge>(
-            config_for(trickle ? trickling.base_url() : held.base_url(), dir.path() / "state.json"));
-        ASSERT_TRUE(bridge->start(nullptr));
+        if (!trickle && running_under_wine()) continue;  // said by name below
+        BridgeRig rig(BridgeRig::Service::Scripted);
+        rig.service.answer("/auth/account/create", ScriptedAnswer::delayed(30.0, created("ash")));
+        TrickleServer trickling;
+        if (trickle) rig.config.velmar_server = trickling.base_url();
+        ASSERT_TRUE(rig.start());
         FakeGame game;
-        ASSERT_TRUE(game.connect_and_greet(bridge->bound_tcp_port()));
+        ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
         ASSERT_TRUE(game.send_request(0, 1, login_body("ash")));
-        ASSERT_TRUE(wait_until([&] { return trickle ? trickling.requests() > 0 : held.request_count() > 0; }));
-        EXPECT_LT(timed_stop(*bridge), 3.0);
+        ASSERT_TRUE(wait_until([&] { return trickle ? trickling.requests() > 0 : rig.service.request_count() > 0; }));
+        EXPECT_LT(timed_stop(rig.bridge()), 3.0);
         // Nothing of the bridge may run on once it is gone (the sanitizers watch this).
-        bridge.reset();
-        held.stop();
+        rig.bridges.clear();
     }
-    if (testing_support::running_under_wine())
+    if (running_under_wine())
         GTEST_SKIP() << "the held answer is left out under Wine, whose WinHTTP does not end a synchronous wait for "
                         "the response head when another thread closes the request handle";
 }
 
-// Two players log in for the first time at the same moment: both accounts are in the file.
-// A state file that cannot be read is kept aside before the first new account replaces it.
+// A state file that cannot be read is left alone by a login that fails, and kept aside before
+// the first new account replaces it. Two players log in for the first time at the same moment:
+// both accounts are in the file.
 TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
-    TempDir dir;
-    const auto state = dir.path() / "state.json";
-    testing_support::write_file(state, R"({"accounts": {"elder": {"token": "t",}}})");
-    FakeService service;
-    ASSERT_TRUE(service.start());
+    BridgeRig rig(BridgeRig::Service::Scripted);
+    const auto state = rig.state();
+    write_file(state, R"({"accounts": {"elder": {"token": "t",}}})");
     // Both creations are held until both have arrived, so both logins read the file first.
     std::mutex lock;
     std::condition_variable both;
     int arrived = 0;
-    service.handle("/auth/account/create", [&](const testing_support::RecordedRequest& r) {
+    rig.service.handle("/auth/account/create", [&](const RecordedRequest& r) {
         std::unique_lock<std::mutex> guard(lock);
         ++arrived;
         both.notify_all();
         both.wait_for(guard, std::chrono::seconds(10), [&] { return arrived >= 2; });
         return ScriptedAnswer::json(created(r.json().value("Name", "")));
     });
-    LogCapture log;
-    zq::Bridge bridge(config_for(service.base_url(), state));
-    ASSERT_TRUE(bridge.start(nullptr));
+    ASSERT_TRUE(rig.start());
+    // A login that fails leaves the file as it was.
+    rig.service.answer_once("/auth/account/create", ScriptedAnswer::json({{"ResKind", 1}, {"Message", "taken"}}));
+    EXPECT_EQ(rig.game().request(0, 1, login_body("taken"))->result(), 5);
+    EXPECT_EQ(rig.log.count("state file is corrupt; starting fresh"), 1);
+    EXPECT_EQ(read_file(state), R"({"accounts": {"elder": {"token": "t",}}})");
 
     FakeGame ash, elm;
-    ASSERT_TRUE(ash.connect_and_greet(bridge.bound_tcp_port()));
-    ASSERT_TRUE(elm.connect_and_greet(bridge.bound_tcp_port()));
+    ASSERT_TRUE(ash.connect_and_greet(rig.bridge().bound_tcp_port()));
+    ASSERT_TRUE(elm.connect_and_greet(rig.bridge().bound_tcp_port()));
     ASSERT_TRUE(ash.send_request(0, 1, login_body("ash")));
     ASSERT_TRUE(elm.send_request(0, 1, login_body("elm")));
     auto ash_reply = ash.read_frame();
@@ -148,14 +123,67 @@ TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
     EXPECT_EQ(ash_reply->result(), 0);
     EXPECT_EQ(elm_reply->result(), 0);
 
-    json accounts = json::parse(testing_support::read_file(state))["accounts"];
+    json accounts = json::parse(read_file(state))["accounts"];
     EXPECT_EQ(accounts["ash"]["recovery_code"], "rc-ash");
     EXPECT_EQ(accounts["elm"]["recovery_code"], "rc-elm");
 
     std::vector<std::filesystem::path> kept;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+    for (const auto& entry : std::filesystem::directory_iterator(rig.dir.path()))
         if (entry.path().filename().string().rfind("state.corrupt-", 0) == 0) kept.push_back(entry.path());
     ASSERT_EQ(kept.size(), 1u);
-    EXPECT_EQ(testing_support::read_file(kept[0]), R"({"accounts": {"elder": {"token": "t",}}})");
-    EXPECT_EQ(log.count("state file is corrupt; kept it as " + kept[0].filename().string()), 1);
+    EXPECT_EQ(read_file(kept[0]), R"({"accounts": {"elder": {"token": "t",}}})");
+    EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + kept[0].filename().string()), 1);
+}
+
+// The command, web and proxy listeners are on bind_host, here 127.0.0.2, and can't be reached on
+// 127.0.0.1. The links the game is told about stand on 127.0.0.1 and nowhere else; only the
+// gateway's public socket faces every interface. The STUN responder answers on bind_host alone:
+// a ping to 127.0.0.1 goes first and is not answered, and the answer to the one on 127.0.0.2
+// comes from that address, which a socket on every interface would not use.
+TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
+    zq::network_init();
+    zq::Socket probe = zq::open_udp_socket();
+    const bool second_loopback = zq::bind_socket(probe, zq::to_sockaddr({"127.0.0.2", 0}));
+    zq::close_socket(probe);
+    if (!second_loopback) GTEST_SKIP() << "this machine has no 127.0.0.2 on its loopback";
+    BridgeRig rig;
+    rig.config.bind_host = "127.0.0.2";
+    rig.config.p2p_gateway = true;
+    rig.config.game_proxy_routes = {{0, rig.service.base_url()}};
+    ASSERT_TRUE(rig.start());
+    zq::Bridge& bridge = rig.bridge();
+
+    auto reachable = [](const std::string& host, int port) {
+        zq::Socket s = zq::open_tcp_socket();
+        bool connected = zq::connect_socket(s, zq::to_sockaddr({host, port}));
+        zq::close_socket(s);
+        return connected;
+    };
+    for (int port : {bridge.bound_tcp_port(), bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)}) {
+        EXPECT_TRUE(reachable("127.0.0.2", port)) << port;
+        EXPECT_FALSE(reachable("127.0.0.1", port)) << port;
+    }
+
+    // A link: a control frame sent to its port on 127.0.0.2 goes first and must not be taken;
+    // the data frame to 127.0.0.1 behind it is.
+    zq::Endpoint link = bridge.gateway->add_member(2, "peer", {"192.0.2.77", 4000}, {}, "me", 1, 5, std::nullopt);
+    ASSERT_EQ(link.host, "127.0.0.1");
+    FakePort port;
+    port.send_control({"127.0.0.2", link.port}, std::string(40, '\0'));
+    port.send({"127.0.0.1", link.port}, 1, 1, "data");
+    auto info = [&] { return bridge.gateway->links_snapshot().at(0); };
+    ASSERT_TRUE(wait_until([&] { return info().to_peer == 1; }));
+    EXPECT_EQ(info().signaling, 0u);
+
+    if (running_under_wine())
+        GTEST_SKIP() << "the STUN half is left out under Wine, which binds a UDP socket on a loopback address to the "
+                        "whole loopback interface, so a ping to 127.0.0.1 reaches it there; Windows keeps to the address";
+    std::string ping(21, '\0');
+    ping[0] = 1;
+    FakePort pinger;
+    for (const char* host : {"127.0.0.1", "127.0.0.2"}) pinger.send_raw({host, bridge.bound_udp_port()}, ping);
+    auto reply = pinger.receive(10.0);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->bytes.size(), 6u);
+    EXPECT_EQ(reply->from, (zq::Endpoint{"127.0.0.2", bridge.bound_udp_port()}));
 }

@@ -1,18 +1,11 @@
-#include <gtest/gtest.h>
-
 #include "bridge/frames.h"
 #include "bridge/room_state.h"
 
+#include "support/prelude.h"
+
 using namespace zq;
-using nlohmann::json;
 
 namespace {
-
-std::string bytes(std::initializer_list<int> list) {
-    std::string out;
-    for (int b : list) out.push_back(static_cast<char>(b));
-    return out;
-}
 
 FieldList fields_of(const std::string& message) {
     FieldList list;

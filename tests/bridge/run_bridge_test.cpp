@@ -1,25 +1,18 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
-
-#include "shell/net.h"
+#include "shell/util.h"
 #include "support/fake_game.h"
 #include "support/host.h"
-#include "support/ports.h"
+#include "support/prelude.h"
 #include "support/process.h"
-
-using namespace testing_support;
 
 // The whole run: start lines, a game served, and an orderly end on a console stop event.
 TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     TempDir dir;
     int tcp = free_port(true), udp = free_port(false), web = free_port(true, tcp);
-    {
-        std::ofstream config(dir.path() / "sarnlink_config.json");
-        config << "{\"tcp_port\":" << tcp << ",\"udp_port\":" << udp << ",\"webapi_port\":" << web
-               << ",\"p2p_gateway\":0,\"game_proxy_routes\":{},\"velmar_server\":\"https://velmar.test\","
-                  "\"community_server\":\"https://community.test\"}";
-    }
+    write_file(dir.path() / "sarnlink_config.json",
+               json{{"tcp_port", tcp}, {"udp_port", udp}, {"webapi_port", web}, {"p2p_gateway", 0},
+                    {"game_proxy_routes", json::object()}, {"velmar_server", "https://velmar.test"},
+                    {"community_server", "https://community.test"}}
+                   .dump());
     Process cli(cli_path(), {}, dir.path());
     ASSERT_TRUE(cli.wait_for_output("community server: https://community.test\n")) << cli.output();
     std::string out = cli.output();
@@ -41,27 +34,4 @@ TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     EXPECT_EQ(cli.wait(), 0) << cli.output();
     EXPECT_NE(cli.output().find("[sarnlink] stopping\n"), std::string::npos);
     EXPECT_TRUE(game.wait_closed());
-}
-
-TEST(RunBridge, PortTakenExitsWithOne) {
-    TempDir dir;
-    zq::network_init();
-    zq::Socket holder = zq::open_tcp_socket();
-    zq::set_exclusive_address(holder, true);
-    ASSERT_TRUE(zq::bind_socket(holder, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0})));
-    ASSERT_TRUE(zq::listen_socket(holder, 1));
-    zq::SockAddr held;
-    zq::local_address(holder, &held);
-    int port = zq::from_sockaddr(held).port;
-    {
-        std::ofstream config(dir.path() / "sarnlink_config.json");
-        config << "{\"tcp_port\":" << port << ",\"p2p_gateway\":0,\"game_proxy_routes\":{}}";
-    }
-    auto result = run_process(cli_path(), {}, dir.path());
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_NE(result.output.find(zq::format_text(
-                  "[sarnlink] cannot listen on tcp 127.0.0.1:%d - is another bridge running? (error ", port)),
-              std::string::npos)
-        << result.output;
-    zq::close_socket(holder);
 }

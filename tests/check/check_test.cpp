@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 
@@ -8,9 +6,8 @@
 #include "shell/net.h"
 #include "standin/stun_relay_server.h"
 #include "support/bridge_config.h"
-#include "support/files.h"
 #include "support/host.h"
-#include "support/ports.h"
+#include "support/prelude.h"
 #include "support/process.h"
 
 using zq::check::CheckLine;
@@ -20,28 +17,28 @@ using zq::check::Verdict;
 namespace {
 
 zq::Config quiet_config() {
-    zq::Config c = testing_support::local_bridge_config("http://127.0.0.1:" + std::to_string(testing_support::closed_port()));
+    zq::Config c = local_bridge_config("http://127.0.0.1:" + std::to_string(closed_port()));
     c.stun_server = "off";
     return c;
 }
 
 // Restores APPDATA however the test ends.
 struct AppData {
-    explicit AppData(const std::filesystem::path& path) { testing_support::set_env("APPDATA", path.string()); }
-    ~AppData() { testing_support::set_env("APPDATA", ""); }
+    explicit AppData(const std::filesystem::path& path) { set_env("APPDATA", path.string()); }
+    ~AppData() { set_env("APPDATA", ""); }
 };
 
 }  // namespace
 
 TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
-    zq::Bridge bridge(testing_support::local_bridge_config("http://127.0.0.1:1"));
+    zq::Bridge bridge(local_bridge_config("http://127.0.0.1:1"));
     std::string error;
     ASSERT_TRUE(bridge.start(&error)) << error;
     zq::Config c = quiet_config();
     c.tcp_port = bridge.bound_tcp_port();
     c.udp_port = bridge.bound_udp_port();
     c.webapi_port = bridge.bound_webapi_port();
-    const int proxy = testing_support::free_port();
+    const int proxy = free_port();
     c.game_proxy_routes[proxy] = "https://example.invalid";
     auto lines = zq::check::check_ports(c);
     ASSERT_EQ(lines.size(), 4u);
@@ -63,7 +60,7 @@ TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
     c.tcp_port = zq::from_sockaddr(a).port;
     zq::local_address(udp, &a);
     c.udp_port = zq::from_sockaddr(a).port;
-    c.webapi_port = testing_support::closed_port();
+    c.webapi_port = closed_port();
     c.game_proxy_routes.clear();
     lines = zq::check::check_ports(c);
     ASSERT_EQ(lines.size(), 3u);
@@ -102,7 +99,7 @@ TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {
 
     // Nobody answers: UDP looks blocked, and so is play.
     zq::check::Report silent;
-    c.stun_server = "127.0.0.1:" + std::to_string(testing_support::free_port(false));
+    c.stun_server = "127.0.0.1:" + std::to_string(free_port(false));
     lines = zq::check::check_stun(c, 0.6, silent);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].outcome, Outcome::Fail);
@@ -114,42 +111,14 @@ TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {
     EXPECT_EQ(lines[0].outcome, Outcome::Note);
 }
 
-TEST(CheckStun, AServerWithASecondAddressTellsWhetherTheMappingDependsOnTheDestination) {
-    if (testing_support::running_under_wine()) GTEST_SKIP() << "coturn runs on the Linux side only";
-    std::filesystem::path coturn = testing_support::find_program("turnserver");
-    if (coturn.empty()) GTEST_SKIP() << "coturn (turnserver) is not installed";
-    testing_support::TempDir dir;
-    const int port = testing_support::free_port(false);
-    const int alt = testing_support::free_port(false, port);
-    // Two loopback addresses give the server the second address that RFC 5780 needs. UDP only:
-    // the ports were picked free for UDP, and a TCP listener on them could meet another test's.
-    testing_support::Process turn(coturn,
-                                  {"-S", "-n", "--no-cli", "--no-tcp", "--no-tls", "--no-dtls", "-L", "127.0.0.1", "-L",
-                                   "127.0.0.2", "--listening-port", std::to_string(port), "--alt-listening-port", std::to_string(alt), "--log-file",
-                                   "stdout", "--simple-log", "--pidfile", (dir.path() / "turn.pid").string(),
-                                   "--userdb", (dir.path() / "turndb").string()},
-                                  dir.path());
-    // The probe resends every half second, so a server still starting is waited for.
-    zq::check::StunProbe probe = zq::check::probe_stun(zq::Endpoint{"127.0.0.1", port}, 10.0);
-    turn.interrupt();
-    turn.wait(10.0);
-    ASSERT_TRUE(probe.answered) << turn.output();
-    ASSERT_TRUE(probe.other);
-    EXPECT_EQ(probe.other->host, "127.0.0.2");
-    ASSERT_TRUE(probe.other_mapped);
-    EXPECT_EQ(*probe.other_mapped, probe.mapped);
-    EXPECT_EQ(zq::check::nat_kind(probe), probe.mapped.host == zq::local_ipv4() ? zq::check::NatKind::None
-                                                                                 : zq::check::NatKind::KeepsMapping);
-}
-
 TEST(CheckFiles, StateFileAndLauncherRoute) {
-    testing_support::TempDir dir;
+    TempDir dir;
     zq::Config c = quiet_config();
     c.state_file = (dir.path() / "sarnlink_state.json").string();
     EXPECT_EQ(zq::check::check_state_file(c).outcome, Outcome::Note);
-    testing_support::write_file(c.state_file, "{\"accounts\": {");
+    write_file(c.state_file, "{\"accounts\": {");
     EXPECT_EQ(zq::check::check_state_file(c).outcome, Outcome::Fail);
-    testing_support::write_file(c.state_file, R"({"accounts": {"ashling": {"token": "tok-1", "recovery_code": "rc-9"}}})");
+    write_file(c.state_file, R"({"accounts": {"ashling": {"token": "tok-1", "recovery_code": "rc-9"}}})");
     CheckLine state = zq::check::check_state_file(c);
     EXPECT_EQ(state.outcome, Outcome::Ok);
     EXPECT_NE(state.text.find("1 account (ashling)"), std::string::npos) << state.text;
@@ -159,24 +128,24 @@ TEST(CheckFiles, StateFileAndLauncherRoute) {
     CheckLine launcher = zq::check::check_launcher(dir.path(), "");
     EXPECT_EQ(launcher.outcome, Outcome::Fail);
     EXPECT_EQ(launcher.text, "orlond launcher settings not found. Start the orlond launcher once and close it.");
-    testing_support::write_file(dir.path() / "game" / "Duskhallow.exe", "");
+    write_file(dir.path() / "game" / "Duskhallow.exe", "");
     const std::filesystem::path settings = dir.path() / "roaming" / "orlond-launcher" / "settings.json";
-    testing_support::write_file(settings, R"({"online": 1, "online_server": "somewhere:1"})");
+    write_file(settings, R"({"online": 1, "online_server": "somewhere:1"})");
     launcher = zq::check::check_launcher(dir.path(), dir.path() / "game");
     EXPECT_EQ(launcher.outcome, Outcome::Fail);
     EXPECT_EQ(launcher.text, "the orlond launcher is not routed through sarnlink: run sarnlink-cli --route on");
-    testing_support::write_file(settings, R"({"online": 1, "online_server": "127.0.0.1:31313",
+    write_file(settings, R"({"online": 1, "online_server": "127.0.0.1:31313",
         "online_webapi": "http://127.0.0.1:31315", "online_password": "sarnlink"})");
     EXPECT_EQ(zq::check::check_launcher(dir.path(), dir.path() / "game").outcome, Outcome::Ok);
 }
 
 TEST(CheckCli, UsageBadSettingsAndAVerdictWithItsExitCode) {
-    testing_support::TempDir dir;
+    TempDir dir;
     EXPECT_EQ(zq::check::run_check_cli({L"--route"}), 2);
     EXPECT_EQ(zq::check::run_check_cli({L"--config"}), 2);
     EXPECT_EQ(zq::check::run_check_cli({L"--help"}), 0);
     const std::filesystem::path config = dir.path() / "sarnlink_config.json";
-    testing_support::write_file(config, "");
+    write_file(config, "");
     EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring()}), 1);
 
     zq::check::Report report;
@@ -197,7 +166,7 @@ TEST(CheckCli, UsageBadSettingsAndAVerdictWithItsExitCode) {
     EXPECT_EQ(json["checks"][1]["result"], "note");
 
     // Nothing reachable and no launcher: blocked, exit 1.
-    testing_support::write_file(config, zq::format_text(R"({"velmar_server": "http://127.0.0.1:%d", "stun_server": "off",
-        "tcp_port": 0, "udp_port": 0, "webapi_port": 0, "game_proxy_routes": {}})", testing_support::closed_port()));
+    write_file(config, zq::format_text(R"({"velmar_server": "http://127.0.0.1:%d", "stun_server": "off",
+        "tcp_port": 0, "udp_port": 0, "webapi_port": 0, "game_proxy_routes": {}})", closed_port()));
     EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring(), L"--json"}), 1);
 }

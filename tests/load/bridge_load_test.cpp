@@ -2,67 +2,36 @@
 // loopback: every reply must reach the request it answers, and once the load is gone the bridge
 // must hold no more threads and not much more memory than before it came.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "bridge/bridge.h"
-#include "bridge/dispatch.h"
-#include "bridge/frames.h"
 #include "bridge/login.h"
-#include "http/fetch.h"
-#include "shell/platform.h"
-#include "support/fake_accounts.h"
-#include "support/fake_game.h"
-#include "support/fake_service.h"
-#include "support/files.h"
-#include "support/host.h"
-#include "support/process.h"
-
-using nlohmann::json;
-using testing_support::FakeAccounts;
-using testing_support::FakeGame;
-using testing_support::FakeService;
-using testing_support::GameFrame;
-using testing_support::ScriptedAnswer;
-using testing_support::TempDir;
-using testing_support::wait_until;
+#include "support/bridge_rig.h"
 
 namespace {
 
 std::string player_name(int i) { return "player" + std::to_string(i); }
 
 // Collects what went wrong on the client threads; gtest assertions stay on the test's thread.
-class Faults {
-public:
+struct Faults {
     void add(const std::string& what) {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (list_.size() < 20) list_.push_back(what);
-        ++count_;
+        std::lock_guard<std::mutex> guard(lock);
+        list.push_back(what);
     }
-    int count() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return count_;
+    std::size_t count() {
+        std::lock_guard<std::mutex> guard(lock);
+        return list.size();
     }
-    std::string text() const {
-        std::lock_guard<std::mutex> guard(lock_);
+    std::string text() {
+        std::lock_guard<std::mutex> guard(lock);
         std::string out;
-        for (const auto& s : list_) out += s + "\n";
+        for (std::size_t i = 0; i < list.size() && i < 20; ++i) out += list[i] + "\n";
         return out;
     }
-
-private:
-    mutable std::mutex lock_;
-    std::vector<std::string> list_;
-    int count_ = 0;
+    std::mutex lock;
+    std::vector<std::string> list;
 };
 
 void run_threads(int count, const std::function<void(int)>& body) {
@@ -76,31 +45,17 @@ protected:
     static constexpr int kPlayers = 32;
 
     void SetUp() override {
-        ASSERT_TRUE(service.start());
         // Any other path is the game server behind the proxy: it answers with what it was asked.
-        service.set_fallback([](const testing_support::RecordedRequest& r) -> std::optional<ScriptedAnswer> {
+        service.set_fallback([](const RecordedRequest& r) -> std::optional<ScriptedAnswer> {
             return ScriptedAnswer::text(200, r.method + " " + r.path + " " + r.body);
         });
         // Every player already has an account on this PC, so a login is one token check upstream.
         json accounts = json::object();
         for (int i = 0; i < kPlayers; ++i)
             accounts[player_name(i)] = {{"token", store.add(player_name(i)).token}, {"online_id", player_name(i)}};
-        testing_support::write_file(dir.path() / "state.json", json{{"accounts", accounts}}.dump());
-
-        zq::Config c;
-        c.tcp_port = c.udp_port = c.webapi_port = 0;
-        c.p2p_gateway = false;
-        c.velmar_server = c.community_server = service.base_url();
-        c.game_proxy_routes = {{0, service.base_url()}};
-        c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
-        bridge = std::make_unique<zq::Bridge>(c);
-        std::string error;
-        ASSERT_TRUE(bridge->start(&error)) << error;
-    }
-
-    void TearDown() override {
-        if (bridge) bridge->stop();
-        service.stop();
+        write_file(rig.state(), json{{"accounts", accounts}}.dump());
+        rig.config.game_proxy_routes = {{0, service.base_url()}};
+        ASSERT_TRUE(bridge = rig.start());
     }
 
     // Each game logs in and sends its commands in pipelined rounds, without waiting for a reply
@@ -201,27 +156,23 @@ protected:
         return bridge->sessions.empty();
     }
 
-    TempDir dir;
-    FakeService service;
-    FakeAccounts store{service};
-    std::unique_ptr<zq::Bridge> bridge;
+    BridgeRig rig;
+    FakeService& service = rig.service;
+    FakeAccounts& store = *rig.accounts;
+    zq::Bridge* bridge = nullptr;
 };
 
 TEST_F(BridgeLoad, GamesPipelineCommandsAndEveryReplyFindsItsRequest) {
     Faults faults;
     run_games(kPlayers, 4, faults);
-    EXPECT_EQ(faults.count(), 0) << faults.text();
+    EXPECT_EQ(faults.count(), 0u) << faults.text();
     EXPECT_TRUE(wait_until([&] { return sessions_empty(); }));
     // One token check each, and nothing written: the stored tokens all held.
     EXPECT_EQ(service.requests_to("/np/signaling/resolve").size(), static_cast<std::size_t>(kPlayers));
 }
 
-TEST_F(BridgeLoad, WebApiAndGameProxyAnswerManyConnectionsAtOnce) {
-    Faults faults;
-    run_http(24, 8, faults);
-    EXPECT_EQ(faults.count(), 0) << faults.text();
-}
-
+// Games and HTTP clients at once, twice over: every answer finds its request, and the threads
+// and memory come back afterwards.
 TEST_F(BridgeLoad, ThreadsAndMemoryComeBackAfterTheLoad) {
     // The stand-in of the service runs in this process too: its connection threads (one for
     // each connection that the bridge's HTTP client keeps open to it) are not the bridge's.
@@ -246,18 +197,18 @@ TEST_F(BridgeLoad, ThreadsAndMemoryComeBackAfterTheLoad) {
         run_http(16, 6, faults);
         games.join();
     }
-    ASSERT_EQ(faults.count(), 0) << faults.text();
+    ASSERT_EQ(faults.count(), 0u) << faults.text();
     ASSERT_TRUE(wait_until([&] { return sessions_empty(); }));
 
     // Connection threads end on their own once their sockets close; none may stay behind. Under
     // Wine the runtime's own pool threads (which its HTTP client uses) come and go on timers of
     // their own, so there the count need only come down to the start, not meet it.
-    const bool wine = testing_support::running_under_wine();
+    const bool wine = running_under_wine();
     EXPECT_TRUE(wine ? wait_until([&] { return bridge_threads() <= start_threads; }, 10.0) : settled(start_threads, 10.0))
         << "threads: " << start_threads << " before, " << bridge_threads() << " after";
     // Allocators keep pages they were given, so only growth far beyond the load's own size counts.
     // A sanitizer's shadow memory grows with the load's, so there only the threads are checked.
-    if (testing_support::sanitizer_build()) return;
+    if (sanitizer_build()) return;
     const std::uint64_t end_memory = zq::process_usage().memory_bytes;
     EXPECT_LT(end_memory, start_memory + (48ull << 20))
         << "memory: " << (start_memory >> 10) << " KiB before, " << (end_memory >> 10) << " KiB after";

@@ -1,35 +1,13 @@
 // A local program that opens connections by the hundred, lies in its frame headers or uses up the
 // process's file handles must not take the command port away from the game.
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "bridge/bridge.h"
-#include "shell/platform.h"
-#include "support/bridge_config.h"
-#include "support/fake_game.h"
-#include "support/host.h"
-#include "support/log_capture.h"
-#include "support/process.h"
-#include "support/wait.h"
-
-using testing_support::FakeGame;
-using testing_support::LogCapture;
-using testing_support::wait_until;
+#include "support/bridge_rig.h"
 
 namespace {
 
 class CommandPortLoad : public ::testing::Test {
 protected:
-    void SetUp() override {
-        zq::Config config = testing_support::local_bridge_config();
-        config.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
-        bridge = std::make_unique<zq::Bridge>(config);
-        ASSERT_TRUE(bridge->start(nullptr));
-    }
+    void SetUp() override { ASSERT_TRUE(bridge = rig.start()); }
 
     // A fresh game still gets its Hello and an answer.
     bool port_answers() {
@@ -39,8 +17,8 @@ protected:
         return reply && reply->result() == 0;
     }
 
-    testing_support::TempDir dir;
-    std::unique_ptr<zq::Bridge> bridge;
+    BridgeRig rig;
+    zq::Bridge* bridge = nullptr;
 };
 
 }  // namespace
@@ -48,7 +26,7 @@ protected:
 // 500 connections that never say a word: a bounded number is served, the others are closed at
 // once, threads and memory stay bounded, and once they are gone the game is served again.
 TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
-    if (testing_support::running_under_wine())
+    if (running_under_wine())
         GTEST_SKIP() << "under Wine each connection takes long enough that the first ones meet their first-frame "
                         "deadline while the test still opens the rest, so the served ones cannot be counted";
     const auto before = zq::process_usage();
@@ -65,7 +43,7 @@ TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
     EXPECT_LE(greeted, zq::Bridge::max_game_connections);
     const auto during = zq::process_usage();
     EXPECT_LE(during.threads, before.threads + zq::Bridge::max_game_connections + 4);
-    if (!testing_support::sanitizer_build() && during.memory_bytes && before.memory_bytes)
+    if (!sanitizer_build() && during.memory_bytes && before.memory_bytes)
         EXPECT_LT(during.memory_bytes, before.memory_bytes + 64u * 1024 * 1024);
 
     idle.clear();
@@ -74,7 +52,7 @@ TEST_F(CommandPortLoad, FiveHundredIdleConnections) {
 
 // Twenty headers that each announce an 8 MiB body that never comes cost next to nothing.
 TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
-    if (testing_support::sanitizer_build()) GTEST_SKIP() << "a sanitizer's shadow memory hides what the bridge holds";
+    if (sanitizer_build()) GTEST_SKIP() << "a sanitizer's shadow memory hides what the bridge holds";
     // The connections and their threads come first, so that only what the headers cost is measured.
     std::vector<std::unique_ptr<FakeGame>> liars;
     for (int i = 0; i < 20; ++i) {
@@ -96,15 +74,14 @@ TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
 // With no file handle left, accept fails; the listener rests and comes back once handles are
 // free, and the connection that waited in the queue is served.
 TEST_F(CommandPortLoad, ListenerComesBackAfterRunningOutOfFileHandles) {
-    if (!testing_support::posix_files())
+    if (!posix_files())
         GTEST_SKIP() << "the file handle limit is a POSIX resource limit (RLIMIT_NOFILE); Windows has none to lower";
-    LogCapture log;
     // Every handle but one is taken; the client's socket takes the last, so accept finds none.
-    ASSERT_TRUE(testing_support::take_file_handles(1));
+    ASSERT_TRUE(take_file_handles(1));
     FakeGame waiting;
     bool connected = waiting.connect(bridge->bound_tcp_port());
-    bool accept_failed = connected && wait_until([&] { return log.contains("tcp: accept failed"); }, 10.0);
-    testing_support::give_back_file_handles();
+    bool accept_failed = connected && wait_until([&] { return rig.log.contains("tcp: accept failed"); }, 10.0);
+    give_back_file_handles();
     ASSERT_TRUE(connected);
     ASSERT_TRUE(accept_failed);
     EXPECT_TRUE(waiting.read_bytes(19, 10.0));

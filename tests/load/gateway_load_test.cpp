@@ -2,8 +2,6 @@
 // sends numbered frames to each of its three peers, and what arrives is counted and compared
 // byte for byte with what was sent.
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <memory>
 #include <set>
@@ -11,9 +9,8 @@
 
 #include "p2p/gateway.h"
 #include "support/fake_port.h"
-#include "support/wait.h"
+#include "support/prelude.h"
 
-using testing_support::FakePort;
 using zq::Endpoint;
 using zq::p2p::Gateway;
 
@@ -98,7 +95,7 @@ TEST(GatewayLoad, FourPlayersStreamToEachOtherAndNothingIsAltered) {
                     if (i != j) ports[i].send(told[i][j], source_port(i), destination_port(j, sent_each),
                                               payload(i, j, sent_each));
         // Each batch is waited for; a datagram the loopback dropped is not waited for forever.
-        testing_support::wait_until([&] {
+        wait_until([&] {
             for (int to = 0; to < kPlayers; ++to) drain(to);
             return arrived() >= flows * sent_each;
         }, 3.0);

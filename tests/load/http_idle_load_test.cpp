@@ -2,37 +2,22 @@
 // process would open them: the bridge's threads and memory stay bounded, and each listener
 // answers again once they are gone.
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "bridge/bridge.h"
-#include "http/raw_client.h"
-#include "shell/platform.h"
-#include "support/bridge_config.h"
-#include "support/fake_service.h"
-#include "support/host.h"
-#include "support/wait.h"
+#include "support/bridge_rig.h"
 
 using http_test::RawClient;
-using testing_support::wait_until;
 
 TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
-    if (testing_support::running_under_wine())
+    if (running_under_wine())
         GTEST_SKIP() << "under Wine hundreds of connections opened and refused one after another stall for "
                         "minutes on a loaded machine; the cap is the same code as on Linux";
-    testing_support::FakeService service;
-    ASSERT_TRUE(service.start());
-    service.set_fallback([](const testing_support::RecordedRequest&) -> std::optional<testing_support::ScriptedAnswer> {
-        return testing_support::ScriptedAnswer::text(200, "upstream");
+    BridgeRig rig(BridgeRig::Service::Scripted);
+    FakeService& service = rig.service;
+    service.set_fallback([](const RecordedRequest&) -> std::optional<ScriptedAnswer> {
+        return ScriptedAnswer::text(200, "upstream");
     });
-    zq::Config c = testing_support::local_bridge_config(service.base_url());
-    c.game_proxy_routes = {{0, service.base_url()}};
-    zq::Bridge bridge(c);
-    std::string error;
-    ASSERT_TRUE(bridge.start(&error)) << error;
+    rig.config.game_proxy_routes = {{0, service.base_url()}};
+    ASSERT_TRUE(rig.start());
+    zq::Bridge& bridge = rig.bridge();
     const std::vector<int> ports = {bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)};
     constexpr int kPerListener = 500;
     const int kCap = http::Server().max_connections;  // what each listener holds at once
@@ -54,7 +39,7 @@ TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
     const zq::ProcessUsage during = zq::process_usage();
     EXPECT_LE(during.threads, before.threads + kCap * static_cast<int>(ports.size()) + 4);
     // A thread's stack counts as memory on Windows: allow for the capped threads, not for 1000.
-    if (!testing_support::sanitizer_build())
+    if (!sanitizer_build())
         EXPECT_LT(during.memory_bytes, before.memory_bytes + (2ull << 20) * kCap * ports.size() + (16ull << 20))
             << (before.memory_bytes >> 10) << " KiB before, " << (during.memory_bytes >> 10) << " KiB during";
     EXPECT_EQ(service.request_count(), 0u);
@@ -68,7 +53,7 @@ TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
         })) << port;
     }
     EXPECT_EQ(service.request_count(), 1u);
-    const bool wine = testing_support::running_under_wine();
+    const bool wine = running_under_wine();
     EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads <= before.threads + (wine ? 8 : 1); }))
         << zq::process_usage().threads << " threads, " << before.threads << " before";
 }

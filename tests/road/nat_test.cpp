@@ -9,23 +9,17 @@
 //
 // Only documentation and private ranges are used, and nothing leaves the namespaces.
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "shell/util.h"
-#include "support/files.h"
 #include "support/host.h"
 #include "support/netns.h"
+#include "support/prelude.h"
 #include "support/process.h"
 
 namespace {
-
-using testing_support::NetworkLab;
-using testing_support::Process;
-using testing_support::TempDir;
 
 // A full cone also lets anyone in at the gateway's mapped port, as a router with that port
 // forwarded to the home does.
@@ -84,7 +78,7 @@ std::string ruleset(NatKind kind, const Home& home) {
 class Nat : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string why = testing_support::network_lab_unavailable();
+        std::string why = network_lab_unavailable();
         if (!why.empty()) GTEST_SKIP() << why;
     }
 
@@ -104,7 +98,7 @@ protected:
                   lab.exec("inet", "sh", {"-c", forward});
         for (const Home& h : kHomes) {
             const std::filesystem::path rules = dir.path() / (std::string(h.name) + ".nft");
-            testing_support::write_file(rules, ruleset(&h == &kHomes[0] ? kind_a : kind_b, h));
+            write_file(rules, ruleset(&h == &kHomes[0] ? kind_a : kind_b, h));
             ok = ok && lab.add(h.router) && lab.add(h.name) &&
                  lab.ip("inet", {"link", "add", h.inet_if, "type", "veth", "peer", "name", "wan", "netns",
                                  lab.full_name(h.router)}) &&
@@ -127,7 +121,7 @@ protected:
 
     std::unique_ptr<Process> start_in(const std::string& ns, const std::filesystem::path& program,
                                       const std::vector<std::string>& args, const std::filesystem::path& where) {
-        return std::make_unique<Process>(testing_support::system_program("ip"), lab.exec_args(ns, program, args),
+        return std::make_unique<Process>(system_program("ip"), lab.exec_args(ns, program, args),
                                          where);
     }
 
@@ -146,14 +140,14 @@ protected:
         for (int i = 0; i < 2; ++i) {
             const Home& h = kHomes[i];
             std::filesystem::path home = dir.path() / h.name;
-            testing_support::write_file(
+            write_file(
                 home / "sarnlink_config.json",
                 zq::format_text(R"({"velmar_server": "%s", "auth_server": "%s", "community_server": "%s",
                     "stun_server": "%s:3478", "local_addr": "%s", "p2p_port": 40000, "stun_refresh": 0.5,
                     "poll_interval": 0.05, "game_proxy_routes": {}, "create_accounts": 1,
                     "state_file": "sarnlink_state.json"})",
                                 service.c_str(), service.c_str(), service.c_str(), kService, h.address));
-            bridges[i] = start_in(h.name, testing_support::cli_path(), {"--config", "sarnlink_config.json"}, home);
+            bridges[i] = start_in(h.name, cli_path(), {"--config", "sarnlink_config.json"}, home);
             ASSERT_TRUE(bridges[i]->wait_for_output("p2p: relay on, our port on it is")) << bridges[i]->output();
             ASSERT_TRUE(bridges[i]->wait_for_output(std::string("p2p: STUN sees us as ") + h.outside + ":"))
                 << bridges[i]->output();
@@ -202,17 +196,17 @@ protected:
     // also offers a second address; the launcher is routed, so the router alone decides.
     std::string check_from_home_a(bool with_coturn) {
         std::filesystem::path home = dir.path() / "check";
-        testing_support::write_file(home / "game" / "Duskhallow.exe", "");
-        testing_support::write_file(home / "roaming" / "orlond-launcher" / "settings.json",
+        write_file(home / "game" / "Duskhallow.exe", "");
+        write_file(home / "roaming" / "orlond-launcher" / "settings.json",
                                     R"({"online": 1, "online_server": "127.0.0.1:31313",
                                         "online_webapi": "http://127.0.0.1:31315", "online_password": "sarnlink"})");
-        testing_support::write_file(
+        write_file(
             home / "sarnlink_config.json",
             zq::format_text(R"({"velmar_server": "http://%s:18671", "stun_server": "%s:%d",
                 "game_proxy_routes": {}})",
                             kService, with_coturn ? kCoturn : kService, with_coturn ? 3479 : 3478));
-        auto result = testing_support::run_process(
-            testing_support::system_program("ip"),
+        auto result = run_process(
+            system_program("ip"),
             lab.exec_args(kHomes[0].name, SARNLINK_CHECK_PATH,
                           {"--config", "sarnlink_config.json", "--orlond", (home / "game").string()}),
             home, {{"APPDATA", (home / "roaming").string()}}, 60.0);
@@ -222,7 +216,7 @@ protected:
 
     // coturn on the public side with two addresses and two ports, as RFC 5780 asks.
     std::unique_ptr<Process> start_coturn() {
-        std::filesystem::path coturn = testing_support::find_program("turnserver");
+        std::filesystem::path coturn = find_program("turnserver");
         if (coturn.empty()) return nullptr;
         EXPECT_TRUE(lab.ip("inet", {"addr", "add", std::string(kCoturnOther) + "/32", "dev", "lo"})) << lab.error();
         return start_in("inet", coturn,
@@ -232,6 +226,24 @@ protected:
                         dir.path());
     }
 
+    // sarnlink-check in home a behind a router of this kind, first against the stand-in, then
+    // against coturn.
+    void check_verdict(NatKind kind, const std::vector<std::string>& standin_lines, const std::string& coturn_line,
+                       const std::string& verdict) {
+        build(kind);
+        ASSERT_NO_FATAL_FAILURE(start_standin(false));
+        std::string out = check_from_home_a(false);
+        for (const std::string& line : standin_lines) EXPECT_NE(out.find(line), std::string::npos) << out;
+        EXPECT_NE(out.find(verdict), std::string::npos) << out;
+        auto coturn = start_coturn();
+        if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
+        out = check_from_home_a(true);
+        EXPECT_NE(out.find(coturn_line), std::string::npos) << out << coturn->output();
+        EXPECT_NE(out.find(verdict), std::string::npos) << out;
+        coturn->interrupt();
+        coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    }
+
     TempDir dir;
     NetworkLab lab;  // declared before the processes, so they are gone before their namespaces
     std::unique_ptr<Process> standin;
@@ -239,21 +251,13 @@ protected:
     std::unique_ptr<Process> players[2];
 };
 
-TEST_F(Nat, TheMappedAddressStunReportsIsTheRoutersOutsideAddress) {
-    build(NatKind::EndpointIndependent);
-    ASSERT_NO_FATAL_FAILURE(start_standin(false));
-    ASSERT_NO_FATAL_FAILURE(start_bridges());
-    // These routers keep the port where they can, so the whole address is known.
-    EXPECT_TRUE(logged(0, "p2p: STUN sees us as 198.51.100.2:40000\n")) << bridges[0]->output();
-    EXPECT_TRUE(logged(1, "p2p: STUN sees us as 198.51.100.130:40000\n")) << bridges[1]->output();
-}
-
 TEST_F(Nat, PlayersBehindEndpointIndependentNatsMeetDirectlyAfterPunching) {
     build(NatKind::EndpointIndependent);
     ASSERT_NO_FATAL_FAILURE(start_standin(false));
     ASSERT_NO_FATAL_FAILURE(start_bridges());
     ASSERT_NO_FATAL_FAILURE(play());
-    // Each gateway sends straight to the other router's mapping, and nothing went by the relay.
+    // Each gateway sends straight to the other router's mapping, whose port the router kept, and
+    // nothing went by the relay.
     EXPECT_TRUE(logged(0, "p2p: member 2 (bramwell) at 198.51.100.130:40000 -> port sees 127.0.0.1:"))
         << bridges[0]->output();
     EXPECT_TRUE(logged(1, "p2p: member 1 (ashling) at 198.51.100.2:40000 -> port sees 127.0.0.1:"))
@@ -277,38 +281,15 @@ TEST_F(Nat, PlayersBehindAddressDependentNatsMeetThroughTheRelay) {
 // direct play; one that maps each destination anew means the relay. coturn's second address
 // shows it outright; the stand-in's one address leaves only the port as a hint.
 TEST_F(Nat, SarnlinkCheckFindsDirectPlayLikelyBehindAnEndpointIndependentNat) {
-    build(NatKind::EndpointIndependent);
-    ASSERT_NO_FATAL_FAILURE(start_standin(false));
-    std::string out = check_from_home_a(false);
-    EXPECT_NE(out.find("sees us as 198.51.100.2:"), std::string::npos) << out;
-    EXPECT_NE(out.find("ok    router: kept our port"), std::string::npos) << out;
-    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
-    auto coturn = start_coturn();
-    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
-    out = check_from_home_a(true);
-    EXPECT_NE(out.find("ok    router: keeps one public address for every destination (203.0.113.11:3480 saw "
-                       "198.51.100.2:"),
-              std::string::npos)
-        << out << coturn->output();
-    EXPECT_NE(out.find("verdict: ready, direct play likely\n"), std::string::npos) << out;
-    coturn->interrupt();
-    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    check_verdict(NatKind::EndpointIndependent, {"sees us as 198.51.100.2:", "ok    router: kept our port"},
+                  "ok    router: keeps one public address for every destination (203.0.113.11:3480 saw 198.51.100.2:",
+                  "verdict: ready, direct play likely\n");
 }
 
 TEST_F(Nat, SarnlinkCheckFindsTheRelayLikelyNeededBehindASymmetricNat) {
-    build(NatKind::AddressDependent);
-    ASSERT_NO_FATAL_FAILURE(start_standin(false));
-    std::string out = check_from_home_a(false);
-    EXPECT_NE(out.find("note  router: changed our port "), std::string::npos) << out;
-    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
-    auto coturn = start_coturn();
-    if (!coturn) GTEST_SKIP() << "coturn (turnserver) is not installed";
-    out = check_from_home_a(true);
-    EXPECT_NE(out.find("note  router: gives every destination its own public address"), std::string::npos)
-        << out << coturn->output();
-    EXPECT_NE(out.find("verdict: ready, relay likely needed\n"), std::string::npos) << out;
-    coturn->interrupt();
-    coturn->wait(10.0);  // coturn ends an interrupt with 130: not ours to judge
+    check_verdict(NatKind::AddressDependent, {"note  router: changed our port "},
+                  "note  router: gives every destination its own public address",
+                  "verdict: ready, relay likely needed\n");
 }
 
 // Bramwell's router gives each destination a port of its own, so his punches reach ashling from

@@ -21,4 +21,11 @@ FakeAccounts::FakeAccounts(FakeService& service) : service_(service) {
 
 FakeAccounts::~FakeAccounts() { service_.stop(); }
 
+FakeAccounts::Account FakeAccounts::add(const std::string& name) {
+    Account made = store.add(name);
+    service_.note_secret(made.token);
+    service_.note_secret(made.recovery_code);
+    return made;
+}
+
 }  // namespace testing_support

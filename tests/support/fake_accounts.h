@@ -25,7 +25,8 @@ public:
     FakeAccounts(const FakeAccounts&) = delete;
     FakeAccounts& operator=(const FakeAccounts&) = delete;
 
-    Account add(const std::string& name) { return store.add(name); }
+    // The new account's token and code count as issued by the service.
+    Account add(const std::string& name);
     void revoke_token(const std::string& name) { store.revoke_token(name); }
     bool has(const std::string& name) const { return store.has(name); }
     Account get(const std::string& name) const { return store.get(name); }

@@ -140,6 +140,27 @@ void FakeService::clear_requests() {
     recorded.clear();
 }
 
+void FakeService::note_secret(const std::string& secret) {
+    std::lock_guard<std::mutex> hold(lock);
+    if (!secret.empty()) secrets.push_back(secret);
+}
+
+std::vector<std::string> FakeService::issued_secrets() const {
+    std::lock_guard<std::mutex> hold(lock);
+    return secrets;
+}
+
+static void collect_secrets(const nlohmann::json& value, FakeService& service) {
+    if (value.is_array()) {
+        for (const auto& item : value) collect_secrets(item, service);
+    } else if (value.is_object()) {
+        for (const auto& [key, item] : value.items()) {
+            if ((key == "Token" || key == "RecoveryCode") && item.is_string()) service.note_secret(item.get<std::string>());
+            collect_secrets(item, service);
+        }
+    }
+}
+
 ScriptedAnswer FakeService::choose(const RecordedRequest& request) {
     std::string path = without_query(request.path);
     Handler handler;
@@ -182,6 +203,7 @@ http::ServerResponse FakeService::serve(const http::ServerRequest& request) {
         wake.wait_for(hold, std::chrono::duration<double>(scripted.delay_seconds), [this] { return stopping; });
     }
     if (scripted.drop) drop_connections();
+    collect_secrets(nlohmann::json::parse(scripted.body, nullptr, false), *this);
     http::ServerResponse response;
     response.status = scripted.status;
     response.headers = scripted.headers;

@@ -87,6 +87,11 @@ public:
     bool wait_for_requests(std::size_t count, double seconds) const;
     void clear_requests();
 
+    // Every token and recovery code handed out: each "Token" and "RecoveryCode" in an answer,
+    // and those noted by a double that issues them outside an answer. None may reach a log.
+    void note_secret(const std::string& secret);
+    std::vector<std::string> issued_secrets() const;
+
 private:
     http::ServerResponse serve(const http::ServerRequest& request);
     ScriptedAnswer choose(const RecordedRequest& request);
@@ -100,6 +105,7 @@ private:
     std::map<std::string, Handler> handlers;
     std::map<std::string, ScriptedAnswer> standing;
     Fallback fallback;
+    std::vector<std::string> secrets;
 
     http::Server server;
 };

@@ -1,49 +1,24 @@
-#include "web_support.h"
-
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <regex>
-#include <sstream>
 
 #include "shell/deployment.h"
-
-using testing_support::FakeService;
-using testing_support::LogCapture;
-using testing_support::ScriptedAnswer;
-using web_test::RunningBridge;
-using web_test::send;
+#include "support/bridge_rig.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct ProxySetup {
-    FakeService service;
-    std::unique_ptr<RunningBridge> b;
-    explicit ProxySetup(const std::function<void(zq::Config&)>& adjust = {}) {
-        EXPECT_TRUE(service.start());
-        zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
-        c.game_proxy_routes = {{0, service.base_url()}};
-        if (adjust) adjust(c);
-        b = std::make_unique<RunningBridge>(c);
-    }
-    std::string url(const std::string& target) const { return b->proxy_url() + target; }
+// A bridge whose first game proxy leads to the service.
+struct ProxyRig : BridgeRig {
+    ProxyRig() { config.game_proxy_routes = {{0, service.base_url()}}; }
+    std::string url(const std::string& target) { return proxy_url() + target; }
 };
-
-std::string read_file(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 }  // namespace
 
 TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
-    LogCapture log;
-    ProxySetup s;
-    s.b->connect_game("tok-1");
+    ProxyRig s;
+    ASSERT_TRUE(s.start());
+    s.game("ash");
     // Chunked on the wire: the client undoes the chunking, the proxy drops the header.
     ScriptedAnswer answer = ScriptedAnswer::text(200, "5\r\nhello\r\n0\r\n\r\n");
     answer.headers = {{"Transfer-Encoding", "chunked"}, {"Set-Cookie", "s=1"}};
@@ -63,23 +38,21 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
     EXPECT_FALSE(sent.has_header("Accept-Encoding"));
     EXPECT_NE(sent.header("Connection"), "keep-alive");
     EXPECT_EQ(sent.header("X-Other"), "kept");
-    EXPECT_EQ(sent.header("User-Agent"), "g/1 " + s.b->bridge.config().user_agent);
-    EXPECT_EQ(sent.header("X-ZQ-Token"), "tok-1");
+    EXPECT_EQ(sent.header("User-Agent"), "g/1 " + s.config.user_agent);
+    EXPECT_EQ(sent.header("X-ZQ-Token"), s.accounts->get("ash").token);
     EXPECT_EQ(sent.header("X-Velmar-Ruleset"), "vanilla");
-    EXPECT_FALSE(log.contains("game GET"));  // the traffic line belongs to tracing
+    EXPECT_FALSE(s.log.contains("game GET"));  // the traffic line belongs to tracing
 }
 
 TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
-    LogCapture log;
-    ProxySetup s([](zq::Config& c) {
-        // A second route on a port of its own, to a service that is not there.
-        const int listen = web_test::closed_port();
-        c.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(web_test::closed_port(listen));
-    });
+    ProxyRig s;
+    // A second route on a port of its own, to a service that is not there.
+    const int listen = closed_port();
+    s.config.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(closed_port(listen));
+    ASSERT_TRUE(s.start());
     ScriptedAnswer moved = ScriptedAnswer::text(302, "elsewhere");
     moved.headers = {{"Location", "https://example.invalid/next"}};
     s.service.answer("/old", moved);
-    const std::string dead = "http://127.0.0.1:" + std::to_string(s.b->bridge.bound_game_proxy_ports().at(1));
 
     auto r = send("PUT", s.url("/old"), "body");
     EXPECT_EQ(r.status, 302u);
@@ -88,31 +61,38 @@ TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     EXPECT_EQ(s.service.request_count(), 1u);  // not followed
     EXPECT_EQ(s.service.last_request().method, "PUT");
     // http::fetch names itself; the configured agent is joined to it.
-    EXPECT_EQ(s.service.last_request().header("User-Agent"), "sarnlink " + s.b->bridge.config().user_agent);
+    EXPECT_EQ(s.service.last_request().header("User-Agent"), "sarnlink " + s.config.user_agent);
     EXPECT_FALSE(s.service.last_request().has_header("X-ZQ-Token"));
+    // The status line as it goes out, and a game that names no agent gets the configured one alone.
+    auto raw = exchange(s.bridge().bound_game_proxy_ports().at(0), "PUT /old HTTP/1.1\r\nContent-Length: 1\r\n\r\nx");
+    EXPECT_TRUE(raw.head.starts_with("HTTP/1.1 302 Status\r\n")) << raw.head;
+    EXPECT_EQ(s.service.last_request().header("User-Agent"), s.config.user_agent);
 
-    auto failed = send("POST", dead + "/tomb_messenger/put?z=1", "x");
+    auto failed = send("POST", s.proxy_url(1) + "/tomb_messenger/put?z=1", "x");
     EXPECT_EQ(failed.status, 502u);
     EXPECT_EQ(failed.body, "");
     EXPECT_EQ(http::find_header(failed.headers, "Content-Type"), "");
-    EXPECT_TRUE(log.contains("game POST /tomb_messenger/put: upstream unreachable: "));
+    EXPECT_TRUE(s.log.contains("game POST /tomb_messenger/put: upstream unreachable: "));
+    raw = exchange(s.bridge().bound_game_proxy_ports().at(1), "POST /a HTTP/1.1\r\nContent-Length: 1\r\n\r\nx");
+    EXPECT_TRUE(raw.head.starts_with("HTTP/1.1 502 Bad Gateway\r\n")) << raw.head;
+    EXPECT_NE(raw.head.find("\r\nContent-Length: 0"), std::string::npos) << raw.head;
 }
 
 TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
-    LogCapture log;
-    testing_support::TempDir dir;
-    std::ofstream(dir.path() / "plain-file") << "in the way";
-    ProxySetup s([&](zq::Config& c) {
-        c.trace = true;
-        c.state_file = (dir.path() / "data" / "state.json").string();
-    });
+    ProxyRig s;
+    const fs::path dir = s.dir.path();
+    write_file(dir / "plain-file", "in the way");
+    s.config.trace = true;
+    s.config.state_file = (dir / "data" / "state.json").string();
+    ASSERT_TRUE(s.start());
+    s.game("ash");  // the proxy adds a token, which no traced line may show
     s.service.answer("/basic_utils/login2", ScriptedAnswer::text(201, "answer"));
     s.service.answer("/blood_messenger", ScriptedAnswer::text(200, "no"));
 
     EXPECT_EQ(send("POST", s.url("/basic_utils/login2?q=1"), "question").body, "answer");
     send("POST", s.url("/blood_messenger"), "not captured");
 
-    const fs::path folder = dir.path() / "data" / "captures";
+    const fs::path folder = dir / "data" / "captures";
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
     ASSERT_EQ(names.size(), 3u);
@@ -124,41 +104,16 @@ TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     std::erase(text, '\r');  // text mode on Windows
     EXPECT_EQ(text, "name=basic_utils_login2\nstatus=201\n\n");
     const std::string label = std::to_string(s.service.port());
-    EXPECT_EQ(log.count("game POST " + label + " /basic_utils/login2: 8 bytes -> HTTP 201, 6 bytes"), 1);
-    EXPECT_EQ(log.count("game POST " + label + " /blood_messenger: 12 bytes -> HTTP 200, 2 bytes"), 1);
+    EXPECT_EQ(s.log.count("game POST " + label + " /basic_utils/login2: 8 bytes -> HTTP 201, 6 bytes"), 1);
+    EXPECT_EQ(s.log.count("game POST " + label + " /blood_messenger: 12 bytes -> HTTP 200, 2 bytes"), 1);
 
     // A folder that cannot be made costs the capture, not the answer.
-    ProxySetup blocked([&](zq::Config& c) {
-        c.trace = true;
-        c.state_file = (dir.path() / "plain-file" / "state.json").string();
-    });
-    blocked.service.answer("/wandering_ghost/get", ScriptedAnswer::text(200, "ghost"));
-    EXPECT_EQ(send("GET", blocked.url("/wandering_ghost/get")).body, "ghost");
-    EXPECT_TRUE(log.contains("[sarnlink] capture failed: "));
+    s.config.state_file = (dir / "plain-file" / "state.json").string();
+    zq::Bridge* blocked = s.start();
+    ASSERT_TRUE(blocked);
+    s.service.answer("/wandering_ghost/get", ScriptedAnswer::text(200, "ghost"));
+    const std::string ghost = "http://127.0.0.1:" + std::to_string(blocked->bound_game_proxy_ports().at(0));
+    EXPECT_EQ(send("GET", ghost + "/wandering_ghost/get").body, "ghost");
+    EXPECT_TRUE(s.log.contains("[sarnlink] capture failed: "));
 }
 
-TEST(GameProxy, ATakenPortFailsTheStartAndReleasesEverything) {
-    LogCapture log;
-    FakeService service;  // holds the port that the second route asks for
-    ASSERT_TRUE(service.start());
-    zq::Config c = web_test::local_bridge_config(service.base_url());
-    c.game_proxy_routes = {{0, service.base_url()}, {service.port(), service.base_url()}};
-    zq::Bridge bridge(c);
-    std::string error;
-    ASSERT_FALSE(bridge.start(&error));
-    EXPECT_TRUE(error.starts_with("cannot listen on 127.0.0.1:" + std::to_string(service.port()) + " (error "))
-        << error;
-    EXPECT_EQ(log.count(error), 1);
-
-    int first_proxy = 0;
-    for (const std::string& line : log.lines())
-        if (auto at = line.find("game proxy :"); at != std::string::npos) first_proxy = std::stoi(line.substr(at + 12));
-    ASSERT_NE(first_proxy, 0);
-    for (int port : {first_proxy, bridge.bound_webapi_port(), bridge.bound_tcp_port()}) {
-        http::Server again;
-        std::string again_error;
-        EXPECT_TRUE(again.start("127.0.0.1", port, [](const http::ServerRequest&) { return http::ServerResponse{}; },
-                                &again_error))
-            << again_error;
-    }
-}

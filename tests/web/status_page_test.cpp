@@ -1,15 +1,7 @@
-#include "web_support.h"
-
-#include <nlohmann/json.hpp>
-
 #include "http/service_health.h"
 #include "p2p/framing.h"
-#include "support/wait.h"
+#include "support/bridge_rig.h"
 #include "web/status_page.h"
-
-using nlohmann::json;
-using web_test::RunningBridge;
-using web_test::send;
 
 namespace {
 
@@ -18,11 +10,13 @@ json body_of(const http::ClientResponse& r) { return json::parse(r.body, nullptr
 }  // namespace
 
 TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    rig.game("ashling");
+    const std::string token = rig.accounts->get("ashling").token;
     zq::forget_service_calls();
-    RunningBridge b(web_test::local_bridge_config("http://127.0.0.1:1"));
-    const std::string web = b.web_url();
-    const std::string port = std::to_string(b.bridge.bound_webapi_port());
-    ASSERT_TRUE(b.connect_game("tok-5e3c7a-secret"));
+    const std::string web = rig.web_url();
+    const std::string port = std::to_string(rig.bridge().bound_webapi_port());
 
     auto page = send("GET", web + "/sarnlink/");
     EXPECT_EQ(page.status, 200u);
@@ -37,10 +31,10 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
     EXPECT_EQ(fresh["version"], "0.3.2");
     EXPECT_TRUE(fresh["service"]["reachable"].is_null());
     ASSERT_EQ(fresh["sessions"].size(), 1u);
-    EXPECT_EQ(fresh["sessions"][0]["name"], "upstream-name");
+    EXPECT_EQ(fresh["sessions"][0]["name"], "ashling");
     EXPECT_EQ(fresh["sessions"][0]["logged_in"], true);
     EXPECT_TRUE(fresh["gateway"].is_null());
-    EXPECT_EQ(fresh["listening"]["webapi"], b.bridge.bound_webapi_port());
+    EXPECT_EQ(fresh["listening"]["webapi"], rig.bridge().bound_webapi_port());
 
     zq::note_service_call({"/np/events/poll", 0, "connect failed (111)", zq::steady_seconds(), 0.25});
     auto status = send("GET", web + "/sarnlink/status.json?t=1", "", {{"Host", "localhost:" + port}});
@@ -51,7 +45,8 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
     EXPECT_EQ(s["service"]["last_call"]["path"], "/np/events/poll");
     EXPECT_EQ(s["service"]["last_call"]["result"], "connect failed (111)");
     EXPECT_EQ(s["service"]["last_call"]["took_ms"], 250);
-    EXPECT_EQ(status.body.find("tok-5e3c7a-secret"), std::string::npos);
+    EXPECT_EQ(status.body.find(token), std::string::npos);
+    EXPECT_EQ(status.body.find(rig.accounts->get("ashling").recovery_code), std::string::npos);
     EXPECT_EQ(status.body.find("Token"), std::string::npos);
     EXPECT_EQ(status.body.find("RecoveryCode"), std::string::npos);
     zq::note_service_call({"/np/events/poll", 200, "", zq::steady_seconds(), 0.01});
@@ -72,7 +67,7 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
     for (const auto& headers : refused) {
         auto r = send("GET", web + "/sarnlink/status.json", "", headers);
         EXPECT_EQ(r.status, 403u) << headers[0].second << " " << (headers.size() > 1 ? headers[1].second : "");
-        EXPECT_EQ(r.body.find("upstream-name"), std::string::npos);
+        EXPECT_EQ(r.body.find("ashling"), std::string::npos);
     }
     EXPECT_EQ(send("GET", web + "/sarnlink/", "", {{"Host", "127.0.0.1:" + port}, {"Origin", "http://localhost:" + port}})
                   .status,
@@ -97,14 +92,13 @@ TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
 }
 
 TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
-    zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
-    c.p2p_gateway = true;
-    c.stun_server = "off";
-    c.local_addr = "127.0.0.1";
-    RunningBridge b(c);
-    ASSERT_TRUE(b.bridge.gateway);
-    zq::p2p::Gateway& g = *b.bridge.gateway;
-    const std::string status_url = b.web_url() + "/sarnlink/status.json";
+    BridgeRig rig;
+    rig.config.p2p_gateway = true;
+    rig.config.local_addr = "127.0.0.1";
+    ASSERT_TRUE(rig.start());
+    ASSERT_TRUE(rig.bridge().gateway);
+    zq::p2p::Gateway& g = *rig.bridge().gateway;
+    const std::string status_url = rig.web_url() + "/sarnlink/status.json";
 
     // The peer's "public" and "LAN" sockets, both on this machine.
     zq::Endpoint outside, lan;
@@ -128,7 +122,7 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
         zq::send_to(from, zq::p2p::kPunch.data(), static_cast<int>(zq::p2p::kPunch.size()),
                     zq::to_sockaddr(zq::Endpoint{"127.0.0.1", g.port}));
         json seen;
-        testing_support::wait_until([&] {
+        wait_until([&] {
             seen = body_of(send("GET", status_url));
             return !seen["peers"][0]["last_heard_ago"].is_null() && seen["peers"][0]["route"] != "not heard yet";
         });
@@ -137,7 +131,7 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
     json peer = route_after_punch_from(l);
     EXPECT_EQ(peer["route"], "LAN");
     EXPECT_LT(peer["last_heard_ago"].get<double>(), 5.0);
-    EXPECT_TRUE(testing_support::wait_until([&] {
+    EXPECT_TRUE(wait_until([&] {
         return route_after_punch_from(a)["route"] == "direct";
     }));
     // Punches open the way; they are not datagrams for the game.

@@ -1,10 +1,4 @@
-#include "web_support.h"
-
-#include <nlohmann/json.hpp>
-
-using nlohmann::json;
-using web_test::RunningBridge;
-using web_test::send;
+#include "support/bridge_rig.h"
 
 namespace {
 
@@ -17,9 +11,10 @@ json list(const char* key, int start) {
 }  // namespace
 
 TEST(WebApi, AnswersItsRoutesAndLogsWhatItDoesNotKnow) {
-    testing_support::LogCapture log;
-    RunningBridge b(web_test::local_bridge_config("http://127.0.0.1:1"));
-    const std::string web = b.web_url();
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    auto& log = rig.log;
+    const std::string web = rig.web_url();
 
     auto status = send("GET", web + "/status?x=1");
     EXPECT_EQ(status.status, 200u);
@@ -50,15 +45,15 @@ TEST(WebApi, AnswersItsRoutesAndLogsWhatItDoesNotKnow) {
     }
 }
 
-TEST(WebApiDebug, StateWithTheGatewayOffAndNoPeerRoutes) {
-    zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
-    c.debug_endpoints = true;
-    RunningBridge b(c);
+TEST(WebApiDebug, StateAndPeerRoutesWithTheGatewayOffAndOn) {
+    BridgeRig rig;
+    rig.config.debug_endpoints = true;
+    ASSERT_TRUE(rig.start());
     {
-        std::lock_guard<std::mutex> guard(b.bridge.endpoints_lock);
-        b.bridge.stun_table["Alice"] = zq::Endpoint{"127.0.0.1", 4000};
+        std::lock_guard<std::mutex> guard(rig.bridge().endpoints_lock);
+        rig.bridge().stun_table["Alice"] = zq::Endpoint{"127.0.0.1", 4000};
     }
-    auto state = send("GET", b.web_url() + "/debug/state");
+    auto state = send("GET", rig.web_url() + "/debug/state");
     EXPECT_EQ(state.status, 200u);
     EXPECT_EQ(body_of(state), (json{{"registry", {{"Alice", {"127.0.0.1", 4000}}}},
                                     {"last_advertisement", nullptr},
@@ -66,16 +61,14 @@ TEST(WebApiDebug, StateWithTheGatewayOffAndNoPeerRoutes) {
                                     {"mapped", nullptr},
                                     {"relay_port", 0},
                                     {"peers", json::array()}}));
-    EXPECT_EQ(send("POST", b.web_url() + "/debug/add_peer", "{}").status, 404u);
-    EXPECT_EQ(send("POST", b.web_url() + "/debug/remove_peer", "{}").status, 404u);
-}
+    EXPECT_EQ(send("POST", rig.web_url() + "/debug/add_peer", "{}").status, 404u);
+    EXPECT_EQ(send("POST", rig.web_url() + "/debug/remove_peer", "{}").status, 404u);
 
-TEST(WebApiDebug, PeerRoutesDriveTheGateway) {
-    zq::Config c = web_test::local_bridge_config("http://127.0.0.1:1");
-    c.debug_endpoints = c.p2p_gateway = true;
-    c.stun_server = "off";
-    RunningBridge b(c);
-    const std::string web = b.web_url();
+    // With the gateway on, the peer routes drive it.
+    rig.config.p2p_gateway = true;
+    zq::Bridge* on = rig.start();
+    ASSERT_TRUE(on);
+    const std::string web = "http://127.0.0.1:" + std::to_string(on->bound_webapi_port());
 
     const json peer = {{"member_id", 2},          {"online_id", "Bob"},       {"endpoint", {"203.0.113.5", 4000}},
                        {"port_online_id", "Me"},  {"port_member_id", 1},      {"room_id", 77},
@@ -85,14 +78,14 @@ TEST(WebApiDebug, PeerRoutesDriveTheGateway) {
     // A body that is no JSON still adds a member, with everything empty.
     json blank = body_of(send("POST", web + "/debug/add_peer", "not json"))["inner"];
 
-    json state = body_of(send("GET", web + "/debug/state"));
-    EXPECT_EQ(state["gateway"], true);
-    EXPECT_EQ(state["relay_port"], 0);
+    json on_state = body_of(send("GET", web + "/debug/state"));
+    EXPECT_EQ(on_state["gateway"], true);
+    EXPECT_EQ(on_state["relay_port"], 0);
     auto row = [](int member, const char* online_id, const json& inner, int port_member, int room) {
         return json{{"member_id", member},      {"online_id", online_id},      {"inner", inner},
                     {"peer_member_id", member}, {"port_member_id", port_member}, {"room_id", room}};
     };
-    EXPECT_EQ(state["peers"], json::array({row(0, "", blank, 0, 0), row(2, "Bob", bob, 1, 77)}));
+    EXPECT_EQ(on_state["peers"], json::array({row(0, "", blank, 0, 0), row(2, "Bob", bob, 1, 77)}));
 
     EXPECT_EQ(send("POST", web + "/debug/remove_peer", R"({"member_id":2})").body, "{}");
     EXPECT_EQ(body_of(send("GET", web + "/debug/state"))["peers"].size(), 1u);

@@ -44,18 +44,49 @@ std::pair<std::uint16_t, std::uint16_t> ports_for(std::uint32_t seq) {
     return {3658, 3659};
 }
 
-Member member_from_entry(const std::string& entry) {
+}  // namespace
+
+Member parse_member(const std::string& entry) {
     zq::FieldList fields;
     zq::decode(entry, fields);
     Member m;
     m.online_id = zq::string_field(fields, 1);
     m.member_id = static_cast<int>(zq::number_field(fields, 2, 0));
+    m.owner = zq::number_field(fields, 4, 0) == 1;
     m.address.host = zq::string_field(fields, 10);
     m.address.port = static_cast<std::int32_t>(zq::number_field(fields, 11, 0));
     return m;
 }
 
-}  // namespace
+std::optional<RoomEvent> parse_room_event(std::string_view body) {
+    auto fields = zq::read_request(body);
+    if (!fields) return std::nullopt;
+    RoomEvent e;
+    e.context_id = zq::number_field(*fields, 1, 0);
+    e.room_id = zq::number_field(*fields, 2, 0);
+    e.code = static_cast<std::uint32_t>(zq::number_field(*fields, 3, 0));
+    e.reason = static_cast<std::uint32_t>(zq::number_field(*fields, 4, 0));
+    e.extra = static_cast<std::uint32_t>(zq::number_field(*fields, 5, 0));
+    std::string entry = zq::string_field(*fields, 6);
+    if (!entry.empty()) e.member = parse_member(entry);
+    return e;
+}
+
+Room parse_room_reply(std::uint16_t command, std::string_view payload) {
+    zq::FieldList fields = zq::read_request(payload).value_or(zq::FieldList{});
+    const bool create = command == kCmdCreateRoom;
+    Room room;
+    room.room_id = zq::number_field(fields, 1, 0);
+    room.member_id = static_cast<int>(zq::number_field(fields, create ? 5 : 2, 0));
+    room.max_members = zq::number_field(fields, create ? 6 : 3, 0);
+    zq::FieldList summary, block;
+    zq::decode(zq::string_field(fields, create ? 9 : 6), summary);
+    zq::decode(zq::string_field(summary, 1), block);
+    room.free_places = zq::number_field(block, 3, 0);
+    for (const auto& field : summary)
+        if (field.number == 2 && field.wire_type == 2) room.members.push_back(parse_member(field.bytes));
+    return room;
+}
 
 Player::Player(std::string online_id) : online_id_(std::move(online_id)) {
     zq::network_init();
@@ -146,9 +177,7 @@ bool Player::request(std::uint16_t command, std::string_view message, Reply& rep
         }
         if (kind != static_cast<std::uint8_t>(zq::FrameKind::Reply) || number != command) continue;
         reply.result = body.empty() ? -1 : static_cast<unsigned char>(body[0]);
-        std::string inner;
-        if (body.size() > 1) zq::unwrap_message(std::string_view(body).substr(1), inner);
-        reply.payload = inner;
+        reply.payload = body.empty() ? std::string() : body.substr(1);
         if (reply.result != 0) return fail(error, zq::format_text("command %d: result %d", command, reply.result));
         return true;
     }
@@ -159,9 +188,7 @@ bool Player::login(std::string* error) {
     zq::FieldMessage m;
     m.string(1, online_id_).string(4, "sarnlink road");
     if (!request(kCmdLogin, m.bytes(), reply, error)) return false;
-    zq::FieldList fields;
-    zq::decode(reply.payload, fields);
-    account_id_ = zq::number_field(fields, 2, 0);
+    account_id_ = zq::number_field(zq::read_request(reply.payload).value_or(zq::FieldList{}), 2, 0);
     return true;
 }
 
@@ -179,11 +206,7 @@ std::optional<std::uint64_t> Player::create_room(int max_members, std::string* e
     zq::FieldMessage m;
     m.number(2, static_cast<std::uint64_t>(max_members));
     if (!request(kCmdCreateRoom, m.bytes(), reply, error)) return std::nullopt;
-    zq::FieldList fields;
-    zq::decode(reply.payload, fields);
-    room_id_ = zq::number_field(fields, 1, 0);
-    member_id_ = static_cast<int>(zq::number_field(fields, 5, 0));
-    learn_summary(zq::string_field(fields, 9));
+    learn_room(parse_room_reply(kCmdCreateRoom, reply.payload));
     return room_id_;
 }
 
@@ -192,11 +215,7 @@ bool Player::join_room(std::uint64_t room_id, std::string* error) {
     zq::FieldMessage m;
     m.number(1, room_id);
     if (!request(kCmdJoinRoom, m.bytes(), reply, error)) return false;
-    zq::FieldList fields;
-    zq::decode(reply.payload, fields);
-    room_id_ = zq::number_field(fields, 1, 0);
-    member_id_ = static_cast<int>(zq::number_field(fields, 2, 0));
-    learn_summary(zq::string_field(fields, 6));
+    learn_room(parse_room_reply(kCmdJoinRoom, reply.payload));
     return true;
 }
 
@@ -224,29 +243,19 @@ bool Player::logout(std::string* error) {
     return request(kCmdLogout, "", reply, error);
 }
 
-void Player::learn_summary(const std::string& summary) {
-    zq::FieldList fields;
-    zq::decode(summary, fields);
+void Player::learn_room(const Room& room) {
+    room_id_ = room.room_id;
+    member_id_ = room.member_id;
     std::lock_guard<std::mutex> hold(state_lock);
     members_.clear();
-    for (const auto& field : fields) {
-        if (field.number != 2 || field.wire_type != 2) continue;
-        Member m = member_from_entry(field.bytes);
+    for (const Member& m : room.members)
         if (m.member_id != member_id_) members_[m.member_id] = m;
-    }
 }
 
 void Player::note_event(const std::string& body) {
-    auto fields = zq::read_request(body);
-    if (!fields) return;
-    RoomEvent e;
-    e.context_id = zq::number_field(*fields, 1, 0);
-    e.room_id = zq::number_field(*fields, 2, 0);
-    e.code = static_cast<std::uint32_t>(zq::number_field(*fields, 3, 0));
-    e.reason = static_cast<std::uint32_t>(zq::number_field(*fields, 4, 0));
-    e.extra = static_cast<std::uint32_t>(zq::number_field(*fields, 5, 0));
-    std::string entry = zq::string_field(*fields, 6);
-    if (!entry.empty()) e.member = member_from_entry(entry);
+    auto parsed = parse_room_event(body);
+    if (!parsed) return;
+    RoomEvent e = std::move(*parsed);
     {
         std::lock_guard<std::mutex> hold(state_lock);
         if (e.code == kMemberJoined && e.member && e.member->member_id != member_id_)

@@ -35,6 +35,16 @@ struct Member {
     int member_id = 0;
     std::string online_id;
     zq::Endpoint address;
+    bool owner = false;
+};
+
+// A room as the reply to a create or a join tells it.
+struct Room {
+    std::uint64_t room_id = 0;
+    int member_id = 0;
+    std::uint64_t max_members = 0;  // the reply's own field
+    std::uint64_t free_places = 0;  // the room block's
+    std::vector<Member> members;  // every entry, ourselves included, in the order sent
 };
 
 struct RoomEvent {
@@ -49,6 +59,13 @@ struct RoomEvent {
 inline constexpr std::uint32_t kMemberJoined = 4353;
 inline constexpr std::uint32_t kMemberLeft = 4354;
 inline constexpr std::uint32_t kWeWereKicked = 4355;
+
+// Readers of what the bridge sends the game, from the bytes behind a reply's result code or a
+// notification's body (a length-prefixed field message); lenient as the game is.
+Member parse_member(const std::string& entry);
+std::optional<RoomEvent> parse_room_event(std::string_view body);
+// The reply to command 101 (create) or 102 (join).
+Room parse_room_reply(std::uint16_t command, std::string_view payload);
 
 // What arrived from one sender.
 struct Received {
@@ -111,7 +128,7 @@ private:
     bool request(std::uint16_t command, std::string_view message, Reply& reply, std::string* error);
     bool read_frame(double deadline, std::uint8_t& kind, std::uint16_t& command, std::string& body);
     void note_event(const std::string& body);
-    void learn_summary(const std::string& summary);
+    void learn_room(const Room& room);
     void p2p_thread();
     void on_datagram(const std::string& bytes, const zq::Endpoint& from);
 
