@@ -70,8 +70,9 @@ void Bridge::stun_thread(Socket udp) {
                                                  sender.text().c_str()));
         if (full)
             log_limited("stun table full",
-                        format_text("stun: %zu ids noted already; %s from %s is not noted",
-                                    stun_table_limit, quote(printable(*id)).c_str(), sender.text().c_str()));
+                        format_text("stun: %llu ids noted already; %s from %s is not noted",
+                                    static_cast<unsigned long long>(stun_table_limit), quote(printable(*id)).c_str(),
+                                    sender.text().c_str()));
         std::string reply = stun_reply(sender);
         send_to(udp, reply.data(), static_cast<int>(reply.size()), from);
     }

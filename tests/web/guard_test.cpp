@@ -139,3 +139,50 @@ TEST(WebGuard, RefusesBrowserRequestsAndRebindingHostsButNotTheGame) {
                                          "Sec-Fetch-Mode: navigate\r\n\r\n");
     EXPECT_TRUE(status_is(status, 200)) << status.head;
 }
+
+// A page from another loopback origin, in a real browser, tries the proxies every way a page
+// can: a fetch, a form, an image and the summon route. None of it may reach the service.
+TEST(WebGuard, APageInChromiumReachesNothingUpstream) {
+    if (running_under_wine()) GTEST_SKIP() << "Chromium runs on the Linux side only";
+    const auto chromium = find_program("chromium");
+    if (chromium.empty()) GTEST_SKIP() << "chromium is not installed";
+    GuardRig s;
+    auto& log = s.log;
+    const std::string proxy = "http://127.0.0.1:" + std::to_string(s.proxy_port());
+    const std::string web = "http://127.0.0.1:" + std::to_string(s.web_port());
+    const std::string page = "<!doctype html><html><body>"
+                             "<img src='" + proxy + "/img-probe'>"
+                             "<iframe name=sink></iframe>"
+                             "<form id=f method=POST target=sink action='" + proxy + "/form-probe'>"
+                             "<input name=a value=1></form>"
+                             "<script>"
+                             "fetch('" + proxy + "/fetch-probe',{method:'POST',mode:'no-cors',body:'x'}).catch(()=>{});"
+                             "fetch('" + web + "/summon_messenger/list',{method:'POST',mode:'no-cors',body:'{}'})"
+                             ".catch(()=>{});"
+                             "document.getElementById('f').submit();"
+                             "</script></body></html>";
+    http::Server page_server;
+    ASSERT_TRUE(page_server.start("127.0.0.1", 0,
+                                  [&](const http::ServerRequest&) {
+                                      http::ServerResponse r;
+                                      r.headers = {{"Content-Type", "text/html"}};
+                                      r.body = page;
+                                      return r;
+                                  },
+                                  nullptr));
+    TempDir profile;
+    Process browser(
+        chromium,
+        {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+         "--disable-background-networking", "--disable-component-update", "--disable-sync", "--no-proxy-server",
+         "--user-data-dir=" + (profile.path() / "profile").string(),
+         "http://localhost:" + std::to_string(page_server.port) + "/"},
+        profile.path());
+
+    const std::vector<std::string> expected = {"game GET /img-probe: refused (browser page)",
+                                               "game POST /form-probe: refused (browser page)",
+                                               "game POST /fetch-probe: refused (browser page)",
+                                               "webapi: refused POST /summon_messenger/list (browser page)"};
+    for (const auto& line : expected) EXPECT_TRUE(log.wait_for(line, 60.0)) << line << "\n" << browser.output();
+    EXPECT_EQ(s.service.request_count(), 0u);
+}
