@@ -31,12 +31,7 @@ namespace {
 
 constexpr double kSeconds = 10.0;
 
-std::string read_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
-}
+std::string read_text(const std::string& path) { return testing_support::read_file(path); }
 
 // A "Name:   value" line of a /proc status file, as a number.
 long long status_value(const std::string& status, const std::string& name) {
@@ -127,12 +122,13 @@ bool measure(bool gateway) {
           {std::to_string(testing_support::free_port(true, tcp)), service.base_url()}}},
     };
     testing_support::write_file(dir.path() / "config.json", config.dump());
-    bench::Child bridge({testing_support::cli_path().string(), "--config", (dir.path() / "config.json").string()},
-                        dir.path() / "bridge.log");
-    if (bridge.pid <= 0 || !bench::wait_listening(tcp, 20)) {
-        std::fprintf(stderr, "sarnlink-cli did not come up:\n%s\n", read_text((dir.path() / "bridge.log").string()).c_str());
+    testing_support::Process bridge(testing_support::cli_path(), {"--config", (dir.path() / "config.json").string()},
+                                    dir.path());
+    if (!bench::wait_listening(tcp, 20)) {
+        std::fprintf(stderr, "sarnlink-cli did not come up:\n%s\n", bridge.output().c_str());
         return false;
     }
+    const long pid = bridge.id();
 
     testing_support::FakeGame game;
     if (!game.connect_and_greet(tcp)) return false;
@@ -145,10 +141,10 @@ bool measure(bool gateway) {
     }
 
     std::this_thread::sleep_for(std::chrono::seconds(1));  // the start's own work settles
-    const Sample before = sample(bridge.pid);
+    const Sample before = sample(pid);
     std::this_thread::sleep_for(std::chrono::duration<double>(kSeconds));
-    const Sample after = sample(bridge.pid);
-    const std::string status = read_text("/proc/" + std::to_string(bridge.pid) + "/status");
+    const Sample after = sample(pid);
+    const std::string status = read_text("/proc/" + std::to_string(pid) + "/status");
 
     const double seconds = after.at - before.at;
     const double cpu = static_cast<double>(after.cpu_ticks - before.cpu_ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK)) / seconds;
@@ -164,10 +160,12 @@ bool measure(bool gateway) {
         threads += " " + std::to_string(static_cast<long long>((n - (was == before.per_thread.end() ? 0 : was->second)) / seconds + 0.5));
     }
     std::fprintf(stderr, "%-56s%s\n", "  wake-ups/s of each thread:", threads.c_str());
-    std::fprintf(stderr, "  largest:%s\n", largest_mappings(bridge.pid, 10).c_str());
+    std::fprintf(stderr, "  largest:%s\n", largest_mappings(pid, 10).c_str());
     bench::ratio("  RSS vs 8 MiB", rss_mib, 8.0, 1.0, false);
     bench::ratio("  CPU vs 0.5% of a core", cpu * 100, 0.5, 1.0, false);
     game.close();
+    bridge.interrupt();
+    bridge.wait(10.0);
     return true;
 }
 

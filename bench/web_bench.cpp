@@ -13,6 +13,8 @@
 #include "measure.h"
 #include "shell/net.h"
 #include "support/files.h"
+#include "support/host.h"
+#include "support/netns.h"
 #include "support/ports.h"
 #include "support/process.h"
 
@@ -86,10 +88,21 @@ double median_get_us(int port, const std::string& path, const std::string& what)
     return median;
 }
 
+// nginx ends its workers with it on the console stop; killed outright, they would stay.
+void stop(std::unique_ptr<testing_support::Process>& server) {
+    if (!server) return;
+    server->interrupt();
+    server->wait(10.0);
+    server.reset();
+}
+
 // Requests per second that wrk reports, keep-alive, the same load for every server.
-double wrk_rate(const std::string& wrk, int port, const std::string& path, const std::string& what) {
-    const std::string out = bench::run_and_read(wrk + " -t2 -c8 -d" + std::to_string(kWrkSeconds) +
-                                                "s http://127.0.0.1:" + std::to_string(port) + path + " 2>&1");
+double wrk_rate(const std::filesystem::path& wrk, int port, const std::string& path, const std::string& what) {
+    const std::string out =
+        testing_support::run_process(wrk, {"-t2", "-c8", "-d" + std::to_string(kWrkSeconds) + "s",
+                                           "http://127.0.0.1:" + std::to_string(port) + path},
+                                     ".", {}, kWrkSeconds + 30.0)
+            .output;
     double rate = 0;
     if (std::size_t at = out.find("Requests/sec:"); at != std::string::npos) rate = std::stod(out.substr(at + 13));
     if (out.find("Non-2xx") != std::string::npos || out.find("Socket errors") != std::string::npos)
@@ -101,8 +114,8 @@ double wrk_rate(const std::string& wrk, int port, const std::string& path, const
 }  // namespace
 
 int main() {
-    const std::string nginx = bench::find_program("nginx", {"/usr/sbin"});
-    const std::string wrk = bench::find_program("wrk");
+    const std::filesystem::path nginx = testing_support::system_program("nginx");
+    const std::filesystem::path wrk = testing_support::find_program("wrk");
     testing_support::TempDir dir;
 
     // nginx as this user, everything it writes in the temp folder: a static answer on one
@@ -110,7 +123,7 @@ int main() {
     // proxy's client does.
     const int static_port = testing_support::free_port();
     const int proxy_port = testing_support::free_port(true, static_port);
-    std::unique_ptr<bench::Child> server;
+    std::unique_ptr<testing_support::Process> server;
     if (!nginx.empty()) {
         const std::string d = dir.path().string();
         std::ofstream(dir.path() / "nginx.conf")
@@ -125,12 +138,11 @@ int main() {
             << "  server { listen 127.0.0.1:" << proxy_port
             << "; location / { proxy_pass http://backend; proxy_http_version 1.1; proxy_set_header Connection \"\"; } }\n"
             << "}\n";
-        server = std::make_unique<bench::Child>(
-            std::vector<std::string>{nginx, "-p", d, "-c", d + "/nginx.conf", "-e", d + "/error.log"},
-            dir.path() / "nginx.out");
+        server = std::make_unique<testing_support::Process>(
+            nginx, std::vector<std::string>{"-p", d, "-c", d + "/nginx.conf", "-e", d + "/error.log"}, dir.path());
         if (!bench::wait_listening(static_port, 10) || !bench::wait_listening(proxy_port, 10)) {
-            std::fprintf(stderr, "nginx did not come up; its comparisons are skipped\n");
-            server.reset();
+            std::fprintf(stderr, "nginx did not come up; its comparisons are skipped\n%s", server->output().c_str());
+            stop(server);
         }
     } else {
         std::fprintf(stderr, "nginx is not installed: the comparisons with it are skipped\n");
@@ -174,5 +186,6 @@ int main() {
         bench::ratio("game proxy's added latency vs nginx proxy_pass's", ours_adds, nginx_adds, 1.0, false);
     }
     bridge.stop();
+    stop(server);
     return 0;
 }

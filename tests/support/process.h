@@ -36,6 +36,8 @@ public:
     void interrupt();
     // Waits for the end; kills the child after the deadline and returns -1.
     int wait(double seconds = 30.0);
+    // The system's id of the child, for looking at it from outside (/proc on Linux).
+    long id() const;
 
     struct Impl;
 

@@ -78,6 +78,8 @@ Process::~Process() {
     if (impl_->out_fd >= 0) close(impl_->out_fd);
 }
 
+long Process::id() const { return impl_->pid; }
+
 std::string Process::output() const {
     std::lock_guard<std::mutex> guard(impl_->output_lock);
     return impl_->output;

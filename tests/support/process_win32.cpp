@@ -123,6 +123,8 @@ std::string Process::output() const {
     return text;
 }
 
+long Process::id() const { return static_cast<long>(impl_->info.dwProcessId); }
+
 void Process::interrupt() {
     if (impl_->info.hProcess && !impl_->reaped) GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, impl_->info.dwProcessId);
 }
