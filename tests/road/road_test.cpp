@@ -97,7 +97,7 @@ protected:
 
     static bool all_arrived(const sim::Player& to, const sim::Player& from) {
         sim::Received got = to.received_from(from.online_id());
-        return got.in_order + got.out_of_order + got.damaged >= from.sent_to(to.online_id());
+        return got.in_order + got.out_of_order + got.damaged + got.unmet >= from.sent_to(to.online_id());
     }
 
     TempDir dir;

@@ -416,9 +416,17 @@ void Player::on_datagram(const std::string& bytes, const zq::Endpoint& from) {
 
     std::lock_guard<std::mutex> hold(state_lock);
     Received& got = received_[sender];
-    bool from_known_link = false;
-    for (const auto& [id, m] : members_)
+    bool met = false, from_known_link = false;
+    for (const auto& [id, m] : members_) {
+        met = met || m.online_id == sender;
         if (m.online_id == sender && m.address == from) from_known_link = true;
+    }
+    // The gateway opens a member's link before the bridge tells us of him, so his first
+    // datagrams may come before the news of his joining does. A game drops them; so do we.
+    if (!met) {
+        ++got.unmet;
+        return;
+    }
     auto [want_source, want_destination] = ports_for(seq);
     if (!from_known_link || source != want_source || destination != want_destination ||
         payload != numbered_payload(sender, seq, source, destination)) {

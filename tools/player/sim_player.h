@@ -72,6 +72,7 @@ struct Received {
     std::uint32_t in_order = 0;  // frames that came with the next expected number
     std::uint32_t out_of_order = 0;
     std::uint32_t damaged = 0;   // wrong magic, filler, ports, or source address
+    std::uint32_t unmet = 0;     // well-formed, but from a member not yet heard of
 };
 
 class Player {
