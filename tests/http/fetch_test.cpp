@@ -110,8 +110,10 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
     EXPECT_EQ(http::fetch(request).error, "The read operation timed out");
     EXPECT_LT(zq::steady_seconds() - began, 8.0);  // the limit given, not the default
 
-    // The head arrives, the body stops short: a failure of the read, with the head kept.
+    // The head arrives, the body stops short: a failure of the read, with the head kept. The
+    // limit leaves a loaded machine (Wine, sanitizers) time to deliver the head.
     request.url = stalling.base_url() + "/stall";
+    request.timeout_ms = 2000;
     auto r = http::fetch(request);
     EXPECT_TRUE(r.error.starts_with("read failed (")) << r.error;
     EXPECT_EQ(r.status, 200u);
@@ -127,7 +129,7 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
         request.deadline_ms = 500;
         began = zq::steady_seconds();
         EXPECT_EQ(http::fetch(request).error, "deadline passed");
-        EXPECT_LT(zq::steady_seconds() - began, 3.0);
+        EXPECT_LT(zq::steady_seconds() - began, 8.0);  // not the 20 s limit
 
         if (url.ends_with("/held") && running_under_wine())
             GTEST_SKIP() << "Wine's WinHTTP does not end a synchronous wait for the response head when another "
@@ -143,7 +145,7 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
         began = zq::steady_seconds();
         http::RecycledSession session(45.0);
         EXPECT_EQ(http::fetch(session, request).error, "cancelled");
-        EXPECT_LT(zq::steady_seconds() - began, 3.0);
+        EXPECT_LT(zq::steady_seconds() - began, 8.0);  // not the 20 s limit
         canceller.join();
     }
     holding.stop();
