@@ -215,12 +215,8 @@ TEST_F(UpstreamTest, PollReadsEventAndCursorAndAckNeverThrows) {
     EXPECT_NO_THROW(client->ack_events("me", 9));
     service.answer("/np/events/ack", ScriptedAnswer::text(500, "<html>"));
     EXPECT_NO_THROW(client->ack_events("me", 9));
-    service.answer_json("/mp/matching2/signaling_update", {{"ResKind", 1}, {"Message", "nope"}});
-    EXPECT_NO_THROW(client->signaling_update("me", {"203.0.113.9", 1}, "S", 1));
-
-    ASSERT_EQ(log.lines().size(), 2u);
+    ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(log.count_containing("] event ack failed: /np/events/ack: "), 1);
-    EXPECT_EQ(log.count("signaling_update failed: /mp/matching2/signaling_update: refused: nope"), 1);
 }
 
 }  // namespace
