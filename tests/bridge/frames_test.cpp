@@ -26,8 +26,9 @@ TEST(Frames, FieldMessageEncoding) {
     EXPECT_EQ(wrap_message(bytes({0x08, 0x01})), bytes({2, 0, 0, 0, 0x08, 0x01}));
 }
 
-// Decoding is lenient: what was read before a flaw counts, and the last of a repeated field wins.
-TEST(Frames, DecodeLeniency) {
+// Decoding is lenient: what was read before a flaw counts, and the last of a repeated field wins;
+// a message's length prefix may promise more than comes, and what is behind it is ignored.
+TEST(Frames, DecodeAndUnwrapLeniently) {
     struct Case {
         const char* what;
         std::string input;
@@ -57,9 +58,7 @@ TEST(Frames, DecodeLeniency) {
     EXPECT_EQ(number_field(list, 2, 99), 9u);  // fixed width accepted where a varint is expected
     EXPECT_EQ(number_field(list, 3, 99), 99u);
     EXPECT_EQ(string_field(list, 2), "");
-}
 
-TEST(Frames, UnwrapMessage) {
     std::string out = "untouched";
     EXPECT_FALSE(unwrap_message(bytes({1, 0, 0}), out));
     ASSERT_TRUE(unwrap_message(bytes({0, 0, 0, 0}), out));
@@ -97,12 +96,5 @@ TEST(StunPing, ParseAndReply) {
     EXPECT_EQ(stun_reply(Endpoint{"203.0.113.9", 65535}), bytes({203, 0, 113, 9, 0xFF, 0xFF}));
 }
 
-TEST(StableAccountId, KnownValuesAndBits) {
-    EXPECT_EQ(stable_account_id("abc"), 0x10a5f75fcfba75ull);
-    EXPECT_EQ(stable_account_id(""), 0x10b5b9ced7b278ull);
-    for (const char* name : {"abc", "", "someone else"}) {
-        std::uint64_t id = stable_account_id(name);
-        EXPECT_EQ(id, stable_account_id(name));
-        EXPECT_EQ(id & ~0xFFFFFFFFFFFFull, 1ull << 52) << name;
-    }
-}
+// The empty name's id is a row of Bridge.GreetsThenAnswersTheFixedRows (the identity before login).
+TEST(StableAccountId, KnownValue) { EXPECT_EQ(stable_account_id("abc"), 0x10a5f75fcfba75ull); }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "support/bridge_rig.h"
 #include "support/fake_port.h"
@@ -44,7 +45,7 @@ TEST(BridgeHardening, CommandPortRefusesPeersOutsideTheLoopback) {
 
 // Stop ends within two seconds whatever the games and the service do: a game that stopped
 // reading its replies, one that never sent a Request, a service that holds its answer, one that
-// trickles it byte by byte.
+// trickles it byte by byte, while a login, a summon call and a game proxy call wait on it.
 TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
     {
         SCOPED_TRACE("game that never reads, beside one that never sent a Request and one at rest");
@@ -70,17 +71,24 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
         SCOPED_TRACE(trickle ? "service that trickles" : "service that holds its answer");
         if (!trickle && running_under_wine()) continue;  // said by name below
         BridgeRig rig(BridgeRig::Service::Scripted);
-        rig.service.answer("/auth/account/create", ScriptedAnswer::delayed(30.0, created("ash")));
+        for (const char* path : {"/auth/account/create", "/summon_messenger/list", "/slow"})
+            rig.service.answer(path, ScriptedAnswer::delayed(30.0, created("ash")));
         TrickleServer trickling;
-        if (trickle) rig.config.velmar_server = trickling.base_url();
+        const std::string far = trickle ? trickling.base_url() : rig.service.base_url();
+        rig.config.velmar_server = rig.config.community_server = far;
+        rig.config.game_proxy_routes = {{0, far}};
         ASSERT_TRUE(rig.start());
         FakeGame game;
         ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
         ASSERT_TRUE(game.send_request(0, 1, login_body("ash")));
-        ASSERT_TRUE(wait_until([&] { return trickle ? trickling.requests() > 0 : rig.service.request_count() > 0; }));
+        std::vector<std::thread> callers;
+        for (const std::string& url : {rig.web_url() + "/summon_messenger/list", rig.proxy_url() + "/slow"})
+            callers.emplace_back([url] { send("POST", url, "{}"); });
+        EXPECT_TRUE(wait_until([&] { return trickle ? trickling.requests() >= 3 : rig.service.request_count() >= 3; }));
         EXPECT_LT(timed_stop(rig.bridge()), 3.0);
         // Nothing of the bridge may run on once it is gone (the sanitizers watch this).
         rig.bridges.clear();
+        for (auto& caller : callers) caller.join();
     }
     if (running_under_wine())
         GTEST_SKIP() << "the held answer is left out under Wine, whose WinHTTP does not end a synchronous wait for "
@@ -153,15 +161,9 @@ TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
     ASSERT_TRUE(rig.start());
     zq::Bridge& bridge = rig.bridge();
 
-    auto reachable = [](const std::string& host, int port) {
-        zq::Socket s = zq::open_tcp_socket();
-        bool connected = zq::connect_socket(s, zq::to_sockaddr({host, port}));
-        zq::close_socket(s);
-        return connected;
-    };
     for (int port : {bridge.bound_tcp_port(), bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)}) {
-        EXPECT_TRUE(reachable("127.0.0.2", port)) << port;
-        EXPECT_FALSE(reachable("127.0.0.1", port)) << port;
+        EXPECT_TRUE(FakeGame().connect(port, "127.0.0.2")) << port;
+        EXPECT_FALSE(FakeGame().connect(port, "127.0.0.1")) << port;
     }
 
     // A link: a control frame sent to its port on 127.0.0.2 goes first and must not be taken;

@@ -84,7 +84,7 @@ TEST_F(Signaling, PeerOutsideTheRoomGetsALink) {
     EXPECT_EQ(game->request(105, 3, "ab")->result(), 1);
 }
 
-TEST_F(Signaling, WithoutGatewayTheServiceAnswers) {
+TEST_F(Signaling, WithoutGatewayTheServiceAnswersAndHearsOfANewAddress) {
     start(false);
     PeerAnswer a = resolve("far");
     EXPECT_EQ(a.result, 0);
@@ -93,11 +93,8 @@ TEST_F(Signaling, WithoutGatewayTheServiceAnswers) {
     place("far", "198.51.100.7", 0);
     EXPECT_EQ(resolve("far").result, 26);
     EXPECT_FALSE(log.contains("not registered"));
-}
 
-// A new public address reaches the service for every logged-in session, in a room or not.
-TEST_F(Signaling, MappedChangeReachesTheServiceOutsideARoom) {
-    start(false);
+    // A new public address reaches the service for every logged-in session, in a room or not.
     rig.game();  // a session, never logged in
     service.clear_requests();
     service.answer_once("/mp/matching2/signaling_update", ScriptedAnswer::text(500, ""));

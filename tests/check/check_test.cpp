@@ -6,6 +6,8 @@
 #include "shell/net.h"
 #include "standin/stun_relay_server.h"
 #include "support/bridge_config.h"
+#include "support/fake_port.h"
+#include "support/fake_service.h"
 #include "support/host.h"
 #include "support/prelude.h"
 #include "support/process.h"
@@ -51,15 +53,11 @@ TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
     bridge.stop();
 
     // Another program: it holds the ports but neither greets nor answers the status probe.
-    zq::Socket tcp = zq::open_tcp_socket();
-    zq::Socket udp = zq::open_udp_socket();
-    ASSERT_TRUE(zq::bind_socket(tcp, zq::to_sockaddr({"127.0.0.1", 0})) && zq::listen_socket(tcp, 4));
-    ASSERT_TRUE(zq::bind_socket(udp, zq::to_sockaddr({"127.0.0.1", 0})));
-    zq::SockAddr a;
-    zq::local_address(tcp, &a);
-    c.tcp_port = zq::from_sockaddr(a).port;
-    zq::local_address(udp, &a);
-    c.udp_port = zq::from_sockaddr(a).port;
+    FakeService tcp_holder;
+    FakePort udp_holder;
+    ASSERT_TRUE(tcp_holder.start());
+    c.tcp_port = tcp_holder.port();
+    c.udp_port = udp_holder.address().port;
     c.webapi_port = closed_port();
     c.game_proxy_routes.clear();
     lines = zq::check::check_ports(c);
@@ -69,8 +67,6 @@ TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
     EXPECT_EQ(lines[1].outcome, Outcome::Fail);
     EXPECT_EQ(lines[2].outcome, Outcome::Ok);
     EXPECT_EQ(zq::check::decide(lines, zq::check::NatKind::KeepsMapping), Verdict::Blocked);
-    zq::close_socket(tcp);
-    zq::close_socket(udp);
 }
 
 TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {

@@ -9,18 +9,7 @@
 #include "support/process.h"
 #include "support/trickle_server.h"
 
-namespace {
-
-http::ClientRequest request_for(const std::string& url, const std::string& method = "GET") {
-    http::ClientRequest r;
-    r.method = method;
-    r.url = url;
-    return r;
-}
-
-}  // namespace
-
-TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
+TEST(HttpFetch, RoundTripsOnBothKindsOfSessionRecyclesByAgeAndRefusesBadUrls) {
     FakeService far;
     ASSERT_TRUE(far.start());
     ScriptedAnswer answer = ScriptedAnswer::text(200, "answer"), moved = ScriptedAnswer::text(301, "moved");
@@ -33,7 +22,7 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
         SCOPED_TRACE(shared ? "shared session" : "recycled session");
         auto fetch = [&](const http::ClientRequest& r) { return shared ? http::fetch(r) : http::fetch(recycled, r); };
 
-        http::ClientRequest post = request_for(far.base_url() + "/echo?q=1", "POST");
+        http::ClientRequest post{"POST", far.base_url() + "/echo?q=1"};
         post.headers = {{"User-Agent", "custom/1"}, {"X-Custom", "v"}};
         post.body = std::string(2000, 'p');  // large enough that a client might ask for 100-continue
         auto r = fetch(post);
@@ -50,13 +39,13 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
         ASSERT_FALSE(r.headers.empty());
         EXPECT_NE(r.headers.front().first.substr(0, 5), "HTTP/");
 
-        r = fetch(request_for(far.base_url() + "/missing"));
+        r = fetch(http::ClientRequest{"GET", far.base_url() + "/missing"});
         EXPECT_EQ(r.error, "");  // an error status is no failure
         EXPECT_EQ(r.status, 404u);
         EXPECT_EQ(far.last_request().method + " " + far.last_request().header("User-Agent"), "GET sarnlink");
 
         const std::size_t before = far.request_count();
-        r = fetch(request_for(far.base_url() + "/old"));
+        r = fetch(http::ClientRequest{"GET", far.base_url() + "/old"});
         EXPECT_EQ(r.error, "");
         EXPECT_EQ(r.status, 301u);
         EXPECT_EQ(http::find_header(r.headers, "Location"), "/new");
@@ -67,10 +56,10 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
     // The recycled session is opened again only once it is 45 seconds old.
     const double young = zq::steady_seconds() - 44.0, old = zq::steady_seconds() - 45.0;
     recycled.opened_at = young;
-    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/b")).error, "");
+    EXPECT_EQ(http::fetch(recycled, http::ClientRequest{"GET", far.base_url() + "/b"}).error, "");
     EXPECT_EQ(recycled.opened_at, young);
     recycled.opened_at = old;
-    EXPECT_EQ(http::fetch(recycled, request_for(far.base_url() + "/c")).error, "");
+    EXPECT_EQ(http::fetch(recycled, http::ClientRequest{"GET", far.base_url() + "/c"}).error, "");
     EXPECT_GT(recycled.opened_at, old);
     EXPECT_NE(recycled.handle, nullptr);
 
@@ -78,20 +67,18 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionAndRecyclesByAge) {
     EXPECT_EQ(http::split_raw_headers("HTTP/1.1 200 OK\r\nX-A:  b c \r\nno colon here\r\nB:\r\nC: x:y\r\n\r\n"),
               (http::HeaderList{{"X-A", "b c"}, {"B", ""}, {"C", "x:y"}}));
     EXPECT_TRUE(http::split_raw_headers("X-A: first line is the status line").empty());
-}
 
-TEST(HttpFetch, RefusesBadUrlsBeforeAnyNetwork) {
-    FakeService far;
-    ASSERT_TRUE(far.start());
+    // Bad URLs are refused before any network.
     const std::string base = far.base_url();
+    far.clear_requests();
     for (const std::string& url : {""s, "127.0.0.1/echo"s, "http://" + std::string(256, 'h') + "/",
                                    base + "/" + std::string(4095, 'a')}) {
-        auto r = http::fetch(request_for(url));
+        auto r = http::fetch(http::ClientRequest{"GET", url});
         EXPECT_EQ(r.error, "bad url " + url);
         EXPECT_EQ(r.status, 0u);
     }
     EXPECT_EQ(far.request_count(), 0u);
-    EXPECT_EQ(http::fetch(request_for(base + "/" + std::string(4000, 'a'))).error, "");
+    EXPECT_EQ(http::fetch(http::ClientRequest{"GET", base + "/" + std::string(4000, 'a')}).error, "");
     EXPECT_EQ(far.request_count(), 1u);
 }
 
@@ -104,7 +91,7 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
     holding.answer("/held", ScriptedAnswer::delayed(30.0, json::object()));
     TrickleServer trickling, stalling(60.0);
 
-    auto request = request_for(holding.base_url() + "/held", "POST");
+    http::ClientRequest request{"POST", holding.base_url() + "/held"};
     request.timeout_ms = 300;
     double began = zq::steady_seconds();
     EXPECT_EQ(http::fetch(request).error, "The read operation timed out");
@@ -118,13 +105,13 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
     EXPECT_TRUE(r.error.starts_with("read failed (")) << r.error;
     EXPECT_EQ(r.status, 200u);
 
-    r = http::fetch(request_for(zq::format_text("http://127.0.0.1:%d/", closed_port())));
+    r = http::fetch(http::ClientRequest{"GET", zq::format_text("http://127.0.0.1:%d/", closed_port())});
     EXPECT_TRUE(r.error.starts_with("request failed (")) << r.error;
     EXPECT_NE(r.error, "request failed (0)");
 
     for (const std::string url : {trickling.base_url() + "/trickle", holding.base_url() + "/held"}) {
         SCOPED_TRACE(url);
-        request = request_for(url);
+        request = http::ClientRequest{"GET", url};
         request.timeout_ms = 20000;
         request.deadline_ms = 500;
         began = zq::steady_seconds();
@@ -183,7 +170,7 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
         port = out.substr(at + 17, end - at - 17);
         return true;
     }, 30.0)) << server.output();
-    auto request = request_for("https://127.0.0.1:" + port + "/");
+    const http::ClientRequest request{"GET", "https://127.0.0.1:" + port + "/"};
 
     set_env("SSL_CERT_FILE", "");
     auto r = http::fetch(request);

@@ -25,12 +25,10 @@ public:
         s_ = zq::open_tcp_socket();
         if (connect_now) connect();
     }
-    bool connect() { return connected_ = zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port_})); }
+    bool connect() { return zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port_})); }
     ~RawClient() { zq::close_socket(s_); }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
-
-    bool connected() const { return connected_; }
 
     bool send(const std::string& bytes) {
         for (std::size_t sent = 0; sent < bytes.size();) {
@@ -69,7 +67,6 @@ private:
     static constexpr double kSeconds = 15.0;
     int port_ = 0;
     zq::Socket s_ = zq::invalid_socket;
-    bool connected_ = false;
     bool gone_ = false;
     std::string buffer_;
 };

@@ -62,9 +62,7 @@ TEST_F(CommandPortLoad, LyingHeadersDoNotReserveTheirBodies) {
     }
     const std::uint64_t before = zq::process_usage().memory_bytes;
     if (before == 0) GTEST_SKIP() << "this system does not tell the process's memory";
-    std::string header(15, '\0');
-    header[3] = 0x00, header[4] = 0x00, header[5] = static_cast<char>(0x80), header[6] = 0x00;  // 0x800000
-    for (auto& liar : liars) ASSERT_TRUE(liar->send_raw(header + "x"));
+    for (auto& liar : liars) ASSERT_TRUE(liar->send_raw(frame_header(0, 0, 0x800000, 0) + "x"));
     // Waits out the time in which the bodies would have been reserved: growth must never come.
     EXPECT_FALSE(wait_until([&] { return zq::process_usage().memory_bytes > before + 8u * 1024 * 1024; }, 1.0))
         << (zq::process_usage().memory_bytes - before) / 1024 << " KiB more";

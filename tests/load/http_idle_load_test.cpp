@@ -53,7 +53,6 @@ TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
         })) << port;
     }
     EXPECT_EQ(service.request_count(), 1u);
-    const bool wine = running_under_wine();
-    EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads <= before.threads + (wine ? 8 : 1); }))
+    EXPECT_TRUE(wait_until([&] { return zq::process_usage().threads <= before.threads + 1; }))
         << zq::process_usage().threads << " threads, " << before.threads << " before";
 }

@@ -35,7 +35,7 @@ HelloRecord record() {
 
 }  // namespace
 
-TEST(Framing, PortFramesBecomePeerFramesAndBack) {
+TEST(Framing, PortFramesBecomePeerFramesAndBackAndPeerFramesAreChecked) {
     const std::tuple<const char*, std::string, int, std::string> cases[] = {
         {"too short", "\x00\x05\x00"s, 0, "untouched"},
         {"narrow, empty payload", "\x00\x05\x00\x05"s, 1, "\xFF\xC3\x05\x05"s},
@@ -51,10 +51,9 @@ TEST(Framing, PortFramesBecomePeerFramesAndBack) {
         EXPECT_EQ(out, peer) << name;
         if (result == 1) EXPECT_TRUE(peer_frame_to_port(out, back) && back == port) << name;
     }
-}
 
-TEST(Framing, PeerFramesThatAreAcceptedOrRefused) {
-    const std::tuple<const char*, std::string, bool, std::string> cases[] = {
+    // Peer frames that are accepted or refused.
+    const std::tuple<const char*, std::string, bool, std::string> peer_cases[] = {
         {"narrow, 4 bytes", "\xFF\xC3\x01\x02"s, true, "\x00\x01\x00\x02"s},
         {"wide needs 4 port bytes", "\xFF\x83\x01\x02\x03"s, false, ""},
         {"wide, 6 bytes", "\xFF\x83\x01\x02\x03\x04"s, true, "\x01\x02\x03\x04"s},
@@ -65,7 +64,7 @@ TEST(Framing, PeerFramesThatAreAcceptedOrRefused) {
         {"wide with skip", "\xFF\x20....\x01\x00\x00\x02"s, true, "\x01\x00\x00\x02"s},
         {"other flag bits ignored", "\xFF\x40\x09\x0A"s, true, "\x00\x09\x00\x0A"s},
     };
-    for (const auto& [name, peer, ok, port] : cases) {
+    for (const auto& [name, peer, ok, port] : peer_cases) {
         std::string out;
         EXPECT_EQ(peer_frame_to_port(peer, out), ok) << name;
         if (ok) EXPECT_EQ(out, port) << name;

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <mutex>
 #include <stdexcept>
 
@@ -11,6 +12,26 @@
 
 using zq::Endpoint;
 using zq::p2p::Gateway;
+
+namespace {
+
+// Numbered frames cross both ways in turn; each must be the next one, whole, within the
+// receive deadline, which a stalled gateway would miss however long its owner keeps a call.
+void exchange(FakePort& a, const Endpoint& b_for_a, FakePort& b, const Endpoint& a_for_b, int first, int count) {
+    for (int k = first; k < first + count; ++k) {
+        const std::string text = "frame " + std::to_string(k);
+        a.send(b_for_a, 1, 2, text);
+        b.send(a_for_b, 2, 1, text);
+        auto at_b = b.receive_data();
+        ASSERT_TRUE(at_b) << "frame " << k << " from A";
+        EXPECT_EQ(at_b->bytes, bytes({0, 1, 0, 2}) + text);
+        auto at_a = a.receive_data();
+        ASSERT_TRUE(at_a) << "frame " << k << " from B";
+        EXPECT_EQ(at_a->bytes, bytes({0, 2, 0, 1}) + text);
+    }
+}
+
+}  // namespace
 
 // The relay is on while the server's answers grant it and off with the first that doesn't;
 // the mapped address is told to the owner once per change, and a failing callback is survived.
@@ -110,4 +131,58 @@ TEST(StunClient, LearnsItsAddressFromCoturn) {
     g.stop();
     coturn.interrupt();
     coturn.wait(10.0);
+}
+
+// A new public address is told to the gateway's owner while two players exchange datagrams, and
+// an owner who takes his time (the service answering slowly) holds up nothing on the way.
+TEST(StunClient, ASlowOwnerHoldsUpNoDatagramAndHearsEveryChangeInOrder) {
+    StunRelayServer server;
+    server.set_grant(false);  // the relay would carry the loopback traffic; this is about the address
+    // The owner notes each address, then keeps the call until let go (or, should an assertion
+    // end the test first, until the deadline, so that the gateway's stop is not held for good).
+    std::mutex told_lock;
+    std::vector<Endpoint> told;  // guarded by told_lock
+    std::atomic<bool> let_go{false};
+    auto told_so_far = [&] {
+        std::lock_guard<std::mutex> guard(told_lock);
+        return told;
+    };
+    FakePort port_a, port_b;
+    Gateway a(0, server.address(), "127.0.0.1", [&](const Endpoint& e) {
+        {
+            std::lock_guard<std::mutex> guard(told_lock);
+            told.push_back(e);
+        }
+        wait_until([&] { return let_go.load(); }, 30.0);
+    });
+    Gateway b(0, std::nullopt, "127.0.0.1", nullptr);
+    a.stun_refresh = 0.1;
+    ASSERT_TRUE(a.start(nullptr));
+    ASSERT_TRUE(b.start(nullptr));
+    const Endpoint bob_for_a = a.add_member(2, "bob", {"127.0.0.1", b.port}, {}, "alice", 1, 7, port_a.address());
+    const Endpoint alice_for_b = b.add_member(1, "alice", {"127.0.0.1", a.port}, {}, "bob", 2, 7, port_b.address());
+
+    // The first address is with the owner, who keeps it.
+    ASSERT_TRUE(wait_until([&] { return told_so_far().size() == 1; }));
+    EXPECT_EQ(told_so_far()[0], (Endpoint{"127.0.0.1", a.port}));
+    ASSERT_NO_FATAL_FAILURE(exchange(port_a, bob_for_a, port_b, alice_for_b, 0, 20));
+
+    // The NAT moves us meanwhile: the gateway learns it at once, and traffic goes on.
+    const Endpoint moved{"203.0.113.9", 7000};
+    server.set_reported(moved);
+    ASSERT_TRUE(wait_until([&] { return a.mapped_address() == moved; }));
+    EXPECT_EQ(a.own_endpoints().second, moved);
+    ASSERT_NO_FATAL_FAILURE(exchange(port_a, bob_for_a, port_b, alice_for_b, 20, 20));
+    EXPECT_EQ(told_so_far().size(), 1u);
+
+    // Once the owner is done with the first, the change reaches him, once.
+    let_go = true;
+    ASSERT_TRUE(wait_until([&] { return told_so_far().size() == 2; }));
+    EXPECT_EQ(told_so_far()[1], moved);
+    ASSERT_NO_FATAL_FAILURE(exchange(port_a, bob_for_a, port_b, alice_for_b, 40, 5));
+    EXPECT_EQ(told_so_far().size(), 2u);
+    for (const auto& link : a.links_snapshot()) {
+        EXPECT_EQ(link.to_peer, 45u);
+        EXPECT_EQ(link.to_port, 45u);
+    }
 }

@@ -48,7 +48,7 @@ TEST(Stun, BindingRequestCarriesTheRelayAttribute) {
     EXPECT_NE(random_transaction_id(), random_transaction_id());
 }
 
-TEST(Stun, AnswersThatAreAcceptedOrRefused) {
+TEST(Stun, AnswersThatAreAcceptedOrRefusedAndRelayFrames) {
     // What a parse gives, in one line; "" when the answer is refused.
     auto seen = [](const std::optional<StunAnswer>& a) {
         if (!a) return std::string();
@@ -84,9 +84,8 @@ TEST(Stun, AnswersThatAreAcceptedOrRefused) {
     };
     for (const auto& [name, datagram, expected] : cases)
         EXPECT_EQ(seen(parse_binding_answer(datagram, kTransaction)), expected) << name;
-}
 
-TEST(Stun, RelayFramesBothWays) {
+    // The relay's frames around a datagram, each way.
     EXPECT_EQ(relay_frame_to_server("TOKEN123", 40001, "\xFF\xC3\x01\x02hi"s),
               "\xFB" "RTOKEN123\x9C\x41\xFF\xC3\x01\x02hi"s);
     int port = 0;

@@ -167,17 +167,9 @@ TEST_F(Road, TheEventPumpOutlivesAServiceThatGoesAwayAndComesBack) {
     // starts a back-off, which is when the service comes back here.
     const std::string second_failure = "event poll failed (2 in a row): /np/events/poll: ";
     ASSERT_TRUE(wait_until([&] { return log.count_containing(second_failure) >= 2; })) << "both pumps back off";
-    EXPECT_EQ(log.count_containing("event poll failed (1 in a row)"), 0);
-
-    // A game that logs in meanwhile keeps the stored token: an unreachable service is not a refusal.
-    sim::Player again("ashling");
-    std::string error;
-    ASSERT_TRUE(again.connect(west->bound_tcp_port(), &error)) << error;
-    ASSERT_TRUE(again.login(&error)) << error;
-    EXPECT_EQ(log.count("velmar: using the stored token for 'ashling' (server unreachable, kept)"), 1);
-    again.disconnect();
 
     // The same service, with the same accounts and rooms, on the same port.
+    std::string error;
     ASSERT_TRUE(serve(port, &error)) << error;
     ASSERT_TRUE(bramwell.leave_room(&error)) << error;
     auto left = ashling.next_event(10.0);

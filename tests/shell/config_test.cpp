@@ -28,8 +28,9 @@ TEST(Config, DefaultsForAnythingButAnObject) {
     }
 }
 
-// Wrong types are converted where possible and otherwise replaced by the default.
-TEST(Config, ToleratesWrongTypes) {
+// Wrong types are converted where possible and otherwise replaced by the default; so is a
+// routing table that is no object, and of two keys for one port the later in sorted order wins.
+TEST(Config, ToleratesWrongTypesAndRoutingKeys) {
     zq::Config c = config_from_json(json::parse(R"({
         "tcp_port": "31400abc", "udp_port": true, "webapi_port": "abc", "p2p_port": 7.9,
         "trace": "yes", "debug_endpoints": "1", "create_accounts": 1.5, "p2p_gateway": "no",
@@ -44,9 +45,7 @@ TEST(Config, ToleratesWrongTypes) {
     EXPECT_EQ((std::vector<std::string>{c.user_agent, c.stun_server, c.bind_host, c.state_file, c.local_addr}),
               (std::vector<std::string>{"7", "true", "127.0.0.1", "[\"a\"]", "-3"}));
     EXPECT_DOUBLE_EQ(config_from_json(json::parse(R"({"poll_interval": 1})")).poll_interval, 1.0);
-}
 
-TEST(Config, GameProxyRoutes) {
     EXPECT_TRUE(config_from_json(json::parse(R"({"game_proxy_routes": {}})")).game_proxy_routes.empty());
     EXPECT_EQ(config_from_json(json::parse(R"({"game_proxy_routes": []})")).game_proxy_routes.size(), 2u);
     EXPECT_EQ(config_from_json(json::parse(R"({"game_proxy_routes": null})")).game_proxy_routes.size(), 2u);

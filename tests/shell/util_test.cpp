@@ -57,27 +57,23 @@ TEST(Util, WriteJsonAtomic) {
     write_file(dir.path() / "state.json.tmp", "{ cut");
     EXPECT_TRUE(zq::write_json_atomic(target, json::object(), false));
     EXPECT_EQ(read_file(target), "{}");
-}
 
-// The state file holds tokens: other users of the machine must not read it, and a link planted
-// where its temporary file goes must not redirect the write.
-TEST(Util, WriteJsonAtomicForItsOwnerOnlyAndNeverThroughALink) {
+    // The state file holds tokens: other users of the machine must not read it, and a link
+    // planted where its temporary file goes must not redirect the write.
     if (!posix_files())
-        GTEST_SKIP() << "POSIX file modes do not exist on Windows (nor under Wine); there the file stays in the "
-                        "user's own profile";
+        GTEST_SKIP() << "the part on file modes and links is left out: POSIX file modes do not exist on Windows "
+                        "(nor under Wine); there the file stays in the user's own profile";
     namespace fs = std::filesystem;
-    TempDir dir;
-    const fs::path state = dir.path() / "state.json", victim = dir.path() / "victim.txt";
-    write_file(state, "{}");
-    fs::permissions(state, fs::perms(0644));
-    ASSERT_TRUE(zq::write_json_atomic(state, json{{"accounts", json::object()}}, false));
-    EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms(0600));
+    const fs::path victim = dir.path() / "victim.txt";
+    fs::permissions(target, fs::perms(0644));
+    ASSERT_TRUE(zq::write_json_atomic(target, json{{"accounts", json::object()}}, false));
+    EXPECT_EQ(fs::status(target).permissions() & fs::perms::all, fs::perms(0600));
 
     write_file(victim, "keep");
     fs::create_symlink(victim, dir.path() / "state.json.tmp");
-    EXPECT_FALSE(zq::write_json_atomic(state, json::object(), false));
+    EXPECT_FALSE(zq::write_json_atomic(target, json::object(), false));
     EXPECT_EQ(read_file(victim), "keep");
-    EXPECT_EQ(read_file(state), "{\n  \"accounts\": {}\n}");
+    EXPECT_EQ(read_file(target), "{\n  \"accounts\": {}\n}");
 }
 
 // Each start turns the old log over once: one generation of history, named from the stem

@@ -74,6 +74,8 @@ zq::FieldList fields_of(const std::string& payload);
 
 http::ClientResponse send(const std::string& method, const std::string& url, const std::string& body = "",
                           http::HeaderList headers = {});
+// The body of an answer as JSON; discarded (is_discarded()) when it is none.
+inline json body_of(const http::ClientResponse& r) { return json::parse(r.body, nullptr, false); }
 // One request written by hand and its answer, on a connection of its own.
 http_test::RawResponse exchange(int port, const std::string& request);
 

@@ -28,7 +28,6 @@ public:
     // The new account's token and code count as issued by the service.
     Account add(const std::string& name);
     void revoke_token(const std::string& name) { store.revoke_token(name); }
-    bool has(const std::string& name) const { return store.has(name); }
     Account get(const std::string& name) const { return store.get(name); }
     void set_device_flow(int pending_polls, std::string verdict, std::string discord_name, int interval = 1,
                          int expires_in = 600) {

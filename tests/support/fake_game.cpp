@@ -51,13 +51,7 @@ bool FakeGame::send_raw(std::string_view bytes) {
 }
 
 bool FakeGame::send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
-    std::string frame;
-    frame.push_back(static_cast<char>(kind));
-    put_le(frame, command, 2);
-    put_le(frame, body.size() + 15, 4);
-    put_le(frame, packet_id, 8);
-    frame.append(body);
-    return send_raw(frame);
+    return send_raw(frame_header(kind, command, static_cast<std::uint32_t>(body.size() + 15), packet_id).append(body));
 }
 
 bool FakeGame::fill(double deadline) {
@@ -123,6 +117,14 @@ void FakeGame::close() {
     socket_ = zq::invalid_socket;
     buffer_.clear();
     ended_ = false;
+}
+
+std::string frame_header(std::uint8_t kind, std::uint16_t command, std::uint32_t total_size, std::uint64_t packet_id) {
+    std::string out(1, static_cast<char>(kind));
+    put_le(out, command, 2);
+    put_le(out, total_size, 4);
+    put_le(out, packet_id, 8);
+    return out;
 }
 
 std::string length_prefixed(std::string_view message) {

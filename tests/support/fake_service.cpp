@@ -5,7 +5,6 @@
 
 #include "http/headers.h"
 #include "shell/net.h"
-#include "wait.h"
 
 namespace testing_support {
 
@@ -129,10 +128,6 @@ std::size_t FakeService::request_count() const {
 RecordedRequest FakeService::last_request() const {
     std::lock_guard<std::mutex> hold(lock);
     return recorded.empty() ? RecordedRequest{} : recorded.back();
-}
-
-bool FakeService::wait_for_requests(std::size_t count, double seconds) const {
-    return wait_until([&] { return request_count() >= count; }, seconds);
 }
 
 void FakeService::clear_requests() {

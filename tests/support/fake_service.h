@@ -84,7 +84,6 @@ public:
     std::size_t request_count() const;
     // The latest request; a default one when there is none.
     RecordedRequest last_request() const;
-    bool wait_for_requests(std::size_t count, double seconds) const;
     void clear_requests();
 
     // Every token and recovery code handed out: each "Token" and "RecoveryCode" in an answer,

@@ -1,13 +1,8 @@
 #include "http/service_health.h"
 #include "p2p/framing.h"
 #include "support/bridge_rig.h"
+#include "support/fake_port.h"
 #include "web/status_page.h"
-
-namespace {
-
-json body_of(const http::ClientResponse& r) { return json::parse(r.body, nullptr, false); }
-
-}  // namespace
 
 TEST(StatusPage, AnswersOnlyThisPcAndNeverCarriesATokenOrCode) {
     BridgeRig rig;
@@ -101,12 +96,8 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
     const std::string status_url = rig.web_url() + "/sarnlink/status.json";
 
     // The peer's "public" and "LAN" sockets, both on this machine.
-    zq::Endpoint outside, lan;
-    zq::Socket a = zq::p2p::bind_udp("127.0.0.1", 0, outside);
-    zq::Socket l = zq::p2p::bind_udp("127.0.0.1", 0, lan);
-    ASSERT_NE(a, zq::invalid_socket);
-    ASSERT_NE(l, zq::invalid_socket);
-    g.add_member(2, "bramwell", outside, lan, "ashling", 1, 77, std::nullopt);
+    FakePort outside, lan;
+    g.add_member(2, "bramwell", outside.address(), lan.address(), "ashling", 1, 77, std::nullopt);
 
     json s = body_of(send("GET", status_url));
     EXPECT_EQ(s["gateway"]["port"], g.port);
@@ -115,12 +106,11 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
     ASSERT_EQ(s["peers"].size(), 1u);
     EXPECT_EQ(s["peers"][0]["name"], "bramwell");
     EXPECT_EQ(s["peers"][0]["route"], "not heard yet");
-    EXPECT_EQ(s["peers"][0]["address"], outside.text());
+    EXPECT_EQ(s["peers"][0]["address"], outside.address().text());
     EXPECT_TRUE(s["peers"][0]["last_heard_ago"].is_null());
 
-    auto route_after_punch_from = [&](zq::Socket from) {
-        zq::send_to(from, zq::p2p::kPunch.data(), static_cast<int>(zq::p2p::kPunch.size()),
-                    zq::to_sockaddr(zq::Endpoint{"127.0.0.1", g.port}));
+    auto route_after_punch_from = [&](FakePort& from) {
+        from.send_raw({"127.0.0.1", g.port}, zq::p2p::kPunch);
         json seen;
         wait_until([&] {
             seen = body_of(send("GET", status_url));
@@ -128,16 +118,14 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
         });
         return seen["peers"][0];
     };
-    json peer = route_after_punch_from(l);
+    json peer = route_after_punch_from(lan);
     EXPECT_EQ(peer["route"], "LAN");
     EXPECT_LT(peer["last_heard_ago"].get<double>(), 5.0);
     EXPECT_TRUE(wait_until([&] {
-        return route_after_punch_from(a)["route"] == "direct";
+        return route_after_punch_from(outside)["route"] == "direct";
     }));
     // Punches open the way; they are not datagrams for the game.
     peer = body_of(send("GET", status_url))["peers"][0];
     EXPECT_EQ(peer["to_port"], 0);
     EXPECT_EQ(peer["to_peer"], 0);
-    zq::close_socket(a);
-    zq::close_socket(l);
 }

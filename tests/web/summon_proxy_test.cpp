@@ -82,7 +82,7 @@ TEST(SummonProxy, RefusesEmptyAdvertsPassesStatusBodyAndPlacementOr502WhenUnreac
     ASSERT_TRUE(gone);
     auto failed = send("POST", "http://127.0.0.1:" + std::to_string(gone->bound_webapi_port()) + "/summon_messenger/list", "{}");
     EXPECT_EQ(failed.status, 502u);
-    json body = json::parse(failed.body, nullptr, false);
+    json body = body_of(failed);
     EXPECT_EQ(body["ResKind"], 1);
     const std::string message = body.value("Message", "");
     EXPECT_TRUE(message.starts_with("upstream unreachable: ")) << failed.body;

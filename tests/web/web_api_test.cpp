@@ -2,8 +2,6 @@
 
 namespace {
 
-json body_of(const http::ClientResponse& r) { return json::parse(r.body, nullptr, false); }
-
 json list(const char* key, int start) {
     return {{key, json::array()}, {"start", start}, {"size", 0}, {"totalResults", 0}};
 }
