@@ -67,7 +67,7 @@ private:
         if (client_ == zq::invalid_socket) return;
         zq::set_tcp_nodelay(client_);
         const std::string hello = zq::hello_frame();
-        zq::send_some(client_, hello.data(), static_cast<int>(hello.size()));
+        if (!zq::send_all(client_, hello)) return;
         char head[zq::header_size];
         std::string body, reply;
         while (read_all(client_, head, sizeof head)) {
@@ -78,7 +78,7 @@ private:
             // The bridge's answer to the echo is a result byte, then a message of the request's
             // own size (field 1 for field 2).
             reply = zq::build_frame(zq::FrameKind::Reply, h.command, h.packet_id, "\0" + body);
-            if (zq::send_some(client_, reply.data(), static_cast<int>(reply.size())) < 1) return;
+            if (!zq::send_all(client_, reply)) return;
         }
     }
     zq::Socket listener_ = zq::invalid_socket;

@@ -40,9 +40,7 @@ public:
     int get(const std::string& path) {
         const std::string request =
             "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) + "\r\nUser-Agent: bench\r\n\r\n";
-        if (socket_ == zq::invalid_socket ||
-            zq::send_some(socket_, request.data(), static_cast<int>(request.size())) != static_cast<int>(request.size()))
-            return -1;
+        if (socket_ == zq::invalid_socket || !zq::send_all(socket_, request)) return -1;
         std::size_t end;
         while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
             if (!fill()) return -1;

@@ -16,20 +16,12 @@ TcpConn::~TcpConn() { release(); }
 bool TcpConn::write(std::string_view bytes) {
     std::lock_guard<std::mutex> guard(write_lock);
     if (!alive || socket_ == invalid_socket) return false;
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        std::size_t chunk = std::min<std::size_t>(bytes.size() - sent, 0x7FFFFFFF);
-        int n = send_some(socket_, bytes.data() + sent, static_cast<int>(chunk));
-        if (n < 1) {
-            alive = false;
-            // Also wakes the connection's read loop, which waits for the game without a timer.
-            // The socket stays valid: releasing it takes write_lock, held here.
-            shutdown_socket(socket_);
-            return false;
-        }
-        sent += static_cast<std::size_t>(n);
-    }
-    return true;
+    if (send_all(socket_, bytes)) return true;
+    alive = false;
+    // Also wakes the connection's read loop, which waits for the game without a timer. The
+    // socket stays valid: releasing it takes write_lock, held here.
+    shutdown_socket(socket_);
+    return false;
 }
 
 // Not under write_lock: a send blocked on a game that stopped reading holds that lock, and

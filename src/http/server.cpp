@@ -106,16 +106,6 @@ Server::~Server() { stop(); }
 
 namespace {
 
-bool send_all(zq::Socket s, const std::string& out) {
-    std::size_t sent = 0;
-    while (sent < out.size()) {
-        int n = zq::send_some(s, out.data() + sent, static_cast<int>(out.size() - sent));
-        if (n < 1) return false;
-        sent += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 http::ServerResponse error_response(const char* message, int status) {
     nlohmann::ordered_json body;
     body["ResKind"] = 1;
@@ -269,7 +259,7 @@ void Server::connection_thread(zq::Socket s) {
             const ServerResponse refused = length.kind == BodyLength::TooLarge
                                                ? error_response("request body too large", 413)
                                                : error_response("bad Content-Length", 400);
-            if (send_all(s, format_response(refused, false, head.method == "HEAD"))) {
+            if (zq::send_all(s, format_response(refused, false, head.method == "HEAD"))) {
                 // Reads on for a moment, so that closing with unread bytes does not reset the
                 // connection before the client has read the answer.
                 const double linger = seconds_from_now(1000);
@@ -309,7 +299,7 @@ void Server::connection_thread(zq::Socket s) {
             response = json_response(body, 500);
         }
 
-        if (!send_all(s, format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
+        if (!zq::send_all(s, format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
     }
     {
         std::lock_guard<std::mutex> guard(connections_lock);

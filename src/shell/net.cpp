@@ -1,6 +1,17 @@
 #include "shell/net.h"
 
+#include <algorithm>
+
 namespace zq {
+
+bool send_all(Socket s, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const int n = send_some(s, bytes.data(), static_cast<int>(std::min<std::size_t>(bytes.size(), 0x7FFFFFFF)));
+        if (n < 1) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
 
 std::string local_ipv4() {
     network_init();

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "shell/util.h"
@@ -77,6 +78,8 @@ int recv_some(Socket s, char* buffer, int size);
 int send_some(Socket s, const char* data, int size);
 int recv_from(Socket s, char* buffer, int size, SockAddr* from);
 int send_to(Socket s, const char* data, int size, const SockAddr& to);
+// Sends all of bytes on a stream socket, call after call; false once a call fails.
+bool send_all(Socket s, std::string_view bytes);
 
 // One datagram of a batch, in a buffer of the caller's: a receive fills size and address, a send
 // reads data, size and address.

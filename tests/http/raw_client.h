@@ -30,14 +30,7 @@ public:
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
-    bool send(const std::string& bytes) {
-        for (std::size_t sent = 0; sent < bytes.size();) {
-            int n = zq::send_some(s_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
-            if (n < 1) return false;
-            sent += static_cast<std::size_t>(n);
-        }
-        return true;
-    }
+    bool send(const std::string& bytes) { return zq::send_all(s_, bytes); }
 
     // One response; its body is Content-Length bytes unless no_body (the answer to a HEAD).
     RawResponse read_response(bool no_body = false) {

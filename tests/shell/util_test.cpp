@@ -30,9 +30,6 @@ TEST(Util, JsonReadersTextAndAddresses) {
     EXPECT_EQ(zq::from_sockaddr(zq::to_sockaddr({"localhost", 80})), (zq::Endpoint{"0.0.0.0", 80}));
     EXPECT_EQ(zq::resolve_ipv4("127.0.0.1"), "127.0.0.1");
     EXPECT_FALSE(zq::local_ipv4().empty());
-    EXPECT_TRUE((zq::Endpoint{"1.2.3.4", 65535}).usable());
-    EXPECT_FALSE((zq::Endpoint{"1.2.3.4", 0}).usable());
-    EXPECT_FALSE((zq::Endpoint{"", 5}).usable());
 }
 
 // Indented by 2 with raw UTF-8; a document that cannot be written, or a write that cannot

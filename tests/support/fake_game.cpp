@@ -40,15 +40,7 @@ bool FakeGame::connect_and_greet(int port, const std::string& host) {
     return hello && hello->kind == 3;
 }
 
-bool FakeGame::send_raw(std::string_view bytes) {
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        int n = zq::send_some(socket_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
-        if (n < 1) return false;
-        sent += static_cast<std::size_t>(n);
-    }
-    return true;
-}
+bool FakeGame::send_raw(std::string_view bytes) { return zq::send_all(socket_, bytes); }
 
 bool FakeGame::send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
     return send_raw(frame_header(kind, command, static_cast<std::uint32_t>(body.size() + 15), packet_id).append(body));

@@ -38,7 +38,7 @@ void TrickleServer::serve(zq::Socket s) {
     if (receive_until(s, head, [](const std::string& h) { return h.find("\r\n\r\n") != std::string::npos; }, 10.0)) {
         ++requests_;
         const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 1000000\r\n\r\n ";
-        bool ok = zq::send_some(s, start.data(), static_cast<int>(start.size())) > 0;
+        bool ok = zq::send_all(s, start);
         for (double next = zq::steady_seconds() + gap_; ok && !stopping_; zq::sleep_ms(20)) {
             if (zq::steady_seconds() < next) continue;
             ok = zq::send_some(s, " ", 1) == 1;

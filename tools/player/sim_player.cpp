@@ -158,12 +158,7 @@ bool Player::read_frame(double deadline, std::uint8_t& kind, std::uint16_t& comm
 bool Player::request(std::uint16_t command, std::string_view message, Reply& reply, std::string* error) {
     std::uint64_t packet = next_packet_++;
     std::string frame = zq::build_frame(zq::FrameKind::Request, command, packet, zq::wrap_message(message));
-    std::size_t sent = 0;
-    while (sent < frame.size()) {
-        int n = zq::send_some(tcp_, frame.data() + sent, static_cast<int>(frame.size() - sent));
-        if (n < 1) return fail(error, zq::format_text("command %d: the bridge is gone", command));
-        sent += static_cast<std::size_t>(n);
-    }
+    if (!zq::send_all(tcp_, frame)) return fail(error, zq::format_text("command %d: the bridge is gone", command));
     double deadline = zq::steady_seconds() + kReplySeconds;
     for (;;) {
         std::uint8_t kind = 0;
