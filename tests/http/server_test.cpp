@@ -83,7 +83,6 @@ TEST(HttpServer, ParsesHeadsLeniently) {
     EXPECT_EQ(http::trim_header(" \t a b \t\r"), "a b");
     EXPECT_EQ(http::trim_header("\ra\r"), "\ra");  // the ends are trimmed differently
     EXPECT_EQ(http::trim_header(" \t "), "");
-    EXPECT_TRUE(http::iequals("Content-LENGTH", "content-length"));
     EXPECT_FALSE(http::iequals("Connection", "Connectio"));
     EXPECT_EQ(http::find_header({{"a", "1"}, {"A", "2"}}, "A"), "1");
 }

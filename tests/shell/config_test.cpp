@@ -48,7 +48,6 @@ TEST(Config, ToleratesWrongTypesAndRoutingKeys) {
 
     EXPECT_TRUE(config_from_json(json::parse(R"({"game_proxy_routes": {}})")).game_proxy_routes.empty());
     EXPECT_EQ(config_from_json(json::parse(R"({"game_proxy_routes": []})")).game_proxy_routes.size(), 2u);
-    EXPECT_EQ(config_from_json(json::parse(R"({"game_proxy_routes": null})")).game_proxy_routes.size(), 2u);
 
     auto routes = config_from_json(json::parse(R"({"game_proxy_routes": {"031316": "a", "31316": "b", " 9x": "c"}})"))
                       .game_proxy_routes;
