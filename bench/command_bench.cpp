@@ -39,9 +39,7 @@ public:
         listener_ = zq::open_tcp_socket();
         zq::bind_socket(listener_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
         zq::listen_socket(listener_, 8);
-        zq::SockAddr bound;
-        zq::local_address(listener_, &bound);
-        port = zq::from_sockaddr(bound).port;
+        port = zq::bound_endpoint(listener_).port;
         thread_ = std::thread([this] { serve(); });
     }
     ~EchoServer() {

@@ -10,7 +10,6 @@
 // lines of the paths that run in this process also show that (user and system, all threads).
 
 #include <sys/resource.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <cstdio>
@@ -46,10 +45,8 @@ public:
         // The bench's own receivers fall behind on a busy machine; a deep queue keeps that loss
         // out of the figures, so what is lost is lost on the way.
         const int depth = 4 << 20;
-        setsockopt(static_cast<int>(socket_), SOL_SOCKET, SO_RCVBUF, &depth, sizeof depth);
-        zq::SockAddr bound;
-        zq::local_address(socket_, &bound);
-        address = zq::from_sockaddr(bound);
+        zq::set_receive_buffer(socket_, depth);
+        address = zq::bound_endpoint(socket_);
         buffer_.resize(65536);
     }
     ~Port() { zq::close_socket(socket_); }

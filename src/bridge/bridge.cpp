@@ -51,14 +51,13 @@ bool Bridge::start(std::string* error) {
     if (!bind_socket(tcp_socket_, tcp_address) || !listen_socket(tcp_socket_, 8))
         return fail(error, format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
                                        host.c_str(), config_.tcp_port, last_socket_error()));
-    SockAddr held;
-    if (local_address(tcp_socket_, &held)) bound_tcp_port_ = from_sockaddr(held).port;
+    bound_tcp_port_ = bound_endpoint(tcp_socket_).port;
 
     udp_socket_ = open_udp_socket();
     if (!bind_socket(udp_socket_, to_sockaddr(Endpoint{host, config_.udp_port})))
         return fail(error, format_text("cannot bind udp %s:%d (error %d)", host.c_str(), config_.udp_port,
                                        last_socket_error()));
-    if (local_address(udp_socket_, &held)) bound_udp_port_ = from_sockaddr(held).port;
+    bound_udp_port_ = bound_endpoint(udp_socket_).port;
 
     std::string web_error;
     if (!web_server_.start(host, config_.webapi_port,

@@ -166,8 +166,7 @@ StunProbe probe_stun(const Endpoint& server, double wait_seconds) {
         close_socket(s);
         return probe;
     }
-    SockAddr bound;
-    if (local_address(s, &bound)) probe.local = from_sockaddr(bound);
+    probe.local = bound_endpoint(s);
     const double began = steady_seconds();
     if (std::optional<std::string> answer = binding(s, server, wait_seconds)) {
         probe.seconds = steady_seconds() - began;

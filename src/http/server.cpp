@@ -129,8 +129,8 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
         listener = zq::invalid_socket;
         return false;
     }
-    zq::SockAddr bound;
-    port = zq::local_address(s, &bound) ? zq::from_sockaddr(bound).port : port_wanted;
+    port = zq::bound_endpoint(s).port;
+    if (port == 0) port = port_wanted;
     listener = s;
     stop_signal_.arm();
     cancel_ = std::make_shared<CancelFlag>();

@@ -21,8 +21,7 @@ Socket bind_udp(const std::string& host, int port, Endpoint& bound) {
     }
     disable_udp_connreset(s);
     set_receive_buffer(s, kReceiveBuffer);
-    SockAddr address;
-    if (local_address(s, &address)) bound = from_sockaddr(address);
+    bound = bound_endpoint(s);
     return s;
 }
 

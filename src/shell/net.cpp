@@ -4,6 +4,11 @@
 
 namespace zq {
 
+Endpoint bound_endpoint(Socket s) {
+    SockAddr address;
+    return local_address(s, &address) ? from_sockaddr(address) : Endpoint{};
+}
+
 bool send_all(Socket s, std::string_view bytes) {
     while (!bytes.empty()) {
         const int n = send_some(s, bytes.data(), static_cast<int>(std::min<std::size_t>(bytes.size(), 0x7FFFFFFF)));

@@ -70,6 +70,8 @@ bool connect_socket(Socket s, const SockAddr& address);
 // Blocks; invalid_socket when the listener is closed or fails. The peer is filled when given.
 Socket accept_socket(Socket listener, SockAddr* peer = nullptr);
 bool local_address(Socket s, SockAddr* address);
+// The address a socket is bound to; port 0 when the system does not tell it.
+Endpoint bound_endpoint(Socket s);
 // The connected peer's address.
 bool peer_address(Socket s, SockAddr* address);
 

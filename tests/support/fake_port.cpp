@@ -9,9 +9,7 @@ FakePort::FakePort() {
     socket_ = zq::open_udp_socket();
     zq::bind_socket(socket_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
     zq::disable_udp_connreset(socket_);
-    zq::SockAddr bound;
-    zq::local_address(socket_, &bound);
-    address_ = zq::from_sockaddr(bound);
+    address_ = zq::bound_endpoint(socket_);
 }
 
 FakePort::~FakePort() { zq::close_socket(socket_); }

@@ -12,10 +12,8 @@ inline int free_port(bool tcp = true, int besides = 0) {
     for (;;) {
         zq::Socket s = tcp ? zq::open_tcp_socket() : zq::open_udp_socket();
         zq::bind_socket(s, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
-        zq::SockAddr bound;
-        zq::local_address(s, &bound);
+        const int port = zq::bound_endpoint(s).port;
         zq::close_socket(s);
-        int port = zq::from_sockaddr(bound).port;
         if (port != besides) return port;
     }
 }

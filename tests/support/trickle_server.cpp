@@ -11,9 +11,7 @@ TrickleServer::TrickleServer(double gap_seconds) : gap_(gap_seconds) {
     listener_ = zq::open_tcp_socket();
     zq::bind_socket(listener_, zq::to_sockaddr({"127.0.0.1", 0}));
     zq::listen_socket(listener_, 16);
-    zq::SockAddr bound;
-    zq::local_address(listener_, &bound);
-    port_ = zq::from_sockaddr(bound).port;
+    port_ = zq::bound_endpoint(listener_).port;
     acceptor_ = std::thread([this] {
         std::vector<bool> ready;
         while (!stopping_) {

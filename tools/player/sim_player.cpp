@@ -93,9 +93,7 @@ Player::Player(std::string online_id) : online_id_(std::move(online_id)) {
     p2p_ = zq::open_udp_socket();
     zq::bind_socket(p2p_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", 0}));
     zq::disable_udp_connreset(p2p_);
-    zq::SockAddr bound;
-    zq::local_address(p2p_, &bound);
-    p2p_address_ = zq::from_sockaddr(bound);
+    p2p_address_ = zq::bound_endpoint(p2p_);
     reader_ = std::thread([this] { p2p_thread(); });
 }
 

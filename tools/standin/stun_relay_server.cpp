@@ -52,9 +52,7 @@ StunRelayServer::StunRelayServer(const std::string& host, int port) {
         return;
     }
     zq::disable_udp_connreset(socket_);
-    zq::SockAddr bound;
-    zq::local_address(socket_, &bound);
-    address_ = zq::from_sockaddr(bound);
+    address_ = zq::bound_endpoint(socket_);
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -127,12 +125,9 @@ void StunRelayServer::answer_binding(const std::string& request, const zq::Endpo
         if (grant_) {
             Allocation& a = allocations_[from.text()];
             if (a.reserved == zq::invalid_socket) {
-                zq::Endpoint bound;
                 a.reserved = zq::open_udp_socket();
                 zq::bind_socket(a.reserved, zq::to_sockaddr(zq::Endpoint{address_.host, 0}));
-                zq::SockAddr b;
-                zq::local_address(a.reserved, &b);
-                a.port = zq::from_sockaddr(b).port;
+                a.port = zq::bound_endpoint(a.reserved).port;
                 a.token = random_token();
                 a.client = from;
             }
