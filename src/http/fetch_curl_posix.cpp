@@ -56,21 +56,26 @@ std::string url_part(CURLU* url, CURLUPart part) {
     return out;
 }
 
-bool url_fits(const std::string& text) {
-    CURLU* url = curl_url();
-    if (!url) return false;
-    bool ok = curl_url_set(url, CURLUPART_URL, text.c_str(), 0) == CURLUE_OK;
-    if (ok) {
-        std::string scheme = url_part(url, CURLUPART_SCHEME);
-        std::string query = url_part(url, CURLUPART_QUERY);
-        std::string fragment = url_part(url, CURLUPART_FRAGMENT);
+// The URL parsed, when it is one that WinHTTP would take too; the transfer then reads it from
+// this handle instead of parsing the text a second time.
+struct ParsedUrl {
+    CURLU* handle = curl_url();
+    ~ParsedUrl() { curl_url_cleanup(handle); }
+    ParsedUrl(const ParsedUrl&) = delete;
+    ParsedUrl& operator=(const ParsedUrl&) = delete;
+    explicit ParsedUrl(const std::string& text) {
+        // As the transfer would parse it: the path goes out as it was given.
+        if (!handle || curl_url_set(handle, CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) return;
+        std::string scheme = url_part(handle, CURLUPART_SCHEME);
+        std::string query = url_part(handle, CURLUPART_QUERY);
+        std::string fragment = url_part(handle, CURLUPART_FRAGMENT);
         std::size_t extra = (query.empty() ? 0 : query.size() + 1) + (fragment.empty() ? 0 : fragment.size() + 1);
-        ok = (iequals(scheme, "http") || iequals(scheme, "https")) && url_part(url, CURLUPART_HOST).size() <= max_host &&
-             url_part(url, CURLUPART_PATH).size() <= max_path && extra <= max_extra;
+        fits = (iequals(scheme, "http") || iequals(scheme, "https")) &&
+               url_part(handle, CURLUPART_HOST).size() <= max_host &&
+               url_part(handle, CURLUPART_PATH).size() <= max_path && extra <= max_extra;
     }
-    curl_url_cleanup(url);
-    return ok;
-}
+    bool fits = false;
+};
 
 struct Transfer {
     std::string head;  // the raw head of the latest response, status line first
@@ -173,7 +178,8 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
         response.error = "WinHttpOpen failed";
         return response;
     }
-    if (!url_fits(request.url)) {
+    const ParsedUrl url(request.url);
+    if (!url.fits) {
         response.error = "bad url " + request.url;
         return response;
     }
@@ -200,7 +206,7 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     }
     Transfer t;
     curl_slist* headers = request_headers(request.headers);
-    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_CURLU, url.handle);
     curl_easy_setopt(easy, CURLOPT_SHARE, session->share);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, session->agent.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);

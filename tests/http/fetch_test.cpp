@@ -39,10 +39,12 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionRecyclesByAgeAndRefusesBadUrls) {
         ASSERT_FALSE(r.headers.empty());
         EXPECT_NE(r.headers.front().first.substr(0, 5), "HTTP/");
 
-        r = fetch(http::ClientRequest{"GET", far.base_url() + "/missing"});
+        r = fetch(http::ClientRequest{"GET", far.base_url() + "/missing/./../x"});
         EXPECT_EQ(r.error, "");  // an error status is no failure
         EXPECT_EQ(r.status, 404u);
-        EXPECT_EQ(far.last_request().method + " " + far.last_request().header("User-Agent"), "GET sarnlink");
+        // The path goes out as given, dot segments and all.
+        const auto sent_get = far.last_request();
+        EXPECT_EQ(sent_get.method + " " + sent_get.path + " " + sent_get.header("User-Agent"), "GET /missing/./../x sarnlink");
 
         const std::size_t before = far.request_count();
         r = fetch(http::ClientRequest{"GET", far.base_url() + "/old"});
