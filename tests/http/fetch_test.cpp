@@ -44,7 +44,8 @@ TEST(HttpFetch, RoundTripsOnBothKindsOfSessionRecyclesByAgeAndRefusesBadUrls) {
         EXPECT_EQ(r.status, 404u);
         // The path goes out as given, dot segments and all.
         const auto sent_get = far.last_request();
-        EXPECT_EQ(sent_get.method + " " + sent_get.path + " " + sent_get.header("User-Agent"), "GET /missing/./../x sarnlink");
+        EXPECT_EQ(sent_get.method + " " + sent_get.path + " " + sent_get.header("User-Agent"),
+                  "GET /missing/./../x sarnlink");
 
         const std::size_t before = far.request_count();
         r = fetch(http::ClientRequest{"GET", far.base_url() + "/old"});
