@@ -56,7 +56,6 @@ TEST(StunResponder, AnswersNotesAndStaysBoundedUnderAFlood) {
         std::lock_guard<std::mutex> guard(bridge.endpoints_lock);
         EXPECT_EQ(bridge.stun_table.size(), zq::stun_table_limit);
         EXPECT_EQ(bridge.stun_table["ashling"], game_restarted.address());
-        EXPECT_EQ(bridge.stun_table.count("short"), 0u);
     }
     EXPECT_LT(log.count_containing("pings from"), 50);
     EXPECT_TRUE(log.contains(zq::format_text("stun: %zu ids noted already; 'x%zu' from %s is not noted",
