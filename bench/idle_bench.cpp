@@ -17,6 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "bridge/frames.h"
 #include "child.h"
 #include "measure.h"
 #include "support/fake_accounts.h"
@@ -133,8 +134,8 @@ bool measure(bool gateway) {
     testing_support::FakeGame game;
     if (!game.connect_and_greet(tcp)) return false;
     auto login = game.request(0, 1, testing_support::login_body("idler"));
-    auto context = game.request(100, 2, testing_support::length_prefixed(""));
-    auto room = game.request(101, 3, testing_support::length_prefixed(""));
+    auto context = game.request(100, 2, zq::wrap_message(""));
+    auto room = game.request(101, 3, zq::wrap_message(""));
     if (!login || login->result() != 0 || !context || context->result() != 0 || !room || room->result() != 0) {
         std::fprintf(stderr, "the game could not log in and make a room\n");
         return false;

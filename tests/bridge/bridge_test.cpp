@@ -30,11 +30,11 @@ TEST(Bridge, GreetsThenAnswersTheFixedRows) {
         // Before login: no token, no name; field 2 is the stable id of the empty name.
         {39, "", 0, bytes({9, 0, 0, 0, 0x10, 0xf8, 0xe4, 0xde, 0xf6, 0x9c, 0xb7, 0xad, 0x08})},
         // The echo pair moves field 2 to field 1, and never answers a bad payload.
-        {108, length_prefixed(bytes({0x10, 0x2A})), 0, bytes({2, 0, 0, 0, 0x08, 0x2A})},
-        {109, length_prefixed(bytes({0x08, 0x2A})), 0, empty_message},
+        {108, zq::wrap_message(bytes({0x10, 0x2A})), 0, bytes({2, 0, 0, 0, 0x08, 0x2A})},
+        {109, zq::wrap_message(bytes({0x08, 0x2A})), 0, empty_message},
         {108, "ab", 0, empty_message},
         // Leave with no room only echoes.
-        {103, length_prefixed(bytes({0x08, 0x07})), 0, bytes({2, 0, 0, 0, 0x08, 0x07})},
+        {103, zq::wrap_message(bytes({0x08, 0x07})), 0, bytes({2, 0, 0, 0, 0x08, 0x07})},
         {103, "", 0, empty_message},
         // Bodies too short for the length prefix.
         {0, "abc", 1, empty_payload},
@@ -43,8 +43,8 @@ TEST(Bridge, GreetsThenAnswersTheFixedRows) {
         {102, "x", 1, empty_payload},
         {105, "", 1, empty_payload},
         {110, "", 1, empty_payload},
-        {0, length_prefixed(bytes({0x0A, 0x03, ' ', '\t', ' '})), 8, empty_payload},
-        {102, length_prefixed(""), 3, empty_payload},
+        {0, zq::wrap_message(bytes({0x0A, 0x03, ' ', '\t', ' '})), 8, empty_payload},
+        {102, zq::wrap_message(""), 3, empty_payload},
         {2, "", 33, empty_payload},
         {107, "", 33, empty_payload},
         {112, "", 33, empty_payload},
@@ -99,7 +99,7 @@ TEST(Bridge, FramesInTheStreamAndBadHeaders) {
     ASSERT_TRUE(a && c);
     EXPECT_EQ(a->packet_id, 6u);
     EXPECT_EQ(c->packet_id, 7u);
-    std::string body = length_prefixed(bytes({0x10, 0x05}));
+    std::string body = zq::wrap_message(bytes({0x10, 0x05}));
     body.resize(0x800000 - 15, 'x');
     ASSERT_TRUE(game.send_raw(frame_header(0, 108, 0x800000, 11) + body));
     auto reply = game.read_frame(30);

@@ -34,8 +34,8 @@ struct Command {
     int result = -1;
 };
 const Command kLogin{0, login_body("ash"), 5};
-const Command kContextStart{100, length_prefixed(varint_field(1, 3)), 2};
-const Command kResolve{105, length_prefixed(zq::FieldMessage().string(1, "bob").bytes()), 26};
+const Command kContextStart{100, zq::wrap_message(zq::FieldMessage().number(1, 3).bytes()), 2};
+const Command kResolve{105, zq::wrap_message(zq::FieldMessage().string(1, "bob").bytes()), 26};
 
 }  // namespace
 
@@ -54,12 +54,12 @@ TEST(BridgeFaults, UpstreamRefusingOrAnsweringBadlyGivesEachCommandItsFailureCod
         {"html page", ScriptedAnswer::text(200, "<html><body>Bad Gateway</body></html>"),
          "no account/matching service (HTTP 200)"},
     };
-    const Command commands[] = {kLogin,
-                                kContextStart,
-                                {101, length_prefixed(""), 2},                                       // create room
-                                {102, length_prefixed(varint_field(1, 1001)), 14},                   // join room
-                                {110, length_prefixed(varint_field(1, 4) + varint_field(3, 2)), 2},  // kick
-                                kResolve};
+    const Command commands[] = {
+        kLogin, kContextStart,
+        {101, zq::wrap_message(""), 2},                                                    // create room
+        {102, zq::wrap_message(zq::FieldMessage().number(1, 1001).bytes()), 14},           // join room
+        {110, zq::wrap_message(zq::FieldMessage().number(1, 4).number(3, 2).bytes()), 2},  // kick
+        kResolve};
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.name);
         BridgeRig rig(BridgeRig::Service::Scripted);
@@ -113,10 +113,11 @@ TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
     BridgeRig rig;
     ASSERT_TRUE(rig.start());
     FakeGame& game = rig.game();
-    EXPECT_EQ(game.request(105, 2, length_prefixed(zq::FieldMessage().string(1, "b\xFF\xFEob").bytes()))->result(), 26);
+    const std::string not_utf8 = zq::wrap_message(zq::FieldMessage().string(1, "b\xFF\xFEob").bytes());
+    EXPECT_EQ(game.request(105, 2, not_utf8)->result(), 26);
     EXPECT_EQ(game.request(0, 3, login_body("ash\xC3"))->result(), 5);
     EXPECT_TRUE(rig.log.contains("velmar account failed for 'ash\xC3': /auth/account/create: "));
-    EXPECT_EQ(game.request(100, 4, length_prefixed(""))->result(), 2);
+    EXPECT_EQ(game.request(100, 4, zq::wrap_message(""))->result(), 2);
     EXPECT_TRUE(rig.service.requests().empty());
     EXPECT_FALSE(std::filesystem::exists(rig.state()));
 
@@ -153,14 +154,14 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     auto& log = rig.log;
     FakeGame& alice = rig.game("alice");
     FakeGame& bob = rig.game("bob");
-    ASSERT_EQ(alice.request(100, 2, length_prefixed(""))->result(), 0);
-    ASSERT_EQ(bob.request(100, 2, length_prefixed(""))->result(), 0);
-    ASSERT_EQ(alice.request(101, 3, length_prefixed(""))->result(), 0);  // room 1001, alice is 1
-    ASSERT_EQ(bob.request(102, 3, length_prefixed(varint_field(1, 1001)))->result(), 0);
+    ASSERT_EQ(alice.request(100, 2, zq::wrap_message(""))->result(), 0);
+    ASSERT_EQ(bob.request(100, 2, zq::wrap_message(""))->result(), 0);
+    ASSERT_EQ(alice.request(101, 3, zq::wrap_message(""))->result(), 0);  // room 1001, alice is 1
+    ASSERT_EQ(bob.request(102, 3, zq::wrap_message(zq::FieldMessage().number(1, 1001).bytes()))->result(), 0);
 
     // Alice's kick is held by the service; she leaves while it is out.
     kick_gate.open = false;
-    ASSERT_TRUE(alice.send_request(110, 4, length_prefixed(varint_field(3, 9))));
+    ASSERT_TRUE(alice.send_request(110, 4, zq::wrap_message(zq::FieldMessage().number(3, 9).bytes())));
     ASSERT_TRUE(kick_gate.wait_held());
     alice.close();
     FakeGame& carol = rig.game("carol");
@@ -175,7 +176,7 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     poll_gate.open = false;
     ASSERT_TRUE(poll_gate.wait_held());
     bob.close();
-    auto reply = carol.request(101, 2, length_prefixed(""));
+    auto reply = carol.request(101, 2, zq::wrap_message(""));
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result(), 0);
     EXPECT_FALSE(log.contains("tcp: session for 'bob' closed"));  // his session waits for its pump
@@ -220,7 +221,7 @@ TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldF
         ASSERT_FALSE(token.empty());
 
         EXPECT_EQ(zq::string_field(fields_of(game.request(39, 2, "")->payload()), 1), token);
-        ASSERT_EQ(game.request(100, 3, length_prefixed(""))->result(), 0);
+        ASSERT_EQ(game.request(100, 3, zq::wrap_message(""))->result(), 0);
         EXPECT_EQ(rig.service.requests_to("/mp/matching2/context_start").at(0).header("X-ZQ-Token"), token);
         if (how == FolderIsAFile)
             EXPECT_FALSE(std::filesystem::exists(state));

@@ -180,8 +180,7 @@ TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
     if (running_under_wine())
         GTEST_SKIP() << "the STUN half is left out under Wine, which binds a UDP socket on a loopback address to the "
                         "whole loopback interface, so a ping to 127.0.0.1 reaches it there; Windows keeps to the address";
-    std::string ping(21, '\0');
-    ping[0] = 1;
+    const std::string ping = stun_ping("");
     FakePort pinger;
     for (const char* host : {"127.0.0.1", "127.0.0.2"}) pinger.send_raw({host, bridge.bound_udp_port()}, ping);
     auto reply = pinger.receive(10.0);

@@ -46,7 +46,7 @@ TEST(Rooms, CreateTakesTheServersWordAndAddsUs) {
     rig.service.answer_once(kCreate, ScriptedAnswer::json({{"ResKind", 0}, {"RoomId", 77}, {"SessionId", "s77"},
                                                            {"MaxMembers", 8}}));
     // No field 2: five places asked.
-    sim::Room room = room_of(101, game.request(101, 2, length_prefixed("")));
+    sim::Room room = room_of(101, game.request(101, 2, zq::wrap_message("")));
     json sent = rig.service.requests_to(kCreate).at(0).json();
     EXPECT_EQ(sent["MaxMembers"], 5);
     EXPECT_EQ(sent["HostArea"], 4);
@@ -64,7 +64,7 @@ TEST(Rooms, CreateTakesTheServersWordAndAddsUs) {
     EXPECT_EQ(rig.log.count("room 77 created (member 1, max 8)"), 1);
 
     // A second create drops the first room without telling the server.
-    ASSERT_TRUE(game.request(101, 3, length_prefixed(varint_field(2, 4))));
+    ASSERT_TRUE(game.request(101, 3, zq::wrap_message(zq::FieldMessage().number(2, 4).bytes())));
     EXPECT_TRUE(rig.service.requests_to(kLeave).empty());
     EXPECT_EQ(rig.service.requests_to(kCreate).at(1).json()["MaxMembers"], 4);
 }
@@ -73,15 +73,15 @@ TEST(Rooms, JoinLeaveKickAndTheirFailures) {
     BridgeRig rig;
     ASSERT_TRUE(rig.start());
     FakeGame& game = rig.game("bob");
-    EXPECT_EQ(game.request(102, 3, length_prefixed(varint_field(1, 555)))->result(), 14);
+    EXPECT_EQ(game.request(102, 3, zq::wrap_message(zq::FieldMessage().number(1, 555).bytes()))->result(), 14);
     EXPECT_EQ(rig.log.count("join_room(555) failed: /mp/matching2/join_room: refused: no such room"), 1);
 
     // Carol's context, and so her pump, starts before anyone has pinged: the game is told all the same.
     FakeGame& carol = rig.game("carol");
-    ASSERT_TRUE(carol.request(100, 2, length_prefixed(varint_field(1, 31))));
+    ASSERT_TRUE(carol.request(100, 2, zq::wrap_message(zq::FieldMessage().number(1, 31).bytes())));
     EXPECT_EQ(rig.log.count("warning: no STUN ping seen for 'carol' yet; P2P endpoint unknown"), 1);
-    room_of(101, carol.request(101, 3, length_prefixed("")));  // room 1001, carol is 1
-    sim::Room joined = room_of(102, game.request(102, 4, length_prefixed(varint_field(1, 1001))));
+    room_of(101, carol.request(101, 3, zq::wrap_message("")));  // room 1001, carol is 1
+    sim::Room joined = room_of(102, game.request(102, 4, zq::wrap_message(zq::FieldMessage().number(1, 1001).bytes())));
     EXPECT_EQ(joined.member_id, 2);
     EXPECT_EQ(joined.members.size(), 2u);
     EXPECT_EQ(rig.log.count("room 1001 joined (member 2 of max 5)"), 1);
@@ -96,16 +96,16 @@ TEST(Rooms, JoinLeaveKickAndTheirFailures) {
     EXPECT_TRUE(rig.log.wait_for("event: member 2 (bob) joined room 1001"));
 
     // Kicking someone the table does not know still goes to the server.
-    auto reply = game.request(110, 5, length_prefixed(varint_field(1, 6) + varint_field(3, 9)));
-    EXPECT_EQ(reply->body, std::string(1, '\0') + length_prefixed(varint_field(1, 6)));
+    auto reply = game.request(110, 5, zq::wrap_message(zq::FieldMessage().number(1, 6).number(3, 9).bytes()));
+    EXPECT_EQ(reply->body, bytes({0, 2, 0, 0, 0, 0x08, 6}));
     json kick = rig.service.requests_to(kKick).at(0).json();
     EXPECT_EQ(kick, (json{{"SessionId", "session-1001"}, {"MemberId", 9}, {"KickerMemberId", 2}, {"OptData", ""}}));
 
     // A refused leave is logged and the room is gone all the same.
     rig.service.answer_once(kLeave, ScriptedAnswer::json({{"ResKind", 1}, {"Message", "busy"}}));
-    ASSERT_TRUE(game.request(103, 6, length_prefixed("")));
+    ASSERT_TRUE(game.request(103, 6, zq::wrap_message("")));
     EXPECT_EQ(rig.log.count("leave_room failed: /mp/matching2/leave_room: refused: busy"), 1);
-    ASSERT_TRUE(game.request(103, 7, length_prefixed("")));
+    ASSERT_TRUE(game.request(103, 7, zq::wrap_message("")));
     EXPECT_EQ(rig.service.requests_to(kLeave).size(), 1u);
 }
 
@@ -122,10 +122,10 @@ TEST(Rooms, JoinKeepsOnlyTheInvitingHostsLink) {
     FakeGame& host_game = rig.game("hoster", other);
     zq::p2p::Gateway& gateway = *rig.bridge().gateway;
 
-    ASSERT_EQ(game.request(100, 1, length_prefixed(""))->result(), 0);
-    room_of(101, game.request(101, 2, length_prefixed("")));            // dave's room 1001
-    room_of(101, host_game.request(101, 1, length_prefixed("")));       // hoster's room 1002
-    room_of(102, zed_game.request(102, 1, length_prefixed(varint_field(1, 1001))));
+    ASSERT_EQ(game.request(100, 1, zq::wrap_message(""))->result(), 0);
+    room_of(101, game.request(101, 2, zq::wrap_message("")));       // dave's room 1001
+    room_of(101, host_game.request(101, 1, zq::wrap_message("")));  // hoster's room 1002
+    room_of(102, zed_game.request(102, 1, zq::wrap_message(zq::FieldMessage().number(1, 1001).bytes())));
     EXPECT_EQ(next_event(game).code, sim::kMemberJoined);  // zed joined: he has a link now
 
     rig.matching->rooms.push_event("dave", {{"Name", "guest_invite"}, {"RoomId", 1002}, {"HostOnlineId", "hoster"},
@@ -139,7 +139,7 @@ TEST(Rooms, JoinKeepsOnlyTheInvitingHostsLink) {
     ASSERT_TRUE(host_link);
     ASSERT_TRUE(gateway.port_address_of("zed"));
 
-    sim::Room joined = room_of(102, game.request(102, 3, length_prefixed(varint_field(1, 1002))));
+    sim::Room joined = room_of(102, game.request(102, 3, zq::wrap_message(zq::FieldMessage().number(1, 1002).bytes())));
     EXPECT_EQ(gateway.port_address_of("hoster"), host_link);  // the same link, still punching
     EXPECT_FALSE(gateway.port_address_of("zed"));
     EXPECT_FALSE(gateway.port_address_of("dave"));  // never a link to ourselves
@@ -158,14 +158,14 @@ TEST(Rooms, PushedEventsBecomeNotifications) {
     BridgeRig rig;
     ASSERT_TRUE(rig.start());
     FakeGame& game = rig.game("alice");
-    room_of(101, game.request(101, 1, length_prefixed("")));
+    room_of(101, game.request(101, 1, zq::wrap_message("")));
     auto push = [&](json event) { rig.matching->rooms.push_event("alice", std::move(event)); };
     push({{"Name", "room_member_joined"}, {"RoomId", 1001}, {"MemberId", 2}, {"OnlineId", "b"}});
     push({{"Name", "room_member_joined"}, {"RoomId", 1001}, {"MemberId", 3}, {"OnlineId", "c"}});
     push({{"Name", "room_member_left"}, {"MemberId", 2}, {"Reason", "timeout"}});
     push({{"Name", "room_member_left"}, {"MemberId", 3}});
     push({{"Name", "mystery"}});
-    ASSERT_TRUE(game.request(100, 2, length_prefixed("")));
+    ASSERT_TRUE(game.request(100, 2, zq::wrap_message("")));
 
     struct Expected {
         std::uint32_t code, reason;
@@ -194,7 +194,7 @@ TEST(Rooms, PushedEventsBecomeNotifications) {
     EXPECT_TRUE(rig.log.wait_for("event: room 1001 closed (?)"));
 
     // Kicked, with no MemberId: no entry, and -1 as 32 bits.
-    room_of(101, game.request(101, 3, length_prefixed("")));
+    room_of(101, game.request(101, 3, zq::wrap_message("")));
     push({{"Name", "room_member_kicked"}, {"RoomId", 1002}});
     sim::RoomEvent kicked = next_event(game);
     EXPECT_EQ(kicked.room_id, 1002u);
@@ -203,7 +203,7 @@ TEST(Rooms, PushedEventsBecomeNotifications) {
     EXPECT_EQ(kicked.extra, 0xFFFFFFFFu);
     EXPECT_FALSE(kicked.member);
     EXPECT_TRUE(rig.log.wait_for("event: we were kicked from room 1002"));
-    ASSERT_TRUE(game.request(103, 4, length_prefixed("")));  // in no room now: nothing to leave
+    ASSERT_TRUE(game.request(103, 4, zq::wrap_message("")));  // in no room now: nothing to leave
     EXPECT_TRUE(rig.service.requests_to(kLeave).empty());
 }
 
@@ -214,14 +214,14 @@ TEST(Rooms, PumpTimingWithoutWaitingItOut) {
     ASSERT_TRUE(rig.start());
     FakeGame& game = rig.game("alice");
     auto session = rig.last_session();
-    room_of(101, game.request(101, 1, length_prefixed("")));
+    room_of(101, game.request(101, 1, zq::wrap_message("")));
 
     // The first tick in a room beats at once; the server says we are out.
     rig.service.answer_once(kHeartbeat, ScriptedAnswer::json({{"ResKind", 0}, {"InRoom", false}}));
     // One failed poll is retried at once and silently; the second is logged and backs off.
     rig.service.answer_once(kPoll, ScriptedAnswer::text(500, ""));
     rig.service.answer_once(kPoll, ScriptedAnswer::text(500, ""));
-    ASSERT_EQ(game.request(100, 2, length_prefixed(""))->result(), 0);
+    ASSERT_EQ(game.request(100, 2, zq::wrap_message(""))->result(), 0);
     EXPECT_TRUE(rig.log.wait_for("server says we are no longer in room 1001"));
     EXPECT_TRUE(rig.log.wait_for("event poll failed (2 in a row): /np/events/poll: HTTP 500"));
     EXPECT_EQ(rig.service.requests_to(kPoll).size(), 2u);
@@ -234,9 +234,9 @@ TEST(Rooms, PumpTimingWithoutWaitingItOut) {
 
     // A later context start runs a new pump, and a poll that hangs holds no command back.
     rig.service.answer_once(kPoll, ScriptedAnswer::delayed(30.0, {{"HasEvent", 0}}));
-    ASSERT_EQ(game.request(100, 4, length_prefixed(""))->result(), 0);
+    ASSERT_EQ(game.request(100, 4, zq::wrap_message(""))->result(), 0);
     ASSERT_TRUE(wait_until([&] { return rig.service.requests_to(kPoll).size() == 3; }));
-    auto reply = game.request(101, 5, length_prefixed(""), 3.0);
+    auto reply = game.request(101, 5, zq::wrap_message(""), 3.0);
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->result(), 0);
     EXPECT_TRUE(rig.service.requests_to(kLeave).empty());  // the heartbeat's verdict left nothing behind

@@ -69,9 +69,7 @@ TEST(Framing, PortFramesBecomePeerFramesAndBackAndPeerFramesAreChecked) {
         EXPECT_EQ(peer_frame_to_port(peer, out), ok) << name;
         if (ok) EXPECT_EQ(out, port) << name;
     }
-    EXPECT_EQ(wrap_for_port("NIMB\x05"), "\xFF\xFF\xFF\xFFNIMB\x05");
     EXPECT_TRUE(is_punch("\xFEzqhp"s));
-    EXPECT_TRUE(is_punch(std::string(kPunch)));
     EXPECT_FALSE(is_punch("\xFEzqh"s));
     EXPECT_EQ(std::string(fixed16("bob").data(), 16), "bob"s + std::string(13, '\0'));
     EXPECT_EQ(std::string(fixed16("abcdefghijklmnopqrstuvwxyz").data(), 16), "abcdefghijklmnop");

@@ -37,7 +37,7 @@ TEST(BrokenPipe, TheBridgeOutlivesAClosedStandardOutput) {
     // Each ping with a new id writes a log line before its answer.
     FakePort game;
     for (const char* id : {"one", "two"}) {
-        std::string ping = std::string("\x01") + id + std::string(20, '\0');
+        const std::string ping = stun_ping(id);
         bool answered = false;
         double deadline = zq::steady_seconds() + 20.0;
         while (!answered && zq::steady_seconds() < deadline) {

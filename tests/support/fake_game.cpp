@@ -119,20 +119,6 @@ std::string frame_header(std::uint8_t kind, std::uint16_t command, std::uint32_t
     return out;
 }
 
-std::string length_prefixed(std::string_view message) {
-    std::string out;
-    put_le(out, message.size(), 4);
-    out.append(message);
-    return out;
-}
-
-std::string varint_field(std::uint32_t number, std::uint64_t value) {
-    std::string out;
-    zq::put_varint(out, number << 3);
-    zq::put_varint(out, value);
-    return out;
-}
-
-std::string login_body(const std::string& npid) { return length_prefixed(zq::FieldMessage().string(1, npid).bytes()); }
+std::string login_body(const std::string& npid) { return zq::wrap_message(zq::FieldMessage().string(1, npid).bytes()); }
 
 }  // namespace testing_support

@@ -66,10 +66,6 @@ private:
 
 // A frame header as the game writes it; total_size counts the header's 15 bytes too.
 std::string frame_header(std::uint8_t kind, std::uint16_t command, std::uint32_t total_size, std::uint64_t packet_id);
-// A Request body: a little-endian u32 count followed by the field message bytes.
-std::string length_prefixed(std::string_view message);
-// One varint field of a field message, key then value, as the game writes it.
-std::string varint_field(std::uint32_t number, std::uint64_t value);
 // The body of a login Request for an online id.
 std::string login_body(const std::string& npid);
 

@@ -45,4 +45,12 @@ private:
     zq::Endpoint address_;
 };
 
+// A ping for the bridge's STUN responder: 1, the id zero-padded, `size` bytes in all.
+inline std::string stun_ping(const std::string& id, std::size_t size = 21) {
+    std::string d(size, '\0');
+    d[0] = 1;
+    d.replace(1, id.size(), id);
+    return d;
+}
+
 }  // namespace testing_support
