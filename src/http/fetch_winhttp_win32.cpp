@@ -67,9 +67,15 @@ public:
         wake_.notify_all();
         if (thread_.joinable()) thread_.join();
     }
-    // "cancelled" or "deadline passed" once the watchdog ended the call, else empty.
+    // "cancelled" or "deadline passed" once the watchdog ended the call, else empty. A call that
+    // fails once its deadline is past failed for that deadline, even where WinHTTP's own
+    // time-out (capped at the deadline) came before the watchdog woke. The system's timers tick
+    // coarsely (about 16 ms), so that time-out may end a hair before the deadline by our clock.
     std::string reason() {
         std::lock_guard<std::mutex> guard(lock_);
+        const auto tick = std::chrono::milliseconds(20);
+        if (reason_.empty() && has_deadline_ && std::chrono::steady_clock::now() + tick >= deadline_)
+            return "deadline passed";
         return reason_;
     }
 
