@@ -46,7 +46,7 @@ void check_answer(std::string_view datagram) {
 
 void check_relay(std::string_view datagram) {
     int port = -1;
-    std::string payload;
+    std::string_view payload;
     if (relay_frame_from_server(datagram, port, payload)) {
         FUZZ_CHECK(port >= 0 && port <= 65535);
         FUZZ_CHECK(datagram.size() >= 4 && payload == datagram.substr(4));

@@ -123,11 +123,4 @@ bool relay_frame_from_server(std::string_view datagram, int& port, std::string_v
     return true;
 }
 
-bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload) {
-    std::string_view view;
-    if (!relay_frame_from_server(datagram, port, view)) return false;
-    payload.assign(view);
-    return true;
-}
-
 }  // namespace zq::p2p

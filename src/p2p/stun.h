@@ -53,11 +53,10 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view datagram, std::s
 //   to the relay:   FB 'R' token(8) destination port(2, BE) peer frame
 //   from the relay: FB 'r' source port(2, BE) payload
 std::string relay_frame_to_server(std::string_view token, int port, std::string_view frame);
-bool relay_frame_from_server(std::string_view datagram, int& port, std::string& payload);
 
-// The same in place, for the data path. The header to the relay is written into the
-// kRelayHeaderSize bytes before frame, which the caller must leave free; the payload from the
-// relay is a view into the datagram.
+// The same in place, for the data path: the header to the relay is written into the
+// kRelayHeaderSize bytes before frame, which the caller must leave free. A frame from the relay
+// gives its source port and its payload, a view into the datagram.
 inline constexpr std::size_t kRelayHeaderSize = 12;
 std::string_view relay_frame_to_server_in_place(std::string_view token, int port, char* frame, std::size_t size);
 bool relay_frame_from_server(std::string_view datagram, int& port, std::string_view& payload);

@@ -3,6 +3,7 @@
 #include "p2p/stun.h"
 #include "support/prelude.h"
 
+using namespace std::string_view_literals;
 using namespace zq::p2p;
 
 namespace {
@@ -89,14 +90,14 @@ TEST(Stun, AnswersThatAreAcceptedOrRefusedAndRelayFrames) {
     EXPECT_EQ(relay_frame_to_server("TOKEN123", 40001, "\xFF\xC3\x01\x02hi"s),
               "\xFB" "RTOKEN123\x9C\x41\xFF\xC3\x01\x02hi"s);
     int port = 0;
-    std::string payload = "stale";
-    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x9C\x40"s, port, payload));
+    std::string_view payload = "stale";
+    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x9C\x40"sv, port, payload));
     EXPECT_EQ(port, 40000);
     EXPECT_EQ(payload, "");
-    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x00\x07punch"s, port, payload));
+    EXPECT_TRUE(relay_frame_from_server("\xFB" "r\x00\x07punch"sv, port, payload));
     EXPECT_EQ(port, 7);
     EXPECT_EQ(payload, "punch");
-    EXPECT_FALSE(relay_frame_from_server("\xFB" "r\x00"s, port, payload));
-    EXPECT_FALSE(relay_frame_from_server("\xFB" "R\x00\x07"s, port, payload));
-    EXPECT_FALSE(relay_frame_from_server("\xFA" "r\x00\x07"s, port, payload));
+    EXPECT_FALSE(relay_frame_from_server("\xFB" "r\x00"sv, port, payload));
+    EXPECT_FALSE(relay_frame_from_server("\xFB" "R\x00\x07"sv, port, payload));
+    EXPECT_FALSE(relay_frame_from_server("\xFA" "r\x00\x07"sv, port, payload));
 }
