@@ -10,6 +10,7 @@
 
 #include "bridge/bridge.h"
 #include "child.h"
+#include "http_client.h"
 #include "measure.h"
 #include "shell/net.h"
 #include "support/files.h"
@@ -23,54 +24,9 @@ namespace {
 constexpr int kWrkSeconds = 4;
 constexpr double kLatencySeconds = 2.0;
 
-// One keep-alive connection, one GET at a time: the time from the request to its whole answer.
-class Client {
-public:
-    explicit Client(int port) : port_(port) {
-        socket_ = zq::open_tcp_socket();
-        if (!zq::connect_socket(socket_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port}))) {
-            zq::close_socket(socket_);
-            socket_ = zq::invalid_socket;
-        }
-        zq::set_tcp_nodelay(socket_);
-    }
-    ~Client() { zq::close_socket(socket_); }
-
-    // The status of the answer, or -1 when the connection failed.
-    int get(const std::string& path) {
-        const std::string request =
-            "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) + "\r\nUser-Agent: bench\r\n\r\n";
-        if (socket_ == zq::invalid_socket || !zq::send_all(socket_, request)) return -1;
-        std::size_t end;
-        while ((end = buffer_.find("\r\n\r\n")) == std::string::npos)
-            if (!fill()) return -1;
-        const std::string head = buffer_.substr(0, end);
-        std::size_t length = 0;
-        for (const char* name : {"Content-Length: ", "content-length: "})
-            if (std::size_t at = head.find(name); at != std::string::npos)
-                length = std::stoul(head.substr(at + std::char_traits<char>::length(name)));
-        while (buffer_.size() < end + 4 + length)
-            if (!fill()) return -1;
-        buffer_.erase(0, end + 4 + length);
-        return std::stoi(head.substr(9, 3));
-    }
-
-private:
-    bool fill() {
-        char block[16384];
-        int n = zq::recv_some(socket_, block, sizeof block);
-        if (n < 1) return false;
-        buffer_.append(block, static_cast<std::size_t>(n));
-        return true;
-    }
-    int port_;
-    zq::Socket socket_ = zq::invalid_socket;
-    std::string buffer_;
-};
-
 // The median time of a sequential GET, in microseconds; 0 when a call failed.
 double median_get_us(int port, const std::string& path, const std::string& what) {
-    Client client(port);
+    bench::HttpClient client(port);
     std::vector<double> samples;
     const double end = bench::now() + kLatencySeconds;
     while (bench::now() < end) {

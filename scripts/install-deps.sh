@@ -32,6 +32,8 @@ packages=(
   chromium
   nginx
   wrk
+  strace
+  valgrind
 )
 
 if [ "${1:-}" = "--list" ]; then

@@ -1,0 +1,278 @@
+// The gateway under a real game's traffic on a busy PC: four peers, 60 datagrams a second of
+// 200 bytes each way, for 60 s (or the seconds given), while another process keeps every core
+// busy. The game's socket talks to the gateway's link sockets, and the four remote players are
+// plain sockets speaking peer frames, so the path holds exactly one gateway: the player's own.
+// Beside it, in the same run and at the same rate, the same datagrams go by direct UDP between
+// sockets of the same kind; the difference is what the gateway adds:
+//   - one-way delay, p50, p99 and max, of each path and the gateway's excess over direct;
+//   - jitter (the smoothed mean difference of consecutive transit times, per stream);
+//   - loss.
+//
+//   busy_gateway_bench [seconds]
+// The load is this program again, started with --burn: one spinning thread per core.
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "measure.h"
+#include "p2p/gateway.h"
+#include "shell/net.h"
+#include "shell/platform.h"
+#include "support/process.h"
+#include "support/wait.h"
+
+namespace {
+
+using zq::Endpoint;
+
+constexpr int kPeers = 4;
+constexpr int kRate = 60;
+constexpr std::size_t kSize = 200;  // what the game sends and receives, header included
+constexpr std::uint16_t kGamePort = 3658;
+
+// What each datagram carries in its payload, so that the receiver can tell its stream and its
+// transit time without any shared state.
+struct Stamp {
+    double sent;
+    std::uint32_t sequence;
+    std::uint16_t stream;
+};
+
+struct Socket {
+    zq::Socket s = zq::invalid_socket;
+    Endpoint address;
+    Socket() {
+        s = zq::open_udp_socket();
+        zq::bind_socket(s, zq::to_sockaddr(Endpoint{"127.0.0.1", 0}));
+        zq::set_receive_buffer(s, 1 << 20);
+        address = zq::bound_endpoint(s);
+    }
+    ~Socket() { zq::close_socket(s); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+};
+
+// The streams: per peer, game to peer and peer to game, through the gateway and direct.
+enum Path { Gateway = 0, Direct = 1 };
+int stream_of(Path path, int peer, bool to_peer) { return path * 2 * kPeers + peer * 2 + (to_peer ? 1 : 0); }
+constexpr int kStreams = 4 * kPeers;
+
+struct StreamRecord {
+    std::uint32_t sent = 0, received = 0;
+    std::vector<double> transit;
+    double jitter = 0, last_transit = -1;
+};
+
+class Recorder {
+public:
+    Recorder() : streams_(kStreams) {}
+    void sent(int stream) {
+        std::lock_guard<std::mutex> hold(lock_);
+        ++streams_[stream].sent;
+    }
+    void received(const char* data, int size, std::size_t header) {
+        const double arrived = bench::now();
+        if (size < static_cast<int>(header + sizeof(Stamp))) return;
+        Stamp stamp;
+        std::memcpy(&stamp, data + header, sizeof stamp);
+        if (stamp.stream >= kStreams) return;
+        std::lock_guard<std::mutex> hold(lock_);
+        StreamRecord& r = streams_[stamp.stream];
+        const double transit = arrived - stamp.sent;
+        ++r.received;
+        r.transit.push_back(transit);
+        if (r.last_transit >= 0) r.jitter += (std::fabs(transit - r.last_transit) - r.jitter) / 16.0;
+        r.last_transit = transit;
+    }
+    std::uint32_t total_received() {
+        std::lock_guard<std::mutex> hold(lock_);
+        std::uint32_t n = 0;
+        for (auto& r : streams_) n += r.received;
+        return n;
+    }
+    std::vector<StreamRecord> streams() {
+        std::lock_guard<std::mutex> hold(lock_);
+        return streams_;
+    }
+
+private:
+    std::mutex lock_;
+    std::vector<StreamRecord> streams_;
+};
+
+// A port frame from the game (header 4 bytes), its payload stamped.
+std::string datagram(std::size_t header_bytes, const std::string& header, int stream, std::uint32_t sequence) {
+    std::string d = header;
+    Stamp stamp{bench::now(), sequence, static_cast<std::uint16_t>(stream)};
+    d.append(reinterpret_cast<const char*>(&stamp), sizeof stamp);
+    d.resize(kSize + (header_bytes > 4 ? header_bytes - 4 : 0), 'g');
+    return d;
+}
+
+const std::string kPortHeader("\x0E\x4A\x0E\x4A", 4);          // 3658 to 3658
+const std::string kPeerHeader("\xFF\x83\x0E\x4A\x0E\x4A", 6);  // the same, as a peer frame
+
+// Receives on a set of sockets until stopped, skipping the gateway's own control frames,
+// punches and hellos. header: the bytes before the payload on these sockets.
+void receive_loop(const std::vector<zq::Socket>& sockets, std::size_t header, Recorder& recorder,
+                  const std::atomic<bool>& done) {
+    std::vector<bool> ready;
+    std::vector<char> buffer(65536);
+    while (!done) {
+        if (zq::wait_readable(sockets, 50, ready) < 1) continue;
+        for (std::size_t i = 0; i < sockets.size(); ++i) {
+            if (!ready[i]) continue;
+            zq::SockAddr from;
+            const int n = zq::recv_from(sockets[i], buffer.data(), static_cast<int>(buffer.size()), &from);
+            if (n < 4 || (static_cast<unsigned char>(buffer[0]) == 0xFF && static_cast<unsigned char>(buffer[1]) == 0xFF))
+                continue;
+            if (static_cast<unsigned char>(buffer[0]) == 0xFE) continue;  // a punch
+            recorder.received(buffer.data(), n, header);
+        }
+    }
+}
+
+int burn() {
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    std::vector<std::thread> spinners;
+    for (unsigned i = 0; i < cores; ++i)
+        spinners.emplace_back([] {
+            volatile std::uint64_t x = 0;
+            for (;;) x = x + 1;
+        });
+    for (auto& t : spinners) t.join();
+    return 0;
+}
+
+void print_path(const char* name, std::vector<double>& transit, double jitter, std::uint32_t sent,
+                std::uint32_t received) {
+    std::fprintf(stderr, "%-24s p50 %7.1f us   p99 %7.1f us   max %8.1f us   jitter %6.1f us   lost %u of %u\n", name,
+                 bench::percentile_us(transit, 50), bench::percentile_us(transit, 99),
+                 bench::percentile_us(transit, 100), jitter * 1e6, sent - std::min(sent, received), sent);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--burn") == 0) return burn();
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 60.0;
+    zq::network_init();
+
+    zq::p2p::Gateway gateway(0, std::nullopt, "127.0.0.1", nullptr);
+    std::string error;
+    if (!gateway.start(&error)) {
+        std::fprintf(stderr, "gateway: %s\n", error.c_str());
+        return 1;
+    }
+    Socket game, direct_game;
+    std::vector<std::unique_ptr<Socket>> peers, direct_peers;
+    std::vector<zq::SockAddr> link_of, peer_at, direct_peer_at;
+    const zq::SockAddr gateway_public = zq::to_sockaddr(Endpoint{"127.0.0.1", gateway.port});
+    const zq::SockAddr direct_game_at = zq::to_sockaddr(direct_game.address);
+    for (int i = 0; i < kPeers; ++i) {
+        peers.push_back(std::make_unique<Socket>());
+        direct_peers.push_back(std::make_unique<Socket>());
+        peer_at.push_back(zq::to_sockaddr(peers.back()->address));
+        direct_peer_at.push_back(zq::to_sockaddr(direct_peers.back()->address));
+        const Endpoint link = gateway.add_member(i + 2, "peer" + std::to_string(i), peers.back()->address, {}, "player",
+                                                 1, 7, game.address);
+        link_of.push_back(zq::to_sockaddr(link));
+    }
+
+    testing_support::Process load(zq::own_executable_path(), {"--burn"}, ".");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the spinners take the cores
+
+    Recorder recorder;
+    std::atomic<bool> done{false};
+    std::vector<zq::Socket> remote_sockets;
+    for (auto& p : peers) remote_sockets.push_back(p->s);
+    std::vector<zq::Socket> direct_remote_sockets;
+    for (auto& p : direct_peers) direct_remote_sockets.push_back(p->s);
+    std::vector<std::thread> receivers;
+    receivers.emplace_back([&] { receive_loop({game.s}, 4, recorder, done); });
+    receivers.emplace_back([&] { receive_loop({direct_game.s}, 4, recorder, done); });
+    receivers.emplace_back([&] { receive_loop(remote_sockets, 6, recorder, done); });
+    receivers.emplace_back([&] { receive_loop(direct_remote_sockets, 6, recorder, done); });
+
+    // The game sends to every peer once a tick; the remote players do the same half a tick
+    // later. Each datagram is stamped just before its send.
+    const double start = bench::now() + 0.1;
+    const auto ticks = static_cast<std::uint32_t>(seconds * kRate);
+    auto sender = [&](bool from_game) {
+        const double offset = from_game ? 0.0 : 0.5 / kRate;
+        for (std::uint32_t tick = 0; tick < ticks; ++tick) {
+            const double due = start + offset + static_cast<double>(tick) / kRate;
+            if (double wait = due - bench::now(); wait > 0)
+                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+            for (int i = 0; i < kPeers; ++i) {
+                std::string d;
+                if (from_game) {
+                    d = datagram(4, kPortHeader, stream_of(Gateway, i, true), tick);
+                    zq::send_to(game.s, d.data(), static_cast<int>(d.size()), link_of[i]);
+                    recorder.sent(stream_of(Gateway, i, true));
+                    // Direct, each side gets the bytes it gets through the gateway.
+                    d = datagram(6, kPeerHeader, stream_of(Direct, i, true), tick);
+                    zq::send_to(direct_game.s, d.data(), static_cast<int>(d.size()), direct_peer_at[i]);
+                    recorder.sent(stream_of(Direct, i, true));
+                } else {
+                    d = datagram(6, kPeerHeader, stream_of(Gateway, i, false), tick);
+                    zq::send_to(peers[i]->s, d.data(), static_cast<int>(d.size()), gateway_public);
+                    recorder.sent(stream_of(Gateway, i, false));
+                    d = datagram(4, kPortHeader, stream_of(Direct, i, false), tick);
+                    zq::send_to(direct_peers[i]->s, d.data(), static_cast<int>(d.size()), direct_game_at);
+                    recorder.sent(stream_of(Direct, i, false));
+                }
+            }
+        }
+    };
+    std::thread game_sender(sender, true), peer_sender(sender, false);
+    game_sender.join();
+    peer_sender.join();
+    const std::uint32_t expected = ticks * kStreams;
+    testing_support::wait_until([&] { return recorder.total_received() >= expected; }, 2.0);
+    done = true;
+    for (auto& t : receivers) t.join();
+    load.interrupt();
+    load.wait(10.0);
+    gateway.stop();
+
+    std::vector<StreamRecord> streams = recorder.streams();
+    std::fprintf(stderr, "%d peers, %d datagrams/s of %zu bytes each way, %.0f s, both cores kept busy by a second "
+                         "process\n",
+                 kPeers, kRate, kSize, seconds);
+    std::vector<double> figures[2];
+    for (Path path : {Gateway, Direct}) {
+        std::vector<double> all;
+        double jitter = 0;
+        std::uint32_t sent = 0, received = 0;
+        for (int i = 0; i < kPeers; ++i)
+            for (bool to_peer : {true, false}) {
+                StreamRecord& r = streams[stream_of(path, i, to_peer)];
+                all.insert(all.end(), r.transit.begin(), r.transit.end());
+                jitter += r.jitter / (2 * kPeers);
+                sent += r.sent;
+                received += r.received;
+            }
+        std::vector<double> copy = all;
+        print_path(path == Gateway ? "through the gateway" : "anchor: direct UDP", copy, jitter, sent, received);
+        figures[path] = {bench::percentile_us(all, 50), bench::percentile_us(all, 99), bench::percentile_us(all, 100),
+                         jitter * 1e6, static_cast<double>(sent - std::min(sent, received))};
+    }
+    const double added_p99 = figures[Gateway][1] - figures[Direct][1];
+    std::fprintf(stderr, "%-24s p50 %7.1f us   p99 %7.1f us   max %8.1f us   jitter %+6.1f us\n", "gateway adds",
+                 figures[Gateway][0] - figures[Direct][0], added_p99, figures[Gateway][2] - figures[Direct][2],
+                 figures[Gateway][3] - figures[Direct][3]);
+    std::fprintf(stderr, "%-56s %8.1f us   (target <= 1000 us: %s)\n", "p99 added delay over direct UDP", added_p99,
+                 added_p99 <= 1000 ? "met" : "NOT met");
+    std::fprintf(stderr, "%-56s %8.0f      (target 0: %s; direct lost %.0f)\n", "datagrams lost through the gateway",
+                 figures[Gateway][4], figures[Gateway][4] == 0 ? "met" : "NOT met", figures[Direct][4]);
+    return 0;
+}
