@@ -5,17 +5,22 @@
 // Beside it, in the same run and at the same rate, the same datagrams go by direct UDP between
 // sockets of the same kind; the difference is what the gateway adds:
 //   - one-way delay, p50, p99 and max, of each path and the gateway's excess over direct;
-//   - jitter (the smoothed mean difference of consecutive transit times, per stream);
+//   - jitter (the mean difference of consecutive transit times, per stream);
+// and, to tell the machine's scheduling from the gateway's own work, how long the gateway's
+// threads and the bench's receivers waited on the run queue per wake-up (/proc schedstat).
 //   - loss.
 //
 //   busy_gateway_bench [seconds]
 // The load is this program again, started with --burn: one spinning thread per core.
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -68,7 +73,7 @@ constexpr int kStreams = 4 * kPeers;
 struct StreamRecord {
     std::uint32_t sent = 0, received = 0;
     std::vector<double> transit;
-    double jitter = 0, last_transit = -1;
+    double jitter_sum = 0, last_transit = -1;  // jitter: the mean of |transit - previous transit|
 };
 
 class Recorder {
@@ -89,7 +94,7 @@ public:
         const double transit = arrived - stamp.sent;
         ++r.received;
         r.transit.push_back(transit);
-        if (r.last_transit >= 0) r.jitter += (std::fabs(transit - r.last_transit) - r.jitter) / 16.0;
+        if (r.last_transit >= 0) r.jitter_sum += std::fabs(transit - r.last_transit);
         r.last_transit = transit;
     }
     std::uint32_t total_received() {
@@ -140,6 +145,39 @@ void receive_loop(const std::vector<zq::Socket>& sockets, std::size_t header, Re
     }
 }
 
+std::vector<std::string> tasks() {
+    std::vector<std::string> out;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/self/task")) out.push_back(e.path().filename());
+    return out;
+}
+
+// Run-queue wait (ns) and time slices of a thread of this process.
+std::pair<double, double> schedstat(const std::string& tid) {
+    std::ifstream in("/proc/self/task/" + tid + "/schedstat");
+    double on_cpu = 0, waited = 0, slices = 0;
+    in >> on_cpu >> waited >> slices;
+    return {waited, slices};
+}
+
+struct Waits {
+    std::vector<std::string> tids;
+    std::vector<std::pair<double, double>> at_start;
+    void start() {
+        at_start.clear();
+        for (const auto& t : tids) at_start.push_back(schedstat(t));
+    }
+    // The mean run-queue wait per time slice since start(), in microseconds, and the slices.
+    std::pair<double, double> since() const {
+        double waited = 0, slices = 0;
+        for (std::size_t i = 0; i < tids.size(); ++i) {
+            auto [w, n] = schedstat(tids[i]);
+            waited += w - at_start[i].first;
+            slices += n - at_start[i].second;
+        }
+        return {slices > 0 ? waited / slices / 1000.0 : 0.0, slices};
+    }
+};
+
 int burn() {
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     std::vector<std::thread> spinners;
@@ -168,10 +206,15 @@ int main(int argc, char** argv) {
 
     zq::p2p::Gateway gateway(0, std::nullopt, "127.0.0.1", nullptr);
     std::string error;
+    const std::vector<std::string> before_gateway = tasks();
     if (!gateway.start(&error)) {
         std::fprintf(stderr, "gateway: %s\n", error.c_str());
         return 1;
     }
+    Waits gateway_waits, receiver_waits;
+    for (const auto& t : tasks())
+        if (std::find(before_gateway.begin(), before_gateway.end(), t) == before_gateway.end())
+            gateway_waits.tids.push_back(t);
     Socket game, direct_game;
     std::vector<std::unique_ptr<Socket>> peers, direct_peers;
     std::vector<zq::SockAddr> link_of, peer_at, direct_peer_at;
@@ -196,11 +239,18 @@ int main(int argc, char** argv) {
     for (auto& p : peers) remote_sockets.push_back(p->s);
     std::vector<zq::Socket> direct_remote_sockets;
     for (auto& p : direct_peers) direct_remote_sockets.push_back(p->s);
+    const std::vector<std::string> before_receivers = tasks();
     std::vector<std::thread> receivers;
     receivers.emplace_back([&] { receive_loop({game.s}, 4, recorder, done); });
     receivers.emplace_back([&] { receive_loop({direct_game.s}, 4, recorder, done); });
     receivers.emplace_back([&] { receive_loop(remote_sockets, 6, recorder, done); });
     receivers.emplace_back([&] { receive_loop(direct_remote_sockets, 6, recorder, done); });
+
+    for (const auto& t : tasks())
+        if (std::find(before_receivers.begin(), before_receivers.end(), t) == before_receivers.end())
+            receiver_waits.tids.push_back(t);
+    gateway_waits.start();
+    receiver_waits.start();
 
     // The game sends to every peer once a tick; the remote players do the same half a tick
     // later. Each datagram is stamped just before its send.
@@ -238,6 +288,8 @@ int main(int argc, char** argv) {
     peer_sender.join();
     const std::uint32_t expected = ticks * kStreams;
     testing_support::wait_until([&] { return recorder.total_received() >= expected; }, 2.0);
+    const auto [gateway_wait, gateway_slices] = gateway_waits.since();
+    const auto [receiver_wait, receiver_slices] = receiver_waits.since();
     done = true;
     for (auto& t : receivers) t.join();
     load.interrupt();
@@ -257,7 +309,7 @@ int main(int argc, char** argv) {
             for (bool to_peer : {true, false}) {
                 StreamRecord& r = streams[stream_of(path, i, to_peer)];
                 all.insert(all.end(), r.transit.begin(), r.transit.end());
-                jitter += r.jitter / (2 * kPeers);
+                jitter += r.received > 1 ? r.jitter_sum / (r.received - 1) / (2 * kPeers) : 0.0;
                 sent += r.sent;
                 received += r.received;
             }
@@ -270,6 +322,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%-24s p50 %7.1f us   p99 %7.1f us   max %8.1f us   jitter %+6.1f us\n", "gateway adds",
                  figures[Gateway][0] - figures[Direct][0], added_p99, figures[Gateway][2] - figures[Direct][2],
                  figures[Gateway][3] - figures[Direct][3]);
+    std::fprintf(stderr, "%-24s gateway's threads %.0f us per wake-up (%.0f wake-ups); the bench's receivers %.0f us "
+                         "(%.0f)\n",
+                 "run-queue wait", gateway_wait, gateway_slices, receiver_wait, receiver_slices);
     std::fprintf(stderr, "%-56s %8.1f us   (target <= 1000 us: %s)\n", "p99 added delay over direct UDP", added_p99,
                  added_p99 <= 1000 ? "met" : "NOT met");
     std::fprintf(stderr, "%-56s %8.0f      (target 0: %s; direct lost %.0f)\n", "datagrams lost through the gateway",
