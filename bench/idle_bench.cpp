@@ -1,7 +1,6 @@
 // An idle bridge as a player leaves it: the real sarnlink-cli, one game logged in, its context
 // started and a room made, and then nothing. Measured over ten quiet seconds from /proc: the
-// resident memory and the private part of it (anonymous plus private dirty pages: what is the
-// bridge's own, as the shared pages of the system's libraries are not), the threads, the CPU
+// resident memory and the private part of it (the bridge's own, bench/proc.h), the threads, the CPU
 // time and how often its threads wake. Once with the P2P gateway (the default) and once
 // without, to tell its share of the wake-ups. With the gateway, eight peers then join the room
 // and stream as a game does (60 datagrams/s of 200 bytes each way, each), and the same figures
@@ -26,6 +25,7 @@
 #include "bridge/frames.h"
 #include "child.h"
 #include "measure.h"
+#include "proc.h"
 #include "support/fake_accounts.h"
 #include "support/fake_game.h"
 #include "support/fake_matching.h"
@@ -78,38 +78,9 @@ Sample sample(pid_t pid) {
     return s;
 }
 
-// Anonymous plus private dirty memory in KiB, each page once: a written page of a private file
-// mapping is counted in both, so each mapping adds the larger of the two.
-struct Private {
-    long long anonymous = 0, private_dirty = 0, both = 0;
-};
-
-Private private_memory(pid_t pid) {
-    std::istringstream smaps(read_text("/proc/" + std::to_string(pid) + "/smaps"));
-    Private p;
-    long long anonymous = 0, dirty = 0;
-    std::string line;
-    auto close_mapping = [&] {
-        p.both += std::max(anonymous, dirty);
-        anonymous = dirty = 0;
-    };
-    while (std::getline(smaps, line)) {
-        if (line.compare(0, 10, "Anonymous:") == 0) {
-            anonymous = std::stoll(line.substr(10));
-            p.anonymous += anonymous;
-        } else if (line.compare(0, 14, "Private_Dirty:") == 0) {
-            dirty = std::stoll(line.substr(14));
-            p.private_dirty += dirty;
-        } else if (line.compare(0, 8, "VmFlags:") == 0) {
-            close_mapping();  // the last line of each mapping
-        }
-    }
-    return p;
-}
-
 void report_memory(const std::string& what, pid_t pid, double cpu, double limit_mib) {
-    const Private p = private_memory(pid);
-    const double mib = static_cast<double>(p.both) / 1024.0;
+    const bench::PrivateMemory p = bench::private_memory(pid);
+    const double mib = p.mib();
     std::fprintf(stderr, "%-56s private %.2f MiB (anonymous %.2f, private dirty %.2f)  CPU %.3f%% of a core\n",
                  what.c_str(), mib, static_cast<double>(p.anonymous) / 1024.0,
                  static_cast<double>(p.private_dirty) / 1024.0, cpu * 100);

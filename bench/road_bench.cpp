@@ -40,6 +40,7 @@
 #include "delay_relay.h"
 #include "http_client.h"
 #include "measure.h"
+#include "proc.h"
 #include "shell/net.h"
 #include "support/fake_game.h"
 #include "support/files.h"
@@ -590,10 +591,13 @@ int main() {
     // A quiet player: what the event pump costs over a while, and whether its connection and
     // TLS session last.
     served.mark();
+    const double cpu_before = bench::cpu_seconds_of(static_cast<pid_t>(bridge->id()));
     std::this_thread::sleep_for(std::chrono::duration<double>(kQuietSeconds));
+    const double cpu_share = (bench::cpu_seconds_of(static_cast<pid_t>(bridge->id())) - cpu_before) / kQuietSeconds;
+    const bench::PrivateMemory memory = bench::private_memory(static_cast<pid_t>(bridge->id()));
     std::map<std::string, std::vector<Served>> by_path;
     for (const auto& s : served.since_mark(true)) by_path[s.path].push_back(s);
-    std::fprintf(stderr, "\nTwo quiet players in a room for %.0f s:\n", kQuietSeconds);
+    std::fprintf(stderr, "\nTwo quiet players, the host in its room, for %.0f s:\n", kQuietSeconds);
     for (const auto& [path, list] : by_path) {
         int full = 0, resumed = 0;
         for (const auto& s : list)
@@ -601,6 +605,11 @@ int main() {
         std::fprintf(stderr, "  %-28s %4zu calls, %d new connection(s) with a full TLS handshake, %d resumed\n",
                      path.c_str(), list.size(), full, resumed);
     }
+    // Beside the idle bench's figures on plain HTTP: what TLS adds, the CA store above all.
+    std::fprintf(stderr, "  the bridge: private memory %.2f MiB (target <= 4 MiB with one game in a room: %s), CPU %.2f%% "
+                         "of a core (target <= 0.5%%: %s)\n",
+                 memory.mib(), memory.mib() <= 4.0 ? "met" : "NOT met", cpu_share * 100,
+                 cpu_share <= 0.005 ? "met" : "NOT met");
 
     host->close();
     guest->close();
@@ -620,8 +629,10 @@ int main() {
         auto game = connect_game(ports.tcp, 20);
         bridge_listening = bench::now() - start;
         if (game && command(*game, 0, testing_support::login_body("roadhost"))) bridge_login = bench::now() - start;
-        std::fprintf(stderr, "  bridge: listening after %.1f ms, login done after %.1f ms [%s]\n",
-                     ms(bridge_listening), ms(bridge_login), describe(served.since_mark()).c_str());
+        std::fprintf(stderr, "  bridge: listening after %.1f ms, login done after %.1f ms [%s]; private memory then "
+                             "%.2f MiB\n",
+                     ms(bridge_listening), ms(bridge_login), describe(served.since_mark()).c_str(),
+                     bench::private_memory(static_cast<pid_t>(bridge->id())).mib());
         if (game) game->close();
         bridge->interrupt();
         bridge->wait(10.0);
