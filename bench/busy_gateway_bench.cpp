@@ -10,8 +10,12 @@
 // threads and the bench's receivers waited on the run queue per wake-up (/proc schedstat).
 //   - loss.
 //
-//   busy_gateway_bench [seconds]
-// The load is this program again, started with --burn: one spinning thread per core.
+//   busy_gateway_bench [seconds] [--raised]
+// The load is this program again, started with --burn: one spinning thread per core. With
+// --raised (root only) the gateway's threads run at nice -10, to see what a higher priority for
+// the data path would buy.
+
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -202,6 +206,7 @@ void print_path(const char* name, std::vector<double>& transit, double jitter, s
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "--burn") == 0) return burn();
     const double seconds = argc > 1 ? std::atof(argv[1]) : 60.0;
+    const bool raised = argc > 2 && std::strcmp(argv[2], "--raised") == 0;
     zq::network_init();
 
     zq::p2p::Gateway gateway(0, std::nullopt, "127.0.0.1", nullptr);
@@ -215,6 +220,10 @@ int main(int argc, char** argv) {
     for (const auto& t : tasks())
         if (std::find(before_gateway.begin(), before_gateway.end(), t) == before_gateway.end())
             gateway_waits.tids.push_back(t);
+    if (raised)
+        for (const auto& t : gateway_waits.tids)
+            if (::setpriority(PRIO_PROCESS, static_cast<id_t>(std::stoi(t)), -10) != 0)
+                std::fprintf(stderr, "cannot raise the gateway's threads (root only)\n");
     Socket game, direct_game;
     std::vector<std::unique_ptr<Socket>> peers, direct_peers;
     std::vector<zq::SockAddr> link_of, peer_at, direct_peer_at;
@@ -298,8 +307,8 @@ int main(int argc, char** argv) {
 
     std::vector<StreamRecord> streams = recorder.streams();
     std::fprintf(stderr, "%d peers, %d datagrams/s of %zu bytes each way, %.0f s, both cores kept busy by a second "
-                         "process\n",
-                 kPeers, kRate, kSize, seconds);
+                         "process%s\n",
+                 kPeers, kRate, kSize, seconds, raised ? "; the gateway's threads at nice -10" : "");
     std::vector<double> figures[2];
     for (Path path : {Gateway, Direct}) {
         std::vector<double> all;
