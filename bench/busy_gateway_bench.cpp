@@ -141,9 +141,8 @@ void receive_loop(const std::vector<zq::Socket>& sockets, std::size_t header, Re
             if (!ready[i]) continue;
             zq::SockAddr from;
             const int n = zq::recv_from(sockets[i], buffer.data(), static_cast<int>(buffer.size()), &from);
-            if (n < 4 || (static_cast<unsigned char>(buffer[0]) == 0xFF && static_cast<unsigned char>(buffer[1]) == 0xFF))
-                continue;
-            if (static_cast<unsigned char>(buffer[0]) == 0xFE) continue;  // a punch
+            const auto first = static_cast<unsigned char>(buffer[0]), second = static_cast<unsigned char>(buffer[1]);
+            if (n < 4 || (first == 0xFF && second == 0xFF) || first == 0xFE) continue;  // control frames, punches
             recorder.received(buffer.data(), n, header);
         }
     }

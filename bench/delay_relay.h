@@ -192,7 +192,8 @@ private:
                     if (!d->queue.empty() && d->queue.front().due <= t) fds.push_back(pollfd{d->to, POLLOUT, 0});
                 }
             const double wait = std::max(0.0, next - now());
-            timespec timeout{static_cast<time_t>(wait), static_cast<long>((wait - static_cast<double>(static_cast<time_t>(wait))) * 1e9)};
+            const auto whole = static_cast<time_t>(wait);
+            timespec timeout{whole, static_cast<long>((wait - static_cast<double>(whole)) * 1e9)};
             if (::ppoll(fds.data(), fds.size(), &timeout, nullptr) < 0 && errno != EINTR) break;
             char drain[64];
             while (::read(wake_[0], drain, sizeof drain) > 0) {

@@ -140,9 +140,9 @@ std::unique_ptr<Process> start_nginx(const fs::path& nginx, const fs::path& dir,
     testing_support::write_file(
         dir / "nginx.conf",
         "worker_processes 1;\ndaemon off;\npid " + d + "/nginx.pid;\nerror_log " + d +
-            "/error.log;\nevents { worker_connections 512; }\nhttp {\n  client_body_temp_path " +
-            d + "/body;\n  proxy_temp_path " + d + "/proxy;\n  fastcgi_temp_path " + d + "/fastcgi;\n  uwsgi_temp_path " +
-            d + "/uwsgi;\n  scgi_temp_path " + d + "/scgi;\n" + http_block + "}\n");
+            "/error.log;\nevents { worker_connections 512; }\nhttp {\n  client_body_temp_path " + d +
+            "/body;\n  proxy_temp_path " + d + "/proxy;\n  fastcgi_temp_path " + d + "/fastcgi;\n" +
+            "  uwsgi_temp_path " + d + "/uwsgi;\n  scgi_temp_path " + d + "/scgi;\n" + http_block + "}\n");
     return std::make_unique<Process>(nginx, std::vector<std::string>{"-p", d, "-c", d + "/nginx.conf", "-e",
                                                                      d + "/error.log"},
                                      dir);
@@ -423,7 +423,8 @@ int main() {
         "  upstream standin { server 127.0.0.1:" + std::to_string(standin_port) + "; keepalive 64; }\n"
         "  server {\n    listen 127.0.0.1:" + std::to_string(tls_port) + " ssl;\n"
         "    ssl_certificate " + d + "/server.pem;\n    ssl_certificate_key " + d + "/server.key;\n"
-        "    ssl_protocols TLSv1.2 TLSv1.3;\n    ssl_session_cache shared:road:1m;\n    keepalive_timeout 300s;\n    keepalive_requests 100000;\n"
+        "    ssl_protocols TLSv1.2 TLSv1.3;\n    ssl_session_cache shared:road:1m;\n"
+        "    keepalive_timeout 300s;\n    keepalive_requests 100000;\n"
         "    location / { proxy_pass http://standin; proxy_http_version 1.1; proxy_set_header Connection \"\"; }\n"
         "  }\n");
     if (!bench::wait_listening(tls_port, 10)) {
@@ -523,8 +524,9 @@ int main() {
                      "    after the service closed the connection %6.1f ms, %d round trips [%s]\n"
                      "    burst 1 %6.1f ms, %d new connection(s) [%s]; burst 2 %6.1f ms, %d new connection(s) [%s]\n",
                      p->name.c_str(), ms(p->first), p->first_trips, p->first_served.c_str(), ms(p->warm),
-                     ms(p->after_close), p->after_close_trips, p->after_close_served.c_str(), ms(p->burst1), p->burst1_connections, p->burst1_served.c_str(),
-                     ms(p->burst2), p->burst2_connections, p->burst2_served.c_str());
+                     ms(p->after_close), p->after_close_trips, p->after_close_served.c_str(), ms(p->burst1),
+                     p->burst1_connections, p->burst1_served.c_str(), ms(p->burst2), p->burst2_connections,
+                     p->burst2_served.c_str());
     char text[96];
     std::snprintf(text, sizeof text, "<= 1.1 RTT + 2 ms = %.1f ms", ms(1.1 * rtt + 0.002));
     line("warm game call", ours.warm, "nginx", theirs.warm, 1.1 * rtt + 0.002, text);
@@ -606,8 +608,9 @@ int main() {
                      path.c_str(), list.size(), full, resumed);
     }
     // Beside the idle bench's figures on plain HTTP: what TLS adds, the CA store above all.
-    std::fprintf(stderr, "  the bridge: private memory %.2f MiB (target <= 4 MiB with one game in a room: %s), CPU %.2f%% "
-                         "of a core (target <= 0.5%%: %s)\n",
+    std::fprintf(stderr,
+                 "  the bridge: private memory %.2f MiB (target <= 4 MiB with one game in a room: %s), "
+                 "CPU %.2f%% of a core (target <= 0.5%%: %s)\n",
                  memory.mib(), memory.mib() <= 4.0 ? "met" : "NOT met", cpu_share * 100,
                  cpu_share <= 0.005 ? "met" : "NOT met");
 
