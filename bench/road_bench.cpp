@@ -354,12 +354,15 @@ struct CommandRow {
     std::vector<Served> served;
 };
 
+// The verdict counts round trips as the terminator saw them (a call each, and two more for each
+// new connection: TCP and TLS 1.3), which load on this machine cannot move; the time, in round
+// trips of the network, is beside it.
 void command_line(const CommandRow& row, double rtt) {
-    const double trips = row.seconds / rtt;
-    const bool met = static_cast<int>(trips + 0.5) <= row.design_calls;
-    std::fprintf(stderr, "%-30s %7.1f ms = %4.1f round trips  (design: %d call(s) = %d)   %-40s %s\n",
-                 row.name.c_str(), ms(row.seconds), trips, row.design_calls, row.design_calls,
-                 describe(row.served).c_str(), met ? "met" : "NOT met");
+    int trips = static_cast<int>(row.served.size());
+    for (const auto& s : row.served) trips += s.number_on_connection == 1 ? 2 : 0;
+    std::fprintf(stderr, "%-30s %7.1f ms = %4.1f RTT   %d round trip(s), design: %d   %-40s %s\n", row.name.c_str(),
+                 ms(row.seconds), row.seconds / rtt, trips, row.design_calls, describe(row.served).c_str(),
+                 trips <= row.design_calls ? "met" : "NOT met");
     std::fflush(stderr);
 }
 
