@@ -5,6 +5,8 @@
 #     program, README.txt, the example configuration and the licences, and its program runs
 #     --version under Wine;
 #   - the .exe imports only DLLs that every Windows has (no libstdc++/libgcc/winpthread DLL);
+#   - each .exe carries its version resource (product name, the version that --version prints)
+#     and the icon;
 #   - the .deb declares its dependencies, installs with apt-get install ./file.deb, and puts a
 #     sarnlink-cli that runs --version on the PATH (removed again afterwards if it was not
 #     installed before);
@@ -47,7 +49,7 @@ trap cleanup EXIT
 top="$work/Spiele für Duskhallow/sarnlink-$version-windows-x64"
 mkdir -p "$top"
 (cd "$top" && cmake -E tar xf "$zip")
-for f in sarnlink-cli.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
+for f in sarnlink-cli.exe sarnlink-check.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
          licenses/mingw-w64-runtime-and-winpthreads.txt licenses/gcc-runtime-libstdc++-libgcc.txt \
          licenses/GPL-3.txt; do
   [ -s "$top/$f" ] || fail "the zip has no $f"
@@ -70,6 +72,18 @@ for exe in "$top"/*.exe; do
     case " $system_dlls " in *" $dll "*) ;; *) fail "$name needs $dll, which is not part of Windows" ;; esac
   done
   ok "$name imports only system DLLs: $(echo $imports)"
+done
+
+# What Explorer's Properties show, read back from the file.
+resource_value() { sed -n "s/^ *VALUE \"$2\", \"\(.*\)\"\$/\1/p" <<<"$1"; }
+for exe in "$top"/*.exe; do
+  name=$(basename "$exe")
+  resources=$(x86_64-w64-mingw32-windres -i "$exe" -O rc 2>&1) || true
+  product=$(resource_value "$resources" ProductName)
+  product_version=$(resource_value "$resources" ProductVersion)
+  if [ "$product $product_version" = "$expected" ]; then ok "$name says it is $product $product_version"
+  else fail "$name's version resource says '$product $product_version', not '$expected'"; fi
+  grep -q "RT_GROUP_ICON" <<<"$resources" || fail "$name has no icon"
 done
 
 # --- Linux: the .deb as apt installs it.

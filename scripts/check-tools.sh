@@ -17,6 +17,7 @@ tools=(
   "g++                            g++"
   "x86_64-w64-mingw32-g++-posix   g++-mingw-w64-x86-64-posix"
   "x86_64-w64-mingw32-objdump     binutils-mingw-w64-x86-64"
+  "x86_64-w64-mingw32-windres     binutils-mingw-w64-x86-64"
   "wine                           wine"
   "wineserver                     wine"
   "wineboot                       wine"
