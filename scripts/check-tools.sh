@@ -24,6 +24,7 @@ tools=(
   "clang++                        clang"
   "curl                           curl"
   "openssl                        openssl"
+  "osslsigncode                   osslsigncode"
   "python3                        python3"
   "turnserver                     coturn"
   "ip                             iproute2"
