@@ -5,6 +5,10 @@
 #     program, README.txt, the example configuration and the licences, and its program runs
 #     --version under Wine;
 #   - the .exe imports only DLLs that every Windows has (no libstdc++/libgcc/winpthread DLL);
+#   - each .exe carries its version resource (product name, the version that --version prints)
+#     and the icon; its signature verifies when the release was signed, and a copy of the zip
+#     signed by scripts/sign-zip.sh with a throwaway self-signed certificate, made here, verifies
+#     and still runs;
 #   - the .deb declares its dependencies, installs with apt-get install ./file.deb, and puts a
 #     sarnlink-cli that runs --version on the PATH (removed again afterwards if it was not
 #     installed before);
@@ -47,7 +51,7 @@ trap cleanup EXIT
 top="$work/Spiele für Duskhallow/sarnlink-$version-windows-x64"
 mkdir -p "$top"
 (cd "$top" && cmake -E tar xf "$zip")
-for f in sarnlink-cli.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
+for f in sarnlink-cli.exe sarnlink-check.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
          licenses/mingw-w64-runtime-and-winpthreads.txt licenses/gcc-runtime-libstdc++-libgcc.txt \
          licenses/GPL-3.txt; do
   [ -s "$top/$f" ] || fail "the zip has no $f"
@@ -71,6 +75,55 @@ for exe in "$top"/*.exe; do
   done
   ok "$name imports only system DLLs: $(echo $imports)"
 done
+
+# What Explorer's Properties show, read back from the file.
+resource_value() { sed -n "s/^ *VALUE \"$2\", \"\(.*\)\"\$/\1/p" <<<"$1"; }
+for exe in "$top"/*.exe; do
+  name=$(basename "$exe")
+  resources=$(x86_64-w64-mingw32-windres -i "$exe" -O rc 2>&1) || true
+  product=$(resource_value "$resources" ProductName)
+  product_version=$(resource_value "$resources" ProductVersion)
+  if [ "$product $product_version" = "$expected" ]; then ok "$name says it is $product $product_version"
+  else fail "$name's version resource says '$product $product_version', not '$expected'"; fi
+  grep -q "RT_GROUP_ICON" <<<"$resources" || fail "$name has no icon"
+done
+
+# Signed only when release.sh was given a certificate; then the signature must verify, against
+# the system's roots or, for a certificate of one's own, against SARNLINK_SIGN_CERT.
+verifies() {
+  osslsigncode verify -in "$1" >"$work/verify.log" 2>&1 ||
+    { [ -n "${SARNLINK_SIGN_CERT:-}" ] &&
+      osslsigncode verify -CAfile "$SARNLINK_SIGN_CERT" -in "$1" >"$work/verify.log" 2>&1; }
+}
+for exe in "$top"/*.exe; do
+  name=$(basename "$exe")
+  if ! osslsigncode extract-signature -in "$exe" -out "$work/signature.der" >/dev/null 2>&1; then
+    echo "check-packages: note: $name is unsigned (release.sh was given no certificate)"
+  elif verifies "$exe"; then ok "$name is signed and its signature verifies"
+  else fail "$name's signature does not verify:"; cat "$work/verify.log"; fi
+  rm -f "$work/signature.der"
+done
+
+# The signing step itself, with a certificate that exists only for this check.
+mkdir "$work/sign"
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=sarnlink throwaway test signer" \
+  -keyout "$work/sign/key.pem" -out "$work/sign/cert.pem" >/dev/null 2>&1
+cp "$zip" "$work/sign/copy.zip"
+if SARNLINK_SIGN_CERT="$work/sign/cert.pem" SARNLINK_SIGN_KEY="$work/sign/key.pem" \
+     scripts/sign-zip.sh "$work/sign/copy.zip" >"$work/sign/log" 2>&1; then
+  mkdir "$work/sign/tree"
+  (cd "$work/sign/tree" && cmake -E tar xf ../copy.zip)
+  for exe in "$work/sign/tree"/*.exe; do
+    name=$(basename "$exe")
+    if osslsigncode verify -CAfile "$work/sign/cert.pem" -in "$exe" >"$work/verify.log" 2>&1; then
+      ok "$name signed by sign-zip.sh with a throwaway certificate verifies"
+    else fail "$name signed with a throwaway certificate does not verify:"; cat "$work/verify.log"; fi
+  done
+  said=$(cd "$work/sign/tree" && WINEDEBUG=-all timeout 300 wine ./sarnlink-cli.exe --version 2>/dev/null | tr -d '\r') || true
+  [ "$said" = "$expected" ] || fail "the signed sarnlink-cli.exe --version said '$said', not '$expected'"
+else
+  fail "sign-zip.sh failed:"; cat "$work/sign/log"
+fi
 
 # --- Linux: the .deb as apt installs it.
 depends=$(dpkg-deb -f "$deb" Depends)

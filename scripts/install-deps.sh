@@ -23,6 +23,7 @@ packages=(
   libclang-rt-dev
   curl
   openssl
+  osslsigncode
   python3
   coturn
   iproute2

@@ -6,9 +6,23 @@
 #   sarnlink-<version>-linux-x86_64.tar.gz the same files as the .deb, to unpack anywhere
 # Installs what is missing first, like the other scripts. scripts/check-packages.sh then checks
 # the packages as a player gets them (test-all runs both).
+#
+# The Windows programs in the zip are signed when SARNLINK_SIGN_CERT and SARNLINK_SIGN_KEY name
+# a code-signing certificate and its key (scripts/sign-zip.sh tells the rest); without them the
+# release is built unsigned, and says so.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
+
+if [ -n "${SARNLINK_SIGN_CERT:-}" ] && [ -n "${SARNLINK_SIGN_KEY:-}" ]; then
+  signed=1
+elif [ -n "${SARNLINK_SIGN_CERT:-}${SARNLINK_SIGN_KEY:-}" ]; then
+  echo "release: SARNLINK_SIGN_CERT and SARNLINK_SIGN_KEY go together; only one of them is set"
+  exit 1
+else
+  signed=0
+  echo "release: no certificate given (SARNLINK_SIGN_CERT, SARNLINK_SIGN_KEY): the Windows programs will be unsigned"
+fi
 
 jobs=$(nproc)
 out=build/packages
@@ -30,6 +44,14 @@ for preset in windows-release linux-release; do
     -exec cp {} "$out/" \;
 done
 
+if [ "$signed" = 1 ]; then
+  echo "== release: signing the Windows programs with $SARNLINK_SIGN_CERT"
+  scripts/sign-zip.sh "$out"/*-windows-x64.zip
+fi
+
 (cd "$out" && sha256sum -- *.zip *.deb *.tar.gz > SHA256SUMS)
 echo "== release: packages in $out"
 (cd "$out" && ls -l -- *.zip *.deb *.tar.gz SHA256SUMS)
+if [ "$signed" = 0 ]; then
+  echo "release: unsigned: the .exe files in the zip carry no signature, so Windows SmartScreen will warn players"
+fi

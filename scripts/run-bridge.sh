@@ -9,14 +9,17 @@
 # sarnlink-cli (e.g. scripts/run-bridge.sh --config sarnlink_config.json); Ctrl-C stops it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/progress.sh
 scripts/install-deps.sh
-cmake --preset linux-release >/dev/null
+echo "== building (a first build takes a few minutes; a line per step)"
+with_progress 20 configure cmake --preset linux-release
 bin=build/linux-release
 if [ $# -gt 0 ]; then
-  cmake --build --preset linux-release --target sarnlink-cli -j 2
+  with_progress 20 build cmake --build --preset linux-release --target sarnlink-cli -j 2
   exec "$bin/sarnlink-cli" "$@"
 fi
-cmake --build --preset linux-release --target sarnlink-cli ember_standin sim_player -j 2 >/dev/null
+with_progress 20 build cmake --build --preset linux-release --target sarnlink-cli ember_standin sim_player -j 2
+echo "== running the demo"
 
 work=$(mktemp -d)
 pids=()

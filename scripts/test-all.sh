@@ -3,9 +3,11 @@
 # the Linux suite natively, the Windows suite under Wine, the Linux suite again under
 # AddressSanitizer with UndefinedBehaviorSanitizer and under ThreadSanitizer, a short run
 # of every fuzz target, and last the release packages, built and checked as a player gets them.
-# Each stage prints how long it took, and a table of all of them closes the run.
+# Each stage prints how long it took, and a table of all of them closes the run; a stage that is
+# quiet for a while says every 50 s that it is still at work.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/progress.sh
 scripts/install-deps.sh
 
 stage_names=()
@@ -27,7 +29,7 @@ stage() {
   cpu_started=$(cpu_seconds)
   shift 2
   echo "== $name (at $SECONDS s)"
-  "$@" || rc=$?
+  with_progress 50 "$name" "$@" || rc=$?
   stage_names+=("$name")
   stage_seconds+=($((SECONDS - started)))
   stage_cpu+=($(($(cpu_seconds) - cpu_started)))

@@ -1,19 +1,67 @@
 #include <atomic>
 
+#include "accounts/state_file.h"
 #include "bridge/bridge.h"
 #include "shell/commands.h"
 #include "shell/log.h"
 #include "shell/platform.h"
+#include "shell/util.h"
 #include "shell/version.h"
 
 namespace zq {
 
 namespace {
+
 std::atomic<bool> stop_requested{false};
+
+// A path as the player finds it in Explorer or a shell, whatever folder the start came from.
+std::string full_path_text(const std::filesystem::path& path) {
+    std::error_code failed;
+    std::filesystem::path full = std::filesystem::absolute(path, failed);
+    return path_utf8((failed ? path : full).lexically_normal());
 }
 
-int run_bridge(const Config& config) {
+// Which files this run uses, so that a start from a shortcut or another folder is no mystery.
+// Only reads: the state file stays exactly as it is.
+void log_files_in_use(const Config& config, const std::filesystem::path& config_file, bool config_read) {
+    std::error_code ignored;
+    const std::string settings = full_path_text(config_file);
+    if (config_read)
+        log_line("config: " + settings);
+    else if (std::filesystem::exists(config_file, ignored))
+        log_line("config: " + settings + " cannot be read; the defaults apply");
+    else
+        log_line("config: " + settings + " not found; the defaults apply");
+
+    const std::filesystem::path state = state_path(config.state_file);
+    const std::string accounts = full_path_text(state);
+    std::string text;
+    if (!std::filesystem::exists(state, ignored)) {
+        log_line("accounts: " + accounts + " does not exist yet; it is created with the first account");
+        return;
+    }
+    if (!read_whole_file(state, text)) {
+        log_line("accounts: " + accounts + " cannot be read");
+        return;
+    }
+    const nlohmann::json doc = parse_state_text(text);
+    if (!doc.is_object()) {
+        log_line("accounts: " + accounts + " is damaged (not a JSON object); put your backup copy in its place");
+        return;
+    }
+    auto found = doc.find("accounts");
+    std::size_t count = found != doc.end() && found->is_object() ? found->size() : 0;
+    if (count == 0)
+        log_line("accounts: " + accounts + " holds no account yet");
+    else
+        log_line("accounts: " + accounts + " holds " + std::to_string(count) + (count == 1 ? " account" : " accounts"));
+}
+
+}  // namespace
+
+int run_bridge(const Config& config, const std::filesystem::path& config_file, bool config_read) {
     log_line(format_text("sarnlink %s (cli)", kVersion));
+    log_files_in_use(config, config_file, config_read);
     Bridge bridge(config);
     std::string error;
     if (!bridge.start(&error)) return 1;

@@ -101,7 +101,8 @@ int run_cli(const std::vector<std::wstring>& args) {
     };
     Config config;
     std::string message;
-    if (!load_config_file(wide_path(o.config_path), config_name, config, message)) {
+    bool config_read = false;
+    if (!load_config_file(wide_path(o.config_path), config_name, config, message, &config_read)) {
         std::printf("%s\n", message.c_str());
         std::fflush(stdout);
         return 1;
@@ -112,7 +113,7 @@ int run_cli(const std::vector<std::wstring>& args) {
     if (!o.account_op.empty()) return run_account_command(config, o.account_op, o.account_name, o.account_code);
     if (!o.web_code_id.empty()) return run_web_code(config, o.web_code_id);
     if (std::string problem; !settle_bridge_config(config, problem)) return refuse(problem);
-    return run_bridge(config);
+    return run_bridge(config, wide_path(o.config_path), config_read);
 }
 
 }  // namespace zq

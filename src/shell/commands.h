@@ -2,14 +2,16 @@
 // What the entry function can run. Each subsystem defines its own command; the entry
 // function only chooses among them. Every one returns the process exit code.
 
+#include <filesystem>
 #include <string>
 
 #include "shell/config.h"
 
 namespace zq {
 
-// Runs the bridge until a console stop event.
-int run_bridge(const Config& config);
+// Runs the bridge until a console stop event. config_file is the settings file as named on the
+// command line, and config_read whether it was there to read; the start names both.
+int run_bridge(const Config& config, const std::filesystem::path& config_file, bool config_read);
 
 // --link-discord
 int run_link_discord(const Config& config);

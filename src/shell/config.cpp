@@ -81,9 +81,10 @@ bool config_from_json(const nlohmann::json& doc, Config& config, std::string& pr
 }
 
 bool load_config_file(const std::filesystem::path& path, const std::string& name, Config& config,
-                      std::string& message) {
+                      std::string& message, bool* opened) {
     nlohmann::json doc;  // null: every key takes its default
     std::ifstream in(path, std::ios::binary);
+    if (opened) *opened = static_cast<bool>(in);
     if (in) {
         std::stringstream text;
         text << in.rdbuf();

@@ -42,9 +42,10 @@ struct Config {
 bool config_from_json(const nlohmann::json& doc, Config& config, std::string& problem);
 
 // Reads the configuration file at path; a missing file means every default. False with the
-// line to show the user in message ("config <name> ..."), name being the path as given.
+// line to show the user in message ("config <name> ..."), name being the path as given. When
+// opened is given, it tells whether a file was there to read.
 bool load_config_file(const std::filesystem::path& path, const std::string& name, Config& config,
-                      std::string& message);
+                      std::string& message, bool* opened = nullptr);
 
 // The settings that only a running bridge uses, checked before it starts: bind_host becomes
 // dotted IPv4 text (a name is resolved), and stun_server must be "off", a host, or a host and

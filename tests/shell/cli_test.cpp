@@ -4,6 +4,7 @@
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/fake_service.h"
+#include "support/host.h"
 #include "support/prelude.h"
 #include "support/process.h"
 
@@ -77,4 +78,41 @@ TEST(Cli, NonAsciiConfigLogAndStatePaths) {
     auto r = run_process(cli_path(), {"--config", config}, dir.path());
     EXPECT_EQ(r.exit_code, 1);
     EXPECT_EQ(r.output, "config " + config + " is not valid JSON\n");
+}
+
+// A start that fails in a console window of its own (a double-click) keeps the window open until
+// Enter, so that the reason can be read; from cmd (a shared console) it ends at once. Where a
+// terminal outlives its program (POSIX) it never waits.
+TEST(Cli, AFailedStartAloneInItsWindowWaitsForEnter) {
+    TempDir dir;
+    FakeService holder;
+    ASSERT_TRUE(holder.start());
+    write_file(dir.path() / "sarnlink_config.json",
+               zq::format_text(R"({"tcp_port": %d, "udp_port": 0, "webapi_port": 0, "p2p_gateway": 0,
+                                   "game_proxy_routes": {}})",
+                               holder.port()));
+    const std::string failure = zq::format_text("cannot listen on tcp 127.0.0.1:%d", holder.port());
+    const std::string prompt = "Press Enter to close this window.\n";
+
+    auto from_cmd = run_process(cli_path(), {}, dir.path(), {{"SARNLINK_TEST_CONSOLE_PROCESSES", "2"}}, 20.0);
+    EXPECT_EQ(from_cmd.exit_code, 1);
+    EXPECT_NE(from_cmd.output.find(failure), std::string::npos) << from_cmd.output;
+    EXPECT_EQ(from_cmd.output.find(prompt), std::string::npos) << from_cmd.output;
+    EXPECT_NE(from_cmd.output.find("accounts: " + zq::path_utf8(dir.path() / "sarnlink_state.json") +
+                                   " does not exist yet; it is created with the first account\n"),
+              std::string::npos)
+        << from_cmd.output;
+
+    Process alone(cli_path(), {}, dir.path(), {{"SARNLINK_TEST_CONSOLE_PROCESSES", "1"}});
+    if (!windows_build()) {
+        EXPECT_EQ(alone.wait(20.0), 1);
+        EXPECT_EQ(alone.output().find(prompt), std::string::npos) << alone.output();
+        return;
+    }
+    ASSERT_TRUE(alone.wait_for_output(prompt)) << alone.output();
+    const std::string shown = alone.output();
+    EXPECT_LT(shown.find(failure), shown.find(prompt)) << shown;
+    EXPECT_TRUE(alone.running());
+    alone.send_input("\n");
+    EXPECT_EQ(alone.wait(20.0), 1);
 }

@@ -23,6 +23,10 @@ constexpr bool sanitizer_build() {
 // Where file modes and the per-process file handle limit exist (POSIX, not Windows).
 bool posix_files();
 
+// The Windows build, on Windows or under Wine: a console window there closes with the program
+// that owns it.
+bool windows_build();
+
 // Takes every file handle of this process but `spare`, lowering its limit first, for tests of
 // what a server does when accept finds none; false where there is no such limit.
 // give_back_file_handles() undoes it.

@@ -14,6 +14,8 @@ bool running_under_wine() { return false; }
 
 bool posix_files() { return true; }
 
+bool windows_build() { return false; }
+
 namespace {
 rlimit saved_limit{};
 std::vector<int> taken_handles;

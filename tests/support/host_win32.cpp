@@ -12,6 +12,8 @@ bool running_under_wine() {
 
 bool posix_files() { return false; }
 
+bool windows_build() { return true; }
+
 bool take_file_handles(int) { return false; }
 void give_back_file_handles() {}
 

@@ -34,6 +34,10 @@ public:
     bool wait_for_output(const std::string& text, double seconds = 30.0) const;
     // Sends the console stop event (Ctrl-Break on Windows, SIGINT on POSIX).
     void interrupt();
+    // Writes to the child's standard input, a pipe that stays open while the child runs.
+    void send_input(const std::string& text);
+    // Whether the child is still there, without waiting or reaping it.
+    bool running() const;
     // Waits for the end; kills the child after the deadline and returns -1.
     int wait(double seconds = 30.0);
     // The system's id of the child, for looking at it from outside (/proc on Linux).

@@ -18,6 +18,7 @@ std::filesystem::path cli_path() { return SARNLINK_CLI_PATH; }
 struct Process::Impl {
     pid_t pid = -1;
     int out_fd = -1;
+    int in_fd = -1;
     mutable std::mutex output_lock;
     std::string output;
     std::thread reader;
@@ -28,8 +29,13 @@ struct Process::Impl {
 Process::Process(const std::filesystem::path& program, const std::vector<std::string>& args,
                  const std::filesystem::path& working_dir, const std::map<std::string, std::string>& env)
     : impl_(std::make_unique<Impl>()) {
-    int pipe_fds[2];
+    int pipe_fds[2], in_fds[2];
     if (pipe2(pipe_fds, O_CLOEXEC) != 0) return;
+    if (pipe2(in_fds, O_CLOEXEC) != 0) {
+        close(pipe_fds[0]);
+        close(pipe_fds[1]);
+        return;
+    }
     std::vector<std::string> argv_text{program.string()};
     argv_text.insert(argv_text.end(), args.begin(), args.end());
     std::map<std::string, std::string> environment;
@@ -49,6 +55,7 @@ Process::Process(const std::filesystem::path& program, const std::vector<std::st
 
     pid_t pid = fork();
     if (pid == 0) {
+        dup2(in_fds[0], 0);
         dup2(pipe_fds[1], 1);
         dup2(pipe_fds[1], 2);
         if (!working_dir.empty() && chdir(working_dir.c_str()) != 0) _exit(126);
@@ -56,8 +63,10 @@ Process::Process(const std::filesystem::path& program, const std::vector<std::st
         _exit(127);
     }
     close(pipe_fds[1]);
+    close(in_fds[0]);
     impl_->pid = pid;
     impl_->out_fd = pipe_fds[0];
+    impl_->in_fd = in_fds[1];
     impl_->reader = std::thread([impl = impl_.get()] {
         char buffer[4096];
         for (;;) {
@@ -76,6 +85,7 @@ Process::~Process() {
     }
     if (impl_->reader.joinable()) impl_->reader.join();
     if (impl_->out_fd >= 0) close(impl_->out_fd);
+    if (impl_->in_fd >= 0) close(impl_->in_fd);
 }
 
 long Process::id() const { return impl_->pid; }
@@ -87,6 +97,21 @@ std::string Process::output() const {
 
 void Process::interrupt() {
     if (impl_->pid > 0 && !impl_->reaped) kill(impl_->pid, SIGINT);
+}
+
+void Process::send_input(const std::string& text) {
+    if (impl_->in_fd < 0) return;
+    // A child that has ended reads nothing; its closed pipe must not end the test program.
+    std::signal(SIGPIPE, SIG_IGN);
+    ssize_t written = ::write(impl_->in_fd, text.data(), text.size());
+    (void)written;
+}
+
+bool Process::running() const {
+    if (impl_->pid <= 0 || impl_->reaped) return false;
+    // WNOWAIT leaves an ended child for wait() to reap.
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(impl_->pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 int Process::wait(double seconds) {

@@ -20,6 +20,7 @@ std::filesystem::path cli_path() {
 struct Process::Impl {
     PROCESS_INFORMATION info{};
     HANDLE out_read = nullptr;
+    HANDLE in_write = nullptr;
     mutable std::mutex output_lock;
     std::string output;
     std::thread reader;
@@ -59,6 +60,12 @@ Process::Process(const std::filesystem::path& program, const std::vector<std::st
     HANDLE out_write = nullptr;
     if (!CreatePipe(&impl_->out_read, &out_write, &sa, 0)) return;
     SetHandleInformation(impl_->out_read, HANDLE_FLAG_INHERIT, 0);
+    HANDLE in_read = nullptr;
+    if (!CreatePipe(&in_read, &impl_->in_write, &sa, 0)) {
+        CloseHandle(out_write);
+        return;
+    }
+    SetHandleInformation(impl_->in_write, HANDLE_FLAG_INHERIT, 0);
 
     std::wstring command = quote_arg(program.wstring());
     for (const auto& a : args) command += L" " + quote_arg(zq::utf8_to_wide(a));
@@ -80,7 +87,7 @@ Process::Process(const std::filesystem::path& program, const std::vector<std::st
     STARTUPINFOW si{};
     si.cb = sizeof si;
     si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    si.hStdInput = in_read;
     si.hStdOutput = out_write;
     si.hStdError = out_write;
     std::wstring dir = working_dir.wstring();
@@ -88,6 +95,7 @@ Process::Process(const std::filesystem::path& program, const std::vector<std::st
                              CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT, env_block.data(),
                              dir.empty() ? nullptr : dir.c_str(), &si, &impl_->info);
     CloseHandle(out_write);
+    CloseHandle(in_read);
     if (!ok) {
         impl_->reaped = true;
         return;
@@ -109,6 +117,7 @@ Process::~Process() {
     }
     if (impl_->reader.joinable()) impl_->reader.join();
     if (impl_->out_read) CloseHandle(impl_->out_read);
+    if (impl_->in_write) CloseHandle(impl_->in_write);
     if (impl_->info.hProcess) CloseHandle(impl_->info.hProcess);
     if (impl_->info.hThread) CloseHandle(impl_->info.hThread);
 }
@@ -124,6 +133,15 @@ std::string Process::output() const {
 }
 
 long Process::id() const { return static_cast<long>(impl_->info.dwProcessId); }
+
+void Process::send_input(const std::string& text) {
+    DWORD written = 0;
+    if (impl_->in_write) WriteFile(impl_->in_write, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+bool Process::running() const {
+    return impl_->info.hProcess && !impl_->reaped && WaitForSingleObject(impl_->info.hProcess, 0) == WAIT_TIMEOUT;
+}
 
 void Process::interrupt() {
     if (impl_->info.hProcess && !impl_->reaped) GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, impl_->info.dwProcessId);
