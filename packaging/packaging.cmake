@@ -4,7 +4,9 @@
 #   Linux:   a .deb (sarnlink-cli in /usr/bin, its dependencies declared from the libraries it
 #            links) and a .tar.gz of the same tree.
 
-set(SARNLINK_PACKAGE_CONTACT "sarnlink developers" CACHE STRING "Maintainer named in the .deb")
+# The .deb's maintainer; a release for players adds the address (scripts/release.sh takes it
+# from SARNLINK_MAINTAINER_EMAIL).
+set(SARNLINK_PACKAGE_CONTACT "The sarnlink authors" CACHE STRING "Maintainer named in the .deb")
 
 # The players' guide lives once, in README.md, between two markers; README.txt is cut from it.
 file(READ ${CMAKE_SOURCE_DIR}/README.md readme_text)
@@ -57,6 +59,8 @@ endif()
 install(FILES ${CMAKE_BINARY_DIR}/packaging/README.txt
   ${CMAKE_SOURCE_DIR}/packaging/sarnlink_config.example.json
   DESTINATION ${doc_dir})
+# sarnlink's own licence, beside the guide.
+install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${doc_dir} RENAME LICENSE.txt)
 
 set(CPACK_PACKAGE_NAME sarnlink)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})

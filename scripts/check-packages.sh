@@ -51,7 +51,7 @@ trap cleanup EXIT
 top="$work/Spiele für Duskhallow/sarnlink-$version-windows-x64"
 mkdir -p "$top"
 (cd "$top" && cmake -E tar xf "$zip")
-for f in sarnlink-cli.exe sarnlink-check.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
+for f in sarnlink-cli.exe sarnlink-check.exe README.txt LICENSE.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
          licenses/mingw-w64-runtime-and-winpthreads.txt licenses/gcc-runtime-libstdc++-libgcc.txt \
          licenses/GPL-3.txt; do
   [ -s "$top/$f" ] || fail "the zip has no $f"
@@ -132,6 +132,9 @@ for need in libc6 libcurl4 libssl3 libstdc++6; do
 done
 contents=$(dpkg-deb -c "$deb")
 grep -q '\./usr/bin/sarnlink-cli$' <<<"$contents" || fail "the .deb does not install /usr/bin/sarnlink-cli"
+grep -q '\./usr/share/doc/sarnlink/LICENSE.txt$' <<<"$contents" || fail "the .deb does not carry sarnlink's licence"
+maintainer=$(dpkg-deb -f "$deb" Maintainer)
+[[ "$maintainer" == "The sarnlink authors"* ]] || fail "the .deb's maintainer is '$maintainer'"
 if dpkg-query -W -f='${Status}' sarnlink 2>/dev/null | grep -q 'install ok installed'; then
   echo "check-packages: note: a sarnlink package was installed before; it is replaced and left installed"
 else

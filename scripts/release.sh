@@ -33,9 +33,17 @@ if grep -q '\.example"' src/shell/deployment.h; then
   echo "release: note: src/shell/deployment.h still names placeholder hosts (.example); these packages cannot reach a real service"
 fi
 
+# The .deb names its maintainer with an address that is given at release time.
+contact="The sarnlink authors"
+if [ -n "${SARNLINK_MAINTAINER_EMAIL:-}" ]; then
+  contact="$contact <$SARNLINK_MAINTAINER_EMAIL>"
+else
+  echo "release: note: no SARNLINK_MAINTAINER_EMAIL given; the .deb names its maintainer without an address"
+fi
+
 for preset in windows-release linux-release; do
   echo "== release: $preset"
-  cmake --preset "$preset" >/dev/null
+  cmake --preset "$preset" -DSARNLINK_PACKAGE_CONTACT="$contact" >/dev/null
   # Only the programs a player gets: the install step does not ask for more.
   cmake --build --preset "$preset" --target player-programs -j "$jobs"
   rm -rf "build/$preset/packages"
