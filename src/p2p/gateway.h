@@ -72,6 +72,7 @@ public:
         Endpoint port_sees;              // 127.0.0.1 and that socket's port
         bool peer_heard = false;
         double created = 0.0;
+        double last_keepalive = 0.0;  // steady_seconds of the last keepalive punch
         // Counted by the data path once per batch without the mutex; read with it or without.
         std::atomic<std::uint64_t> to_peer{0};
         std::atomic<std::uint64_t> to_port{0};
@@ -104,6 +105,12 @@ public:
     double punch_window = 20.0;
     double hello_interval = 1.0;
     double hello_window = 30.0;
+    // A heard link whose peer has been silent this long gets one punch this often, so that a
+    // router that forgets idle mappings keeps the path open through a pause. 0: never.
+    double keepalive_interval = 15.0;
+    // A heard peer is followed to another port of its host only once it has been silent this
+    // long where it was: while it speaks there, nobody else at its host can take the link.
+    double rebind_silence = 2.0;
     double stun_refresh = 15.0;  // overwritten by the owner before start
     std::int32_t port = 0;       // asked for; start replaces it with the port bound
     const std::optional<Endpoint> stun_server;
@@ -147,9 +154,11 @@ private:
     void report_thread();
 
     void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
-    // Expects the mutex held. With proving (the datagram is a punch), learns a peer's new port
-    // when exactly one link has its host and that link has not heard its peer yet.
-    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool proving);
+    // Expects the mutex held. Finds the link of a sender that is not its endpoint or LAN address:
+    // an address that the link knew before, or a new port of the one link at the sender's host.
+    // Before the peer is heard only a punch teaches a new port; after, the peer must have been
+    // silent for rebind_silence. Never at the relay's host, which every relayed peer shares.
+    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool punch);
 
     void refresh_stun();
     void on_stun_answer(std::string_view datagram);

@@ -54,6 +54,8 @@ void Gateway::on_stun_answer(std::string_view datagram) {
             log_line("p2p: relay off");
             relay.reset();
             routes_changed_locked();
+            // Links that lived on the relay are due for keepalives now.
+            timer_signal.notify_all();
         }
         Endpoint seen{answer->mapped_host, answer->mapped_port};
         if (!mapped || *mapped != seen) {
