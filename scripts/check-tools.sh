@@ -27,6 +27,8 @@ tools=(
   "turnserver                     coturn"
   "ip                             iproute2"
   "nft                            nftables"
+  "miniupnpd                      miniupnpd-nftables"
+  "conntrack                      conntrack"
   "dpkg-shlibdeps                 dpkg-dev"
   "file                           file"
   "chromium                       chromium"
