@@ -9,7 +9,9 @@ namespace zq::p2p {
 std::string default_router_ipv4() {
     // Columns: Iface Destination Gateway Flags RefCnt Use Metric Mask ..., addresses in hex as
     // the kernel keeps them (network order read as a little-endian number).
-    std::ifstream routes("/proc/net/route");
+    // The calling thread's own network namespace, which /proc/net (the process's) need not be.
+    std::ifstream routes("/proc/thread-self/net/route");
+    if (!routes) routes.open("/proc/net/route");
     std::string line;
     std::getline(routes, line);
     std::string best;
