@@ -29,7 +29,6 @@ packages=(
   iproute2
   nftables
   miniupnpd-nftables
-  conntrack
   dpkg-dev
   file
   chromium
