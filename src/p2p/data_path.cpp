@@ -142,13 +142,14 @@ void Gateway::send_to_port(const std::shared_ptr<Link>& link, const std::string&
     send_to(s, frame.data(), static_cast<int>(frame.size()), to_sockaddr(*to));
 }
 
-std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, bool punch) {
+std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, bool punch, bool frame) {
     const double now = steady_seconds();
     // A heard peer that still speaks where it is keeps its link: whoever else sends from its
     // host (another player behind the same NAT, or a port the NAT handed to someone else) is
     // not it.
     auto may_move = [&](const Link& link) {
-        return link.peer_heard ? now - link.last_heard.load(std::memory_order_relaxed) >= rebind_silence : punch;
+        if (!link.peer_heard) return punch;
+        return (punch || frame) && now - link.last_heard.load(std::memory_order_relaxed) >= rebind_silence;
     };
     auto move = [&](Link& link) {
         if (link.peer_heard)
@@ -281,8 +282,12 @@ void Gateway::peer_thread() {
                 // What was converted so far leaves first: the copy of the routes is about to be
                 // replaced, and with it the references that keep those sockets open.
                 flush();
+                // Only our own framing proves a peer at another address; anything else is dropped
+                // below all the same.
+                std::string unused;
+                const bool frame = !punch && peer_frame_to_port(datagram, unused);
                 std::lock_guard<std::mutex> guard(mutex);
-                std::shared_ptr<Link> link = find_link_from(from_sockaddr(sender), punch);
+                std::shared_ptr<Link> link = find_link_from(from_sockaddr(sender), punch, frame);
                 if (!link) continue;  // nothing from strangers reaches the port
                 routes_changed_locked();
                 copy_routes_locked(routes);

@@ -179,9 +179,10 @@ private:
     void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
     // Expects the mutex held. Finds the link of a sender that is not its endpoint or LAN address:
     // an address that the link knew before, or a new port of the one link at the sender's host.
-    // Before the peer is heard only a punch teaches a new port; after, the peer must have been
-    // silent for rebind_silence. Never at the relay's host, which every relayed peer shares.
-    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool punch);
+    // Before the peer is heard only a punch teaches a new port; after, a punch or a well-formed
+    // data frame (frame) does, once the peer has been silent for rebind_silence. Never at the
+    // relay's host, which every relayed peer shares.
+    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool punch, bool frame);
 
     void refresh_stun();
     void on_stun_answer(std::string_view datagram);

@@ -151,7 +151,7 @@ TEST_F(OneGateway, PunchesStopOnceThePeerIsHeard) {
 // rebind_silence; until then nothing from it reaches the port.
 TEST_F(OneGateway, APeerIsFollowedToAnotherPortOnlyOnceSilentWhereHeWas) {
     ASSERT_TRUE(g.start(nullptr));
-    FakePort first, second, third;
+    FakePort first, second, third, fourth;
     Endpoint bob = add(2, "bob", first.address());
     from(third, peer_frame("data is no proof"));
     from(second, std::string(zq::p2p::kPunch));
@@ -166,8 +166,10 @@ TEST_F(OneGateway, APeerIsFollowedToAnotherPortOnlyOnceSilentWhereHeWas) {
     from(second, peer_frame("still second"));
     EXPECT_TRUE(next_is(port, port_frame("still second")));
 
-    // The NAT has moved him to the third port for good.
+    // The NAT has moved him to the third port for good; a fourth that sends what is no frame of
+    // ours proves nothing.
     ASSERT_TRUE(wait_until([&] {
+        from(fourth, "\x01\x02"s);
         from(third, peer_frame("third"));
         auto d = port.receive_data(0.1);
         return d && d->bytes == port_frame("third");
@@ -175,6 +177,7 @@ TEST_F(OneGateway, APeerIsFollowedToAnotherPortOnlyOnceSilentWhereHeWas) {
     EXPECT_GE(zq::steady_seconds() - last_at_second, g.rebind_silence);
     EXPECT_TRUE(log.contains("p2p: member 2 (bob) moved from " + second.address().text() + " to " +
                              third.address().text()));
+    EXPECT_FALSE(log.contains(fourth.address().text()));
     port.send(bob, 1, 1, "to third");
     EXPECT_TRUE(next_is(third, peer_frame("to third")));
 }
