@@ -58,6 +58,16 @@ struct LinkInfo {
     bool on_relay = false;      // the peer's address lies on the relay
 };
 
+// The router's port mapping, as the gateway holds it.
+struct PortMappingInfo {
+    MappingProtocol protocol = MappingProtocol::Pcp;
+    Endpoint external;
+    std::uint32_t lifetime = 0;  // seconds granted; 0: until deleted
+    double granted = 0.0;        // steady_seconds of the last grant or renewal
+    bool used = false;           // it is the public address that we report
+    std::string unused_because;  // why not, when it is not
+};
+
 class Gateway {
 public:
     // One remote member. Every field is guarded by the gateway's mutex.
@@ -154,15 +164,7 @@ public:
     std::vector<LinkInfo> links_snapshot() const;
 
     // The router's port mapping as last granted.
-    struct MappingInfo {
-        MappingProtocol protocol = MappingProtocol::Pcp;
-        Endpoint external;
-        std::uint32_t lifetime = 0;  // seconds granted; 0: until deleted
-        double granted = 0.0;        // steady_seconds of the last grant or renewal
-        bool used = false;           // it is the public address that we report
-        std::string unused_because;  // why not, when it is not
-    };
-    std::optional<MappingInfo> port_mapping_info() const;
+    std::optional<PortMappingInfo> port_mapping_info() const;
 
     // The data path's own copy of what it needs of the links and the relay (data_path.cpp).
     struct Route;
@@ -212,7 +214,7 @@ private:
     mutable std::mutex mutex;
     std::map<std::int32_t, std::shared_ptr<Link>> links;
     std::optional<Endpoint> mapped;
-    std::optional<MappingInfo> mapping;
+    std::optional<PortMappingInfo> mapping;
     std::optional<Endpoint> reported;  // the public address last handed to the owner
     std::optional<Relay> relay;
     std::string stun_transaction;  // cookie and transaction id of the last request, or empty

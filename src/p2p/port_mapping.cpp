@@ -55,7 +55,7 @@ void Gateway::set_port_mapping(const std::optional<PortMappingGrant>& grant) {
     if (changed) tell_owner(*changed);
 }
 
-std::optional<Gateway::MappingInfo> Gateway::port_mapping_info() const {
+std::optional<PortMappingInfo> Gateway::port_mapping_info() const {
     std::lock_guard<std::mutex> guard(mutex);
     return mapping;
 }

@@ -123,7 +123,7 @@ Json status_snapshot(Bridge& bridge, double now) {
     Json peers = Json::array();
     if (p2p::Gateway* g = bridge.gateway.get()) {
         std::optional<Endpoint> mapped = g->mapped_address();
-        std::optional<p2p::Gateway::MappingInfo> mapping = g->port_mapping_info();
+        std::optional<p2p::PortMappingInfo> mapping = g->port_mapping_info();
         Json mapping_json = nullptr;
         if (mapping)
             mapping_json = Json{{"protocol", p2p::protocol_name(mapping->protocol)},
