@@ -21,6 +21,11 @@ using zq::Endpoint;
 using zq::p2p::Gateway;
 using zq::p2p::MappingProtocol;
 
+namespace zq::p2p {
+// Test names and messages show the protocol by name.
+void PrintTo(MappingProtocol protocol, std::ostream* out) { *out << protocol_name(protocol); }
+}  // namespace zq::p2p
+
 namespace {
 
 constexpr const char* kRuleset = R"(table inet filter {
@@ -186,7 +191,7 @@ TEST_P(RouterMapping, MapsRenewsMapsAgainAfterARestartAndReleases) {
 INSTANTIATE_TEST_SUITE_P(EachProtocolAlone, RouterMapping,
                          ::testing::Values(MappingProtocol::Pcp, MappingProtocol::NatPmp, MappingProtocol::Upnp),
                          [](const auto& info) {
-                             return std::string(info.param == MappingProtocol::Pcp      ? "Pcp"
-                                                : info.param == MappingProtocol::NatPmp ? "NatPmp"
-                                                                                        : "Upnp");
+                             std::string name = zq::p2p::protocol_name(info.param);
+                             std::erase(name, '-');
+                             return name;
                          });
