@@ -1,5 +1,7 @@
 #include "p2p/port_mapper.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
