@@ -29,6 +29,7 @@ tools=(
   "turnserver                     coturn"
   "ip                             iproute2"
   "nft                            nftables"
+  "miniupnpd                      miniupnpd-nftables"
   "dpkg-shlibdeps                 dpkg-dev"
   "file                           file"
   "chromium                       chromium"

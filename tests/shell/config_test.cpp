@@ -22,6 +22,8 @@ TEST(Config, DefaultsForAnythingButAnObject) {
             << text;
         EXPECT_EQ(c.bind_host, "127.0.0.1") << text;
         EXPECT_TRUE(c.p2p_gateway) << text;
+        EXPECT_TRUE(c.port_mapping) << text;
+        EXPECT_EQ(c.p2p_keepalive, 15.0) << text;
         ASSERT_EQ(c.game_proxy_routes.size(), 2u) << text;
         EXPECT_EQ(c.game_proxy_routes.begin()->first, 31316) << text;
         EXPECT_EQ(c.state_file, "sarnlink_state.json") << text;
@@ -35,13 +37,14 @@ TEST(Config, ToleratesWrongTypesAndRoutingKeys) {
         "tcp_port": "31400abc", "udp_port": true, "webapi_port": "abc", "p2p_port": 7.9,
         "trace": "yes", "debug_endpoints": "1", "create_accounts": 1.5, "p2p_gateway": "no",
         "poll_interval": "1", "stun_refresh": 2, "user_agent": 7, "stun_server": true,
-        "bind_host": null, "state_file": ["a"], "local_addr": -3
+        "bind_host": null, "state_file": ["a"], "local_addr": -3, "port_mapping": 0, "p2p_keepalive": 0
     })"));
     EXPECT_EQ((std::vector<int>{c.tcp_port, c.udp_port, c.webapi_port, c.p2p_port}),
               (std::vector<int>{31400, 1, 31315, 7}));
-    EXPECT_EQ((std::vector<bool>{c.trace, c.debug_endpoints, c.create_accounts, c.p2p_gateway}),
-              (std::vector<bool>{false, true, true, true}));
-    EXPECT_EQ((std::vector<double>{c.poll_interval, c.stun_refresh}), (std::vector<double>{0.4, 2.0}));
+    EXPECT_EQ((std::vector<bool>{c.trace, c.debug_endpoints, c.create_accounts, c.p2p_gateway, c.port_mapping}),
+              (std::vector<bool>{false, true, true, true, false}));
+    EXPECT_EQ((std::vector<double>{c.poll_interval, c.stun_refresh, c.p2p_keepalive}),
+              (std::vector<double>{0.4, 2.0, 0.0}));
     EXPECT_EQ((std::vector<std::string>{c.user_agent, c.stun_server, c.bind_host, c.state_file, c.local_addr}),
               (std::vector<std::string>{"7", "true", "127.0.0.1", "[\"a\"]", "-3"}));
     EXPECT_DOUBLE_EQ(config_from_json(json::parse(R"({"poll_interval": 1})")).poll_interval, 1.0);

@@ -3,6 +3,7 @@
 // routers that NAT them, and a public side. Everything a lab makes it removes again.
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,11 @@ public:
     // The arguments of `ip` that run a program inside a namespace, for Process.
     std::vector<std::string> exec_args(const std::string& name, const std::filesystem::path& program,
                                        const std::vector<std::string>& args) const;
+    // Runs fn on a thread of its own inside a namespace of the lab, and waits for it: the sockets
+    // it opens and the threads it starts live there, so an object of the program under test can
+    // be made, started and stopped inside. False (with the reason in error()) when the thread
+    // could not enter the namespace.
+    bool run_inside(const std::string& name, const std::function<void()>& fn);
     // What the first failed command said.
     const std::string& error() const { return error_; }
 
