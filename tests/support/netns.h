@@ -3,6 +3,7 @@
 // routers that NAT them, and a public side. Everything a lab makes it removes again.
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,10 @@ public:
     bool ip(const std::string& name, const std::vector<std::string>& args);
     // Runs a program inside a namespace of the lab.
     bool exec(const std::string& name, const std::string& program, const std::vector<std::string>& args);
+    // Runs the work on a thread of this process that has entered a namespace of the lab, and
+    // waits for it. Sockets and devices made there stay in that namespace when the thread ends,
+    // so a test can drive them from anywhere. False when the namespace cannot be entered.
+    bool run_inside(const std::string& name, const std::function<void()>& work);
     // The arguments of `ip` that run a program inside a namespace, for Process.
     std::vector<std::string> exec_args(const std::string& name, const std::filesystem::path& program,
                                        const std::vector<std::string>& args) const;

@@ -4,7 +4,11 @@
 #include <sstream>
 #include <string>
 
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "support/netns.h"
 #include "support/process.h"
@@ -49,6 +53,22 @@ std::string probe() {
 }
 
 }  // namespace
+
+bool NetworkLab::run_inside(const std::string& name, const std::function<void()>& work) {
+    int fd = ::open(("/run/netns/" + full_name(name)).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (error_.empty()) error_ = "cannot open namespace " + full_name(name);
+        return false;
+    }
+    bool entered = false;
+    std::thread([&] {
+        entered = ::setns(fd, CLONE_NEWNET) == 0;
+        if (entered) work();
+    }).join();
+    ::close(fd);
+    if (!entered && error_.empty()) error_ = "cannot enter namespace " + full_name(name);
+    return entered;
+}
 
 std::string network_lab_unavailable() {
     static std::once_flag once;

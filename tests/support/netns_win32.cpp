@@ -8,6 +8,8 @@ std::string network_lab_unavailable() {
     return "network namespaces, veth pairs and nftables are Linux facilities; this is the Windows build";
 }
 
+bool NetworkLab::run_inside(const std::string&, const std::function<void()>&) { return false; }
+
 namespace detail {
 unsigned lab_owner() { return static_cast<unsigned>(GetCurrentProcessId()); }
 }  // namespace detail
