@@ -27,6 +27,8 @@ tools=(
   "turnserver                     coturn"
   "ip                             iproute2"
   "nft                            nftables"
+  "conntrack                      conntrack"
+  "miniupnpd                      miniupnpd-nftables"
   "dpkg-shlibdeps                 dpkg-dev"
   "file                           file"
   "chromium                       chromium"

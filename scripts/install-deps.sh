@@ -27,6 +27,8 @@ packages=(
   coturn
   iproute2
   nftables
+  conntrack
+  miniupnpd-nftables
   dpkg-dev
   file
   chromium

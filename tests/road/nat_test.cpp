@@ -7,10 +7,13 @@
 // Each matrix row prints one "nat-matrix:" line; scripts/nat-matrix.sh makes the table of them.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "shell/net.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/host.h"
@@ -29,10 +32,10 @@ std::string network_lab_skip() {
     return network_lab_unavailable();
 }
 
-// Both players in, ashling's room made and bramwell in it, each gateway having met the other.
+// Both players in a built lab, ashling's room made and bramwell in it, each gateway having met
+// the other.
 void meet(NatLab& lab, const nlohmann::json& config_a = nlohmann::json::object(),
           const nlohmann::json& config_b = nlohmann::json::object()) {
-    ASSERT_TRUE(lab.build()) << lab.error();
     ASSERT_TRUE(lab.start_bridge(0, config_a)) << lab.error();
     ASSERT_TRUE(lab.start_bridge(1, config_b)) << lab.error();
     sim::Player* a = lab.start_player(0, kNames[0]);
@@ -141,6 +144,7 @@ protected:
 TEST_P(NatMatrix, MeetsAsItsRoutersAllow) {
     const Row& row = GetParam();
     NatLab lab({row.sites, 20, row.relay});
+    ASSERT_TRUE(lab.build()) << lab.error();
     ASSERT_NO_FATAL_FAILURE(meet(lab, row.config_a));
     std::string routes[2] = {lab.route(0, kNames[1]), lab.route(1, kNames[0])};
     for (int i = 0; i < 2; ++i)
@@ -260,6 +264,132 @@ TEST_F(NatCheck, FindsDirectPlayLikelyBehindAPortRestrictedCone) {
 TEST_F(NatCheck, FindsTheRelayLikelyNeededBehindASymmetricNat) {
     verdict(Kind::Symmetric, {"note  router: changed our port "},
             "note  router: gives every destination its own public address", "verdict: ready, relay likely needed\n");
+}
+
+class NatDays : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why = network_lab_skip();
+        if (!why.empty()) GTEST_SKIP() << why;
+    }
+};
+
+std::uint32_t arrived(sim::Player& p, const char* from) {
+    sim::Received r = p.received_from(from);
+    return r.in_order + r.out_of_order;
+}
+
+// After a 90-second pause in which the game sends nothing, ashling's game sends again; its
+// first datagram goes again every 100 ms until one is through. Returns how many of the 50 that
+// follow it were lost, or -1 when none got through within 3 s.
+int resume_after_pause(NatLab& lab, bool keepalive) {
+    meet(lab);
+    if (::testing::Test::HasFatalFailure()) return -2;
+    if (!keepalive && !lab.drop_punches()) return -2;
+    zq::sleep_ms(90 * 1000);
+    sim::Player& a = lab.player(0);
+    sim::Player& b = lab.player(1);
+    const sim::Member peer = a.peers().begin()->second;
+    const std::uint32_t before = arrived(b, kNames[0]);
+    double next_try = 0;
+    bool through = wait_until(
+        [&] {
+            if (zq::steady_seconds() >= next_try) {
+                next_try = zq::steady_seconds() + 0.1;
+                a.send_numbered(peer, 1);
+            }
+            return arrived(b, kNames[0]) > before;
+        },
+        3.0);
+    if (!through) return -1;
+    // Let any copy of the first that is still on its way land before counting.
+    zq::sleep_ms(200);
+    const std::uint32_t first = arrived(b, kNames[0]);
+    a.send_numbered(peer, 50);
+    wait_until([&] { return arrived(b, kNames[0]) >= first + 50; });
+    return static_cast<int>(first + 50 - arrived(b, kNames[0]));
+}
+
+// Routers that forget an idle mapping after 30 s, and a 90-second pause (a menu, a loading
+// screen). The gateways' keepalive holds the way open; gateways whose punches the routers
+// drop once they have met, as if they sent no keepalive, lose it. Both run side by side.
+TEST_F(NatDays, KeepaliveHoldsTheWayThroughAPause) {
+    NatLab held({{kPortRestricted, kPortRestricted}});
+    NatLab dropped({{kPortRestricted, kPortRestricted}});
+    for (NatLab* lab : {&held, &dropped}) {
+        ASSERT_TRUE(lab->build()) << lab->error();
+        ASSERT_TRUE(lab->set_udp_timeout(0, 30) && lab->set_udp_timeout(1, 30)) << lab->error();
+    }
+    int lost_without = -2;
+    std::thread control([&] { lost_without = resume_after_pause(dropped, false); });
+    int lost_with = resume_after_pause(held, true);
+    control.join();
+    EXPECT_EQ(lost_with, 0) << held.bridge(0).output() << held.bridge(1).output();
+    EXPECT_EQ(lost_without, -1) << "without keepalive the stream still got through";
+}
+
+// bramwell's router forgets its mappings mid-stream and gives his next datagrams a port from
+// another range: ashling's gateway follows him there within 3 s. Before that, a stranger
+// behind the same router sends punches and frames in bramwell's name from another port while
+// bramwell is active: none of it reaches ashling's game, and nothing is sent back to him.
+TEST_F(NatDays, FollowsARebindingPeerButNoStrangerAtItsHost) {
+    NatLab lab({{kAddressRestricted, kPortRestricted}});
+    ASSERT_TRUE(lab.build()) << lab.error();
+    ASSERT_NO_FATAL_FAILURE(meet(lab));
+    sim::Player& a = lab.player(0);
+    sim::Player& b = lab.player(1);
+    struct Stream {
+        std::atomic<bool> on{true};
+        std::thread thread;
+        ~Stream() {
+            on = false;
+            thread.join();
+        }
+    } stream;
+    stream.thread = std::thread([&] {
+        while (stream.on) {
+            a.send_numbered(a.peers().begin()->second, 2);
+            b.send_numbered(b.peers().begin()->second, 2);
+            zq::sleep_ms(20);
+        }
+    });
+    const std::string known = lab.status(0)["peers"][0].value("address", "");
+
+    zq::Socket stranger = zq::invalid_socket;
+    lab.network().run_inside(lab.home_ns(1), [&] {
+        stranger = zq::open_udp_socket();
+        zq::bind_socket(stranger, zq::to_sockaddr(zq::Endpoint{"0.0.0.0", 40001}));
+    });
+    ASSERT_NE(stranger, zq::invalid_socket);
+    const zq::SockAddr target = zq::to_sockaddr(zq::Endpoint{lab.public_address(0), 40000});
+    std::string frame = bytes({0xFF, 0xC3, 7, 9}) + sim::Player::numbered_payload(kNames[1], 1000000, 7, 9);
+    const std::string punch = bytes({0xFE, 'z', 'q', 'h', 'p', 0, 0, 0});
+    int answers = 0;
+    for (int i = 0; i < 60; ++i) {
+        zq::send_to(stranger, punch.data(), static_cast<int>(punch.size()), target);
+        zq::send_to(stranger, frame.data(), static_cast<int>(frame.size()), target);
+        std::vector<bool> ready;
+        while (zq::wait_readable({stranger}, 50, ready) > 0) {
+            char buffer[2048];
+            zq::SockAddr from;
+            if (zq::recv_from(stranger, buffer, sizeof buffer, &from) >= 0) ++answers;
+        }
+    }
+    zq::close_socket(stranger);
+    EXPECT_EQ(answers, 0);
+    EXPECT_LT(a.received_from(kNames[1]).highest, 1000000u) << "the stranger's frame reached the game";
+    EXPECT_EQ(lab.status(0)["peers"][0].value("address", ""), known);
+
+    ASSERT_TRUE(lab.rebind(1)) << lab.error();
+    const double rebound = zq::steady_seconds();
+    const std::uint32_t a_had = arrived(a, kNames[1]), b_had = arrived(b, kNames[0]);
+    bool resumed = wait_until([&] { return arrived(a, kNames[1]) > a_had + 10 && arrived(b, kNames[0]) > b_had + 10; }, 10.0);
+    const double took = zq::steady_seconds() - rebound;
+    EXPECT_TRUE(resumed) << lab.bridge(0).output();
+    EXPECT_LE(took, 3.0) << lab.bridge(0).output();
+    std::printf("nat-rebinding: delivery resumed %.1f s after the rebinding\n", took);
+    std::string now = lab.status(0)["peers"][0].value("address", "");
+    EXPECT_TRUE(now.starts_with(lab.public_address(1) + ":50")) << now;
 }
 
 }  // namespace

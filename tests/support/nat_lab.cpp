@@ -334,8 +334,8 @@ bool NatLab::rebind(int home) {
     int site = homes_.at(static_cast<std::size_t>(home)).site;
     const std::string outer = outer_of(site);
     return run(outer, "nft", {"flush", "chain", "ip", "router", "postrouting"}) &&
-           run(outer, "nft", {"add", "rule", "ip", "router", "postrouting", "oifname", "wan", "masquerade", "to",
-                              ":50000-50999"}) &&
+           run(outer, "nft", words("add rule ip router postrouting oifname wan meta l4proto udp masquerade to :50000-50999")) &&
+           run(outer, "nft", words("add rule ip router postrouting oifname wan masquerade")) &&
            flush_conntrack(home);
 }
 
