@@ -38,19 +38,20 @@ if(WIN32)
   set(license_dir licenses)
   install(TARGETS ${player_programs} RUNTIME DESTINATION .)
   # The .exe carries the MinGW-w64 runtime, winpthreads, libstdc++ and libgcc (under the GCC
-  # runtime library exception, with GPL-3 beside it), and nlohmann json.
+  # runtime library exception, with GPL-3 beside it), nlohmann json and miniupnpc.
   install(FILES
     ${CMAKE_SOURCE_DIR}/packaging/licenses/mingw-w64-runtime-and-winpthreads.txt
     ${CMAKE_SOURCE_DIR}/packaging/licenses/gcc-runtime-libstdc++-libgcc.txt
     ${CMAKE_SOURCE_DIR}/packaging/licenses/GPL-3.txt
     ${CMAKE_SOURCE_DIR}/packaging/licenses/nlohmann-json.txt
+    ${CMAKE_SOURCE_DIR}/packaging/licenses/miniupnpc.txt
     DESTINATION ${license_dir})
 else()
   include(GNUInstallDirs)
   set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/sarnlink)
   set(license_dir ${doc_dir}/licenses)
   install(TARGETS ${player_programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  # libstdc++, libcurl and OpenSSL come from the system's packages with their own notices;
+  # libstdc++, libcurl, OpenSSL and miniupnpc come from the system's packages with their own notices;
   # only nlohmann json is compiled in.
   install(FILES ${CMAKE_SOURCE_DIR}/packaging/licenses/nlohmann-json.txt DESTINATION ${license_dir})
 endif()
@@ -76,7 +77,7 @@ else()
   set(CPACK_PACKAGE_FILE_NAME sarnlink-${PROJECT_VERSION}-linux-x86_64)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SECTION games)
-  # Depends is worked out from the libraries the program links (libcurl, libcrypto, libstdc++).
+  # Depends is worked out from the libraries the program links (libcurl, libcrypto, libminiupnpc, libstdc++).
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   # The synopsis line comes from the summary above; this is the long text below it.
   set(CPACK_DEBIAN_PACKAGE_DESCRIPTION

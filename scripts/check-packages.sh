@@ -49,7 +49,7 @@ mkdir -p "$top"
 (cd "$top" && cmake -E tar xf "$zip")
 for f in sarnlink-cli.exe README.txt sarnlink_config.example.json licenses/nlohmann-json.txt \
          licenses/mingw-w64-runtime-and-winpthreads.txt licenses/gcc-runtime-libstdc++-libgcc.txt \
-         licenses/GPL-3.txt; do
+         licenses/GPL-3.txt licenses/miniupnpc.txt; do
   [ -s "$top/$f" ] || fail "the zip has no $f"
 done
 grep -q "^## Playing with sarnlink" "$top/README.txt" || fail "README.txt in the zip is not the players' guide"
@@ -74,7 +74,7 @@ done
 
 # --- Linux: the .deb as apt installs it.
 depends=$(dpkg-deb -f "$deb" Depends)
-for need in libc6 libcurl4 libssl3 libstdc++6; do
+for need in libc6 libcurl4 libssl3 libminiupnpc17 libstdc++6; do
   [[ "$depends" == *"$need"* ]] || fail "the .deb does not declare $need (Depends: $depends)"
 done
 contents=$(dpkg-deb -c "$deb")

@@ -15,6 +15,7 @@ packages=(
   libgtest-dev
   libcurl4-openssl-dev
   libssl-dev
+  libminiupnpc-dev
   g++-mingw-w64-x86-64-posix
   binutils-mingw-w64-x86-64
   wine
@@ -27,8 +28,8 @@ packages=(
   coturn
   iproute2
   nftables
-  conntrack
   miniupnpd-nftables
+  conntrack
   dpkg-dev
   file
   chromium
@@ -46,6 +47,7 @@ for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
 if [ ${#missing[@]} -eq 0 ]; then
+  "$(dirname "$0")/build-miniupnpc-mingw.sh"
   exit 0
 fi
 
@@ -56,3 +58,5 @@ export DEBIAN_FRONTEND=noninteractive
 # Another apt on the machine holds the lock for a while; wait for it rather than fail.
 $sudo apt-get -o DPkg::Lock::Timeout=300 update -q
 $sudo apt-get -o DPkg::Lock::Timeout=300 install -y -q --no-install-recommends "${missing[@]}"
+# The cross build links miniupnpc, which no package carries for MinGW-w64.
+"$(dirname "$0")/build-miniupnpc-mingw.sh"

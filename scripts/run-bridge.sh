@@ -53,7 +53,7 @@ for i in 0 1; do
   cat > "$dir/sarnlink_config.json" <<JSON
 {
   "velmar_server": "$service", "auth_server": "$service", "community_server": "$service",
-  "stun_server": "127.0.0.2:$stun_port", "local_addr": "127.0.0.1", "stun_refresh": 1,
+  "stun_server": "127.0.0.2:$stun_port", "local_addr": "127.0.0.1", "stun_refresh": 1, "port_mapping": 0,
   "tcp_port": ${ports[$((i * 3))]}, "udp_port": ${ports[$((i * 3 + 1))]}, "webapi_port": ${ports[$((i * 3 + 2))]},
   "game_proxy_routes": {}, "create_accounts": 1, "poll_interval": 0.2,
   "state_file": "$dir/sarnlink_state.json"

@@ -28,6 +28,8 @@ bool Bridge::start_gateway(std::string* error) {
     gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(), lan,
                                              [this](const Endpoint& mapped) { on_mapped_change(mapped); });
     gateway->stun_refresh = config_.stun_refresh;
+    gateway->port_mapping = config_.port_mapping;
+    gateway->keepalive_interval = config_.p2p_keepalive;
     std::string text;
     if (!gateway->start(&text)) {
         gateway.reset();

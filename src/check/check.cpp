@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -321,6 +322,36 @@ std::vector<CheckLine> check_stun(const Config& config, double wait_seconds, Rep
     return lines;
 }
 
+std::vector<CheckLine> check_port_mapping(const Config& config, Report& report) {
+    if (!config.p2p_gateway || !report.mapped) return {};
+    const std::string name = "port mapping";
+    if (!config.port_mapping) return {{name, Outcome::Note, "off in the settings (port_mapping 0)"}};
+    std::string why;
+    std::optional<Endpoint> router = p2p::home_router(why);
+    if (!router) return {{name, Outcome::Note, "no router to ask: " + why}};
+    // A port of our own, never the bridge's: releasing the probe's mapping must not take away
+    // the one that a running bridge holds.
+    Socket s = open_udp_socket();
+    if (s == invalid_socket || !bind_socket(s, to_sockaddr(Endpoint{"0.0.0.0", 0}))) {
+        close_socket(s);
+        return {{name, Outcome::Note, "no UDP socket to ask for"}};
+    }
+    const int port = bound_endpoint(s).port;
+    std::atomic<bool> never{false};
+    p2p::PortMapper mapper(*router, port, never);
+    report.port_mapping = mapper.map(120);
+    mapper.release();
+    close_socket(s);
+    if (!report.port_mapping)
+        return {{name, Outcome::Note, "the router " + router->host + " answers none of PCP, NAT-PMP and UPnP"}};
+    const std::string granted = format_text("%s forwards udp port %d to %s", p2p::protocol_name(report.port_mapping->protocol),
+                                            port, report.port_mapping->external.text().c_str());
+    const std::string because = p2p::mapping_unused_because(report.port_mapping->external, report.mapped);
+    report.port_mapping_used = because.empty();
+    if (report.port_mapping_used) return {{name, Outcome::Ok, granted + ": other players can reach this PC directly"}};
+    return {{name, Outcome::Note, granted + ", which is not used: " + because}};
+}
+
 CheckLine check_launcher(const std::filesystem::path& program_folder, const std::filesystem::path& game_dir) {
     try {
         Launcher launcher(program_folder, game_dir);
@@ -357,9 +388,10 @@ CheckLine check_state_file(const Config& config) {
             shown + " reads: " + std::to_string(count) + (count == 1 ? " account (" : " accounts (") + names + ")"};
 }
 
-Verdict decide(const std::vector<CheckLine>& lines, NatKind nat) {
+Verdict decide(const std::vector<CheckLine>& lines, NatKind nat, bool port_mapping_used) {
     for (const CheckLine& line : lines)
         if (line.outcome == Outcome::Fail) return Verdict::Blocked;
+    if (port_mapping_used) return Verdict::Direct;
     return nat == NatKind::Changes || nat == NatKind::PortChanged ? Verdict::Relay : Verdict::Direct;
 }
 
@@ -368,9 +400,10 @@ Report run_checks(const Options& options) {
     report.lines = check_ports(options.config);
     report.lines.push_back(check_service(options.config));
     for (CheckLine& line : check_stun(options.config, options.stun_wait, report)) report.lines.push_back(std::move(line));
+    for (CheckLine& line : check_port_mapping(options.config, report)) report.lines.push_back(std::move(line));
     report.lines.push_back(check_launcher(options.program_folder, options.game_dir));
     report.lines.push_back(check_state_file(options.config));
-    report.verdict = decide(report.lines, report.nat);
+    report.verdict = decide(report.lines, report.nat, report.port_mapping_used);
     return report;
 }
 
@@ -406,6 +439,11 @@ Json report_json(const Report& report) {
     return Json{{"version", kVersion},
                 {"checks", checks},
                 {"mapped", report.mapped ? Json(report.mapped->text()) : Json(nullptr)},
+                {"port_mapping", report.port_mapping
+                                     ? Json{{"protocol", p2p::protocol_name(report.port_mapping->protocol)},
+                                            {"external", report.port_mapping->external.text()},
+                                            {"used", report.port_mapping_used}}
+                                     : Json(nullptr)},
                 {"verdict", verdict_text(report.verdict)},
                 {"ready", report.verdict != Verdict::Blocked},
                 {"exit_code", exit_code(report.verdict)}};
@@ -415,7 +453,8 @@ const char* const kCheckUsage =
     "usage: sarnlink-check [--config file.json] [--orlond DIR] [--json] [--help]\n"
     "\n"
     "Checks, before playing, whether sarnlink can work on this PC: its ports, the community\n"
-    "service, what the STUN server sees of this PC, the launcher's route and the accounts file.\n"
+    "service, what the STUN server sees of this PC, the router's port mapping, the launcher's\n"
+    "route and the accounts file.\n"
     "It reads the same settings as sarnlink-cli (sarnlink_config.json) and changes nothing.\n"
     "\n"
     "  --config file.json  the settings file (default sarnlink_config.json)\n"

@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "p2p/port_mapper.h"
 #include "shell/config.h"
 #include "shell/util.h"
 
@@ -64,6 +65,8 @@ struct Report {
     std::vector<CheckLine> lines;
     NatKind nat = NatKind::Unknown;
     std::optional<Endpoint> mapped;
+    std::optional<p2p::PortMappingGrant> port_mapping;  // what the router granted the probe
+    bool port_mapping_used = false;                     // the bridge would report it
     Verdict verdict = Verdict::Blocked;
 };
 
@@ -72,11 +75,16 @@ std::vector<CheckLine> check_ports(const Config& config);
 CheckLine check_service(const Config& config);
 // The STUN line and the NAT line; fills the report's nat and mapped.
 std::vector<CheckLine> check_stun(const Config& config, double wait_seconds, Report& report);
+// The router's port mapping, asked for a port of our own and released at once; no line when
+// STUN saw nothing (a mapping is used only where STUN agrees) or the setting is off. Fills the
+// report's port_mapping.
+std::vector<CheckLine> check_port_mapping(const Config& config, Report& report);
 CheckLine check_launcher(const std::filesystem::path& program_folder, const std::filesystem::path& game_dir);
 CheckLine check_state_file(const Config& config);
 
-// Any failed line blocks; otherwise the router decides between direct play and the relay.
-Verdict decide(const std::vector<CheckLine>& lines, NatKind nat);
+// Any failed line blocks; otherwise a port mapping that the bridge would use, or else the
+// router's NAT, decides between direct play and the relay.
+Verdict decide(const std::vector<CheckLine>& lines, NatKind nat, bool port_mapping_used = false);
 
 Report run_checks(const Options& options);
 

@@ -30,8 +30,7 @@ constexpr std::size_t kHeadroom = 16;
 static_assert(kHeadroom >= kPeerHeaderGrowth + kRelayHeaderSize);
 constexpr int kBatch = 32;
 constexpr std::size_t kMaxWaitSockets = 64;
-// Addresses one link may collect by learning: a NAT that rebinds now and then stays followed,
-// and nobody can grow a link without end.
+// Addresses one link keeps from learning, so that traffic can flip back to one of them.
 constexpr std::size_t kMaxKnownAddresses = 8;
 
 // A peer that lives on the relay is known by the relay's host and the port of its allocation;
@@ -143,20 +142,34 @@ void Gateway::send_to_port(const std::shared_ptr<Link>& link, const std::string&
     send_to(s, frame.data(), static_cast<int>(frame.size()), to_sockaddr(*to));
 }
 
-std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, bool proving) {
+std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, bool punch) {
+    const double now = steady_seconds();
+    // A heard peer that still speaks where it is keeps its link: whoever else sends from its
+    // host (another player behind the same NAT, or a port the NAT handed to someone else) is
+    // not it.
+    auto may_move = [&](const Link& link) {
+        return link.peer_heard ? now - link.last_heard.load(std::memory_order_relaxed) >= rebind_silence : punch;
+    };
+    auto move = [&](Link& link) {
+        if (link.peer_heard)
+            log_limited("p2p peer moved", format_text("p2p: member %d (%s) moved from %s to %s", link.member_id,
+                                                      link.online_id.c_str(), link.endpoint.text().c_str(),
+                                                      sender.text().c_str()));
+        link.endpoint = sender;
+    };
     for (auto& [id, link] : links) {
-        bool known = link->known_addresses.count(sender) != 0;
-        if (!(sender == link->endpoint || sender == link->local_endpoint || known)) continue;
+        if (sender == link->endpoint || sender == link->local_endpoint) return link;
+        if (!link->known_addresses.count(sender)) continue;
         // Traffic follows the address that the peer used last.
-        if (sender != link->endpoint && known) link->endpoint = sender;
+        if (!may_move(*link)) return nullptr;
+        move(*link);
         return link;
     }
-    // A NAT that gave the peer a new port. Anyone behind the peer's NAT shares its host, so a
-    // new port is taken only from a punch, the datagram of the gateway's own framing, and only
-    // while nothing has come from the peer yet: after that the peer is known where it is, and
-    // a newcomer on its host would only take its traffic. It is safe to follow at all only
-    // when one link has this host.
-    if (!proving) return nullptr;
+    // A NAT that gave the peer a new port. Anyone behind the peer's NAT shares its host, so it is
+    // safe to follow at all only when one link has this host, and only with the proof above.
+    // Every peer on the relay shares its host: there only the peer's own allocation counts.
+    if ((relay && sender.host == relay->server.host) || (stun_target.usable() && sender.host == stun_target.host))
+        return nullptr;
     std::shared_ptr<Link> only;
     int count = 0;
     for (auto& [id, link] : links) {
@@ -165,12 +178,15 @@ std::shared_ptr<Gateway::Link> Gateway::find_link_from(const Endpoint& sender, b
             ++count;
         }
     }
-    if (count != 1 || only->peer_heard || only->known_addresses.size() + 2 > kMaxKnownAddresses) return nullptr;
+    if (count != 1 || !may_move(*only)) return nullptr;
+    // A NAT that rebinds now and then stays followed, and nobody can grow a link without end.
+    if (only->known_addresses.size() + 2 > kMaxKnownAddresses) only->known_addresses.clear();
     only->known_addresses.insert(only->endpoint);
     only->known_addresses.insert(sender);
-    log_limited("p2p address learned", format_text("p2p: member %d (%s) also at %s", only->member_id,
-                                                   only->online_id.c_str(), sender.text().c_str()));
-    only->endpoint = sender;
+    if (!only->peer_heard)
+        log_limited("p2p address learned", format_text("p2p: member %d (%s) also at %s", only->member_id,
+                                                       only->online_id.c_str(), sender.text().c_str()));
+    move(*only);
     return only;
 }
 
@@ -292,6 +308,9 @@ void Gateway::peer_thread() {
                 std::lock_guard<std::mutex> guard(mutex);
                 route->link->peer_heard = true;
                 route->peer_heard = true;
+                // From now on the link is kept open through silences.
+                route->link->last_heard.store(steady_seconds(), std::memory_order_relaxed);
+                timer_signal.notify_all();
             }
             route->heard = true;
             route->heard_on_lan = route->local_matchable && same_address(sender, route->local);
@@ -388,6 +407,15 @@ void Gateway::timer_thread() {
     double last_punch = 0.0, last_hello = 0.0;
     // A tenth of a second at least between passes, whatever the fields say.
     const double punch_every = std::max(punch_interval, 0.1), hello_every = std::max(hello_interval, 0.1);
+    const double keepalive_every = keepalive_interval > 0.0 ? std::max(keepalive_interval, 0.1) : 0.0;
+    // When a heard link is next due for a keepalive: its peer silent and the last one long enough ago.
+    auto keepalive_due = [&](const Link& link) {
+        return std::max(link.last_heard.load(std::memory_order_relaxed), link.last_keepalive) + keepalive_every;
+    };
+    auto wants_keepalive = [&](const Link& link) {
+        // Behind the relay our STUN refresh already keeps the one path open.
+        return keepalive_every > 0.0 && link.peer_heard && link.endpoint.usable() && !behind_relay(relay, link.endpoint);
+    };
     std::unique_lock<std::mutex> lock(mutex);
     while (!stopping) {
         const double now = steady_seconds();
@@ -403,6 +431,11 @@ void Gateway::timer_thread() {
                 if (link->endpoint.usable()) destinations.push_back(link->endpoint);
                 if (link->local_endpoint.usable()) destinations.push_back(link->local_endpoint);
             }
+        }
+        for (auto& [id, link] : links) {
+            if (!wants_keepalive(*link) || now < keepalive_due(*link)) continue;
+            link->last_keepalive = now;
+            destinations.push_back(link->endpoint);
         }
         if (now - last_hello >= hello_every) {
             last_hello = now;
@@ -424,12 +457,15 @@ void Gateway::timer_thread() {
         }
 
         // Sleep until the next pass that has something to do: punches while a link is young and
-        // its peer unheard, hellos while it is young and the port silent. add_member wakes us.
+        // its peer unheard, hellos while it is young and the port silent, a keepalive once a
+        // heard peer falls silent. add_member wakes us; a peer that speaks meanwhile only moves
+        // its keepalive on, which the next wake-up finds.
         double next = std::numeric_limits<double>::infinity();
         for (auto& [id, link] : links) {
             const double age = now - link->created;
             if (!link->peer_heard && age <= punch_window) next = std::min(next, last_punch + punch_every);
             if (!link->hello.port_answered && age <= hello_window) next = std::min(next, last_hello + hello_every);
+            if (wants_keepalive(*link)) next = std::min(next, keepalive_due(*link));
         }
         if (next == std::numeric_limits<double>::infinity()) {
             timer_signal.wait(lock);

@@ -81,12 +81,15 @@ bool Gateway::start(std::string* error) {
     threads.emplace_back([this, report_in] { report_in(); peer_thread(); });
     threads.emplace_back([this, report_in] { report_in(); port_thread(); });
     threads.emplace_back([this, report_in] { report_in(); timer_thread(); });
-    // Without a STUN server there is nothing to resolve and no address to tell.
-    const int count = stun_server ? 5 : 3;
+    // Without a STUN server there is nothing to resolve and no address to tell, nor a way to
+    // know whether a port mapping is worth telling.
+    const bool mapping_on = stun_server && port_mapping;
+    const int count = stun_server ? (mapping_on ? 6 : 5) : 3;
     if (stun_server) {
         threads.emplace_back([this, report_in] { report_in(); stun_thread(); });
         threads.emplace_back([this, report_in] { report_in(); report_thread(); });
     }
+    if (mapping_on) threads.emplace_back([this, report_in] { report_in(); mapping_thread(); });
     {
         std::unique_lock<std::mutex> guard(ready_lock);
         ready_signal.wait(guard, [&] { return started == count; });
@@ -245,7 +248,8 @@ void Gateway::retain_members(const std::set<std::string>& online_ids) {
 std::pair<Endpoint, Endpoint> Gateway::own_endpoints() const {
     std::lock_guard<std::mutex> guard(mutex);
     Endpoint lan{lan_host, port};
-    return {lan, mapped ? *mapped : lan};
+    std::optional<Endpoint> public_address = public_address_locked();
+    return {lan, public_address ? *public_address : lan};
 }
 
 std::optional<Endpoint> Gateway::port_address_of(const std::string& online_id) const {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "p2p/framing.h"
+#include "p2p/port_mapper.h"
 #include "shell/net.h"
 #include "shell/util.h"
 
@@ -72,6 +73,7 @@ public:
         Endpoint port_sees;              // 127.0.0.1 and that socket's port
         bool peer_heard = false;
         double created = 0.0;
+        double last_keepalive = 0.0;  // steady_seconds of the last keepalive punch
         // Counted by the data path once per batch without the mutex; read with it or without.
         std::atomic<std::uint64_t> to_peer{0};
         std::atomic<std::uint64_t> to_port{0};
@@ -104,8 +106,23 @@ public:
     double punch_window = 20.0;
     double hello_interval = 1.0;
     double hello_window = 30.0;
+    // A heard link whose peer has been silent this long gets one punch this often, so that a
+    // router that forgets idle mappings keeps the path open through a pause. 0: never.
+    double keepalive_interval = 15.0;
+    // A heard peer is followed to another port of its host only once it has been silent this
+    // long where it was: while it speaks there, nobody else at its host can take the link.
+    double rebind_silence = 2.0;
     double stun_refresh = 15.0;  // overwritten by the owner before start
     std::int32_t port = 0;       // asked for; start replaces it with the port bound
+    // Port mapping on the home router, turned on by the owner before start. It runs only with a
+    // STUN server: what STUN sees of us decides whether a mapping is worth reporting.
+    bool port_mapping = false;
+    std::uint32_t mapping_lifetime = 7200;  // asked for; renewed at half of what is granted
+    double mapping_check = 60.0;            // between checks that the router still holds it
+    std::vector<MappingProtocol> mapping_protocols{MappingProtocol::Pcp, MappingProtocol::NatPmp,
+                                                   MappingProtocol::Upnp};
+    // Whom to ask: empty, the default gateway when it has a private address, at kPortMappingServerPort.
+    std::optional<Endpoint> mapping_router;
     const std::optional<Endpoint> stun_server;
     const std::string lan_host;
     const std::function<void(const Endpoint&)> on_mapped_change;
@@ -128,12 +145,24 @@ public:
     void remove_all_members();
     void retain_members(const std::set<std::string>& online_ids);
 
-    // (LAN endpoint, public endpoint); the public one is the mapped address once known.
+    // (LAN endpoint, public endpoint); the public one is the port mapping's address while it is
+    // used, otherwise the mapped address once known.
     std::pair<Endpoint, Endpoint> own_endpoints() const;
     std::optional<Endpoint> port_address_of(const std::string& online_id) const;
     std::optional<Endpoint> mapped_address() const;
     std::int32_t relay_port() const;
     std::vector<LinkInfo> links_snapshot() const;
+
+    // The router's port mapping as last granted.
+    struct MappingInfo {
+        MappingProtocol protocol = MappingProtocol::Pcp;
+        Endpoint external;
+        std::uint32_t lifetime = 0;  // seconds granted; 0: until deleted
+        double granted = 0.0;        // steady_seconds of the last grant or renewal
+        bool used = false;           // it is the public address that we report
+        std::string unused_because;  // why not, when it is not
+    };
+    std::optional<MappingInfo> port_mapping_info() const;
 
     // The data path's own copy of what it needs of the links and the relay (data_path.cpp).
     struct Route;
@@ -145,14 +174,26 @@ private:
     void timer_thread();
     void stun_thread();
     void report_thread();
+    void mapping_thread();
 
     void send_to_port(const std::shared_ptr<Link>& link, const std::string& frame);
-    // Expects the mutex held. With proving (the datagram is a punch), learns a peer's new port
-    // when exactly one link has its host and that link has not heard its peer yet.
-    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool proving);
+    // Expects the mutex held. Finds the link of a sender that is not its endpoint or LAN address:
+    // an address that the link knew before, or a new port of the one link at the sender's host.
+    // Before the peer is heard only a punch teaches a new port; after, the peer must have been
+    // silent for rebind_silence. Never at the relay's host, which every relayed peer shares.
+    std::shared_ptr<Link> find_link_from(const Endpoint& sender, bool punch);
 
     void refresh_stun();
     void on_stun_answer(std::string_view datagram);
+
+    // What we report as our public address: a used port mapping, otherwise what STUN sees.
+    std::optional<Endpoint> public_address_locked() const;
+    // Settles whether the mapping is used; returns the new public address when it moved since
+    // it was last told to the owner, who is then to be told (tell_owner, mutex released).
+    std::optional<Endpoint> settle_public_address_locked();
+    void tell_owner(const Endpoint& address);
+    // The mapping thread's share: a new grant, or none.
+    void set_port_mapping(const std::optional<PortMappingGrant>& grant);
 
     // Each data path thread keeps a copy of the links and the relay, taken anew under the
     // mutex whenever routes_version has moved, so that a datagram costs no lock. Whatever
@@ -170,6 +211,8 @@ private:
     mutable std::mutex mutex;
     std::map<std::int32_t, std::shared_ptr<Link>> links;
     std::optional<Endpoint> mapped;
+    std::optional<MappingInfo> mapping;
+    std::optional<Endpoint> reported;  // the public address last handed to the owner
     std::optional<Relay> relay;
     std::string stun_transaction;  // cookie and transaction id of the last request, or empty
     Endpoint stun_target;          // resolved address of the last request
@@ -177,9 +220,9 @@ private:
     // timer_thread sleeps on it, with the mutex, until a pass is due or the links change.
     std::condition_variable timer_signal;
 
-    // New public addresses for report_thread to hand to on_mapped_change, in order. stun_thread
-    // and report_thread sleep on stun_signal with stun_lock, which is never held together with
-    // the mutex.
+    // New public addresses for report_thread to hand to on_mapped_change, in order. stun_thread,
+    // report_thread and mapping_thread sleep on stun_signal with stun_lock, which is never held
+    // together with the mutex.
     std::mutex stun_lock;
     std::condition_variable stun_signal;
     std::deque<Endpoint> mapped_changes;

@@ -54,20 +54,27 @@ void Gateway::on_stun_answer(std::string_view datagram) {
             log_line("p2p: relay off");
             relay.reset();
             routes_changed_locked();
+            // Links that lived on the relay are due for keepalives now.
+            timer_signal.notify_all();
         }
         Endpoint seen{answer->mapped_host, answer->mapped_port};
         if (!mapped || *mapped != seen) {
             log_line("p2p: STUN sees us as " + seen.text());
             mapped = seen;
-            changed = seen;
         }
+        // While a port mapping is used, its address stands whatever port STUN sees.
+        changed = settle_public_address_locked();
     }
-    if (!changed || !on_mapped_change) return;
+    if (changed) tell_owner(*changed);
+}
+
+void Gateway::tell_owner(const Endpoint& address) {
+    if (!on_mapped_change) return;
     std::lock_guard<std::mutex> guard(stun_lock);
     // Every change is told, in order. Only a server that moves our address faster than the
     // owner can take it in would fill this; then the oldest untold ones give way.
     if (mapped_changes.size() == kMaxMappedChanges) mapped_changes.pop_front();
-    mapped_changes.push_back(*changed);
+    mapped_changes.push_back(address);
     stun_signal.notify_all();
 }
 

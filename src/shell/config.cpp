@@ -54,6 +54,8 @@ bool config_from_json(const nlohmann::json& doc, Config& config, std::string& pr
     c.debug_endpoints = read_flag(doc, "debug_endpoints", false);
     c.create_accounts = read_flag(doc, "create_accounts", false);
     read_number(doc, "stun_refresh", c.stun_refresh);
+    c.port_mapping = read_flag(doc, "port_mapping", true);
+    read_number(doc, "p2p_keepalive", c.p2p_keepalive);
     if (json_has(doc, "game_proxy_routes") && doc.at("game_proxy_routes").is_object()) {
         // A hand-edited routing table with a hole in it is worse than not starting, so unlike
         // every other key a bad entry is not forgiven.

@@ -29,6 +29,8 @@ struct Config {
     bool debug_endpoints = false;
     bool create_accounts = false;
     double stun_refresh = 15.0;
+    bool port_mapping = true;      // ask the home router to forward p2p_port (PCP, NAT-PMP, UPnP)
+    double p2p_keepalive = 15.0;   // seconds of a peer's silence between keepalive punches; 0 none
     std::map<std::int32_t, std::string> game_proxy_routes;
     std::string user_agent;
 

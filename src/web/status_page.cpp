@@ -75,10 +75,13 @@ Json session_json(Session& session) {
     return row;
 }
 
-const char* route_of(const p2p::LinkInfo& link) {
+// A direct route while our router forwards our port for us owes it to that mapping as much as
+// to punching.
+const char* route_of(const p2p::LinkInfo& link, bool port_mapped) {
     if (link.on_relay) return "relay";
     if (!link.peer_heard) return "not heard yet";
-    return link.heard_on_lan ? "LAN" : "direct";
+    if (link.heard_on_lan) return "LAN";
+    return port_mapped ? "direct (port mapping)" : "direct";
 }
 
 http::ServerResponse with_page_headers(http::ServerResponse response) {
@@ -120,14 +123,25 @@ Json status_snapshot(Bridge& bridge, double now) {
     Json peers = Json::array();
     if (p2p::Gateway* g = bridge.gateway.get()) {
         std::optional<Endpoint> mapped = g->mapped_address();
+        std::optional<p2p::Gateway::MappingInfo> mapping = g->port_mapping_info();
+        Json mapping_json = nullptr;
+        if (mapping)
+            mapping_json = Json{{"protocol", p2p::protocol_name(mapping->protocol)},
+                                {"external", mapping->external.text()},
+                                {"lifetime", mapping->lifetime},
+                                {"granted_ago", now - mapping->granted},
+                                {"used", mapping->used},
+                                {"unused_because", mapping->unused_because}};
+        const bool port_mapped = mapping && mapping->used;
         gateway = Json{{"port", g->port},
                        {"lan", g->own_endpoints().first.text()},
                        {"mapped", mapped ? Json(mapped->text()) : Json(nullptr)},
-                       {"relay_port", g->relay_port()}};
+                       {"relay_port", g->relay_port()},
+                       {"port_mapping", mapping_json}};
         for (const p2p::LinkInfo& link : g->links_snapshot())
             peers.push_back(Json{{"member_id", link.member_id},
                                  {"name", link.online_id},
-                                 {"route", route_of(link)},
+                                 {"route", route_of(link, port_mapped)},
                                  {"address", endpoint_text(link.endpoint)},
                                  {"lan_address", endpoint_text(link.local_endpoint)},
                                  {"to_peer", link.to_peer},

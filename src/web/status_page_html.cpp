@@ -130,6 +130,10 @@ function render(s) {
     own.push(["player traffic", "udp " + s.gateway.port + " (LAN " + s.gateway.lan + ")"]);
     own.push(["seen from outside", s.gateway.mapped || "not known yet"]);
     own.push(["relay port", s.gateway.relay_port ? String(s.gateway.relay_port) : "relay off"]);
+    const pm = s.gateway.port_mapping;
+    own.push(["port mapping", !pm ? "none" :
+      pm.protocol + " " + pm.external + (pm.lifetime ? " for " + pm.lifetime + " s" : ", permanent") +
+      (pm.used ? "" : " (not used: " + pm.unused_because + ")")]);
   } else {
     own.push(["player traffic", "gateway off"]);
   }

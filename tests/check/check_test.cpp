@@ -92,6 +92,8 @@ TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {
     EXPECT_NE(lines[0].text.find(" sees us as 198.51.100.7:4444 "), std::string::npos) << lines[0].text;
     EXPECT_EQ(report.nat, zq::check::NatKind::PortChanged);
     EXPECT_EQ(zq::check::decide(lines, report.nat), Verdict::Relay);
+    // Unless the router forwards a port for us, at the address that STUN sees.
+    EXPECT_EQ(zq::check::decide(lines, report.nat, true), Verdict::Direct);
 
     // Nobody answers: UDP looks blocked, and so is play.
     zq::check::Report silent;

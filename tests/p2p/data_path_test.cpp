@@ -1,5 +1,6 @@
 #include "p2p/framing.h"
 #include "p2p/gateway.h"
+#include "p2p/stun.h"
 #include "support/fake_port.h"
 #include "support/log_capture.h"
 #include "support/prelude.h"
@@ -90,6 +91,37 @@ TEST(DataPath, TwoGatewaysCarryFramesBothWaysDirectlyOrThroughTheRelay) {
     }
 }
 
+// Every peer on the relay shares its host, so a punch relayed from another allocation is not
+// taken for a relayed peer that has not been heard yet, nor is anything sent after it.
+TEST(DataPath, APunchFromAnotherAllocationOnTheRelayIsNotTakenForAPeer) {
+    LogCapture log;
+    StunRelayServer relay;
+    FakePort port_a, port_b, mallory;
+    Gateway a(0, relay.address(), "127.0.0.1", nullptr), b(0, relay.address(), "127.0.0.1", nullptr);
+    a.stun_refresh = b.stun_refresh = 0.2;
+    ASSERT_TRUE(a.start(nullptr));
+    ASSERT_TRUE(b.start(nullptr));
+    ASSERT_TRUE(wait_until([&] { return a.relay_port() != 0 && b.relay_port() != 0; }, 10.0));
+    const Endpoint bob_on_relay{"127.0.0.1", b.relay_port()};
+    Endpoint bob_for_a = a.add_member(2, "bob", bob_on_relay, {}, "alice", 1, 7, port_a.address());
+
+    // Mallory takes an allocation of her own and sends through it.
+    const std::string request = zq::p2p::binding_request(*zq::p2p::random_transaction_id(), "");
+    mallory.send_raw(relay.address(), request);
+    auto reply = mallory.receive();
+    ASSERT_TRUE(reply);
+    auto grant = zq::p2p::parse_binding_answer(reply->bytes, request.substr(4, 16));
+    ASSERT_TRUE(grant && grant->relay);
+    for (const std::string& bytes : {std::string(zq::p2p::kPunch), peer_frame("mallory")})
+        mallory.send_raw(relay.address(), zq::p2p::relay_frame_to_server(grant->relay_token, a.relay_port(), bytes));
+
+    Endpoint alice_for_b = b.add_member(1, "alice", {"127.0.0.1", a.relay_port()}, {}, "bob", 2, 7, port_b.address());
+    port_b.send(alice_for_b, 1, 1, "bob");
+    EXPECT_TRUE(next_is(port_a, port_frame("bob"), bob_for_a));
+    EXPECT_EQ(a.links_snapshot().at(0).endpoint, bob_on_relay);
+    EXPECT_FALSE(log.contains("also at"));
+}
+
 TEST_F(OneGateway, PunchesStopOnceThePeerIsHeard) {
     g.punch_interval = 0.1;
     ASSERT_TRUE(g.start(nullptr));
@@ -113,24 +145,64 @@ TEST_F(OneGateway, PunchesStopOnceThePeerIsHeard) {
     EXPECT_LE(late, 1);
 }
 
-// A peer whose NAT gave him a new port is followed once his punch comes from it, and followed
-// back to a port known before.
-TEST_F(OneGateway, APeerAtANewPortOfItsHostIsLearnedFromItsPunch) {
+// A peer whose NAT gave him a new port is followed once his punch comes from it. Once he is heard,
+// another port of his host (a known one or a new one) takes the link only after he has been
+// silent where he was for rebind_silence; until then nothing from it reaches the port.
+TEST_F(OneGateway, APeerIsFollowedToAnotherPortOnlyOnceSilentWhereHeWas) {
     ASSERT_TRUE(g.start(nullptr));
-    FakePort first, second;
+    FakePort first, second, third;
     Endpoint bob = add(2, "bob", first.address());
     from(second, std::string(zq::p2p::kPunch));
     from(second, peer_frame("via second"));
     EXPECT_TRUE(next_is(port, port_frame("via second")));
     EXPECT_TRUE(log.contains("p2p: member 2 (bob) also at " + second.address().text()));
-    port.send(bob, 1, 1, "to second");
-    EXPECT_TRUE(next_is(second, peer_frame("to second")));
 
-    from(first, peer_frame("via first"));
-    EXPECT_TRUE(next_is(port, port_frame("via first")));
-    port.send(bob, 1, 1, "to first");
-    EXPECT_TRUE(next_is(first, peer_frame("to first")));
-    EXPECT_EQ(log.count_containing("p2p: member 2 (bob) also at"), 1);
+    from(first, peer_frame("first too early"));
+    from(third, std::string(zq::p2p::kPunch));
+    from(third, peer_frame("third too early"));
+    const double last_at_second = zq::steady_seconds();
+    from(second, peer_frame("still second"));
+    EXPECT_TRUE(next_is(port, port_frame("still second")));
+
+    // The NAT has moved him to the third port for good.
+    ASSERT_TRUE(wait_until([&] {
+        from(third, peer_frame("third"));
+        auto d = port.receive_data(0.1);
+        return d && d->bytes == port_frame("third");
+    }, 10.0));
+    EXPECT_GE(zq::steady_seconds() - last_at_second, g.rebind_silence);
+    EXPECT_TRUE(log.contains("p2p: member 2 (bob) moved from " + second.address().text() + " to " +
+                             third.address().text()));
+    port.send(bob, 1, 1, "to third");
+    EXPECT_TRUE(next_is(third, peer_frame("to third")));
+}
+
+// A heard peer that falls silent gets a punch every keepalive_interval, and none while he speaks.
+TEST_F(OneGateway, ASilentPeerGetsAKeepalivePunchEveryInterval) {
+    g.keepalive_interval = 0.5;
+    ASSERT_TRUE(g.start(nullptr));
+    FakePort peer;
+    add(2, "bob", peer.address());
+    from(peer, std::string(zq::p2p::kPunch));
+    int punches = 0;
+    auto drain = [&](double seconds) {
+        while (auto d = peer.receive(seconds)) punches += zq::p2p::is_punch(d->bytes);
+    };
+    drain(0.3);  // the opening punches, before ours was seen
+    punches = 0;
+    double silent_since = 0.0;
+    for (double until = zq::steady_seconds() + 1.5; zq::steady_seconds() < until;) {
+        silent_since = zq::steady_seconds();
+        from(peer, peer_frame("speaking"));
+        drain(0.05);
+    }
+    EXPECT_EQ(punches, 0);
+
+    ASSERT_TRUE(wait_until([&] {
+        drain(0.05);
+        return punches >= 3;
+    }, 10.0));
+    EXPECT_GE(zq::steady_seconds() - silent_since, 3 * g.keepalive_interval - 0.01);
 }
 
 // Others behind the peer's NAT share its host. Their data is not taken for the peer's, before

@@ -41,13 +41,14 @@ public:
     bool ip(const std::string& name, const std::vector<std::string>& args);
     // Runs a program inside a namespace of the lab.
     bool exec(const std::string& name, const std::string& program, const std::vector<std::string>& args);
-    // Runs the work on a thread of this process that has entered a namespace of the lab, and
-    // waits for it. Sockets and devices made there stay in that namespace when the thread ends,
-    // so a test can drive them from anywhere. False when the namespace cannot be entered.
-    bool run_inside(const std::string& name, const std::function<void()>& work);
     // The arguments of `ip` that run a program inside a namespace, for Process.
     std::vector<std::string> exec_args(const std::string& name, const std::filesystem::path& program,
                                        const std::vector<std::string>& args) const;
+    // Runs fn on a thread of its own inside a namespace of the lab, and waits for it: the sockets
+    // it opens and the threads it starts live there, so an object of the program under test can
+    // be made, started and stopped inside. False (with the reason in error()) when the thread
+    // could not enter the namespace.
+    bool run_inside(const std::string& name, const std::function<void()>& fn);
     // What the first failed command said.
     const std::string& error() const { return error_; }
 

@@ -8,6 +8,8 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "support/netns.h"
@@ -54,20 +56,24 @@ std::string probe() {
 
 }  // namespace
 
-bool NetworkLab::run_inside(const std::string& name, const std::function<void()>& work) {
-    int fd = ::open(("/run/netns/" + full_name(name)).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        if (error_.empty()) error_ = "cannot open namespace " + full_name(name);
-        return false;
-    }
-    bool entered = false;
-    std::thread([&] {
-        entered = ::setns(fd, CLONE_NEWNET) == 0;
-        if (entered) work();
-    }).join();
-    ::close(fd);
-    if (!entered && error_.empty()) error_ = "cannot enter namespace " + full_name(name);
-    return entered;
+bool NetworkLab::run_inside(const std::string& name, const std::function<void()>& fn) {
+    std::string failure;
+    // A namespace is a property of a thread; threads that this one starts inherit it.
+    std::thread inside([&] {
+        const std::string path = "/run/netns/" + full_name(name);
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || ::setns(fd, CLONE_NEWNET) != 0) {
+            failure = "cannot enter " + path + ": " + std::strerror(errno);
+            if (fd >= 0) ::close(fd);
+            return;
+        }
+        ::close(fd);
+        fn();
+    });
+    inside.join();
+    if (failure.empty()) return true;
+    if (error_.empty()) error_ = failure;
+    return false;
 }
 
 std::string network_lab_unavailable() {

@@ -99,6 +99,7 @@ TEST(StatusPage, ShowsEachPeersRouteCountsAndWhenItWasLastHeard) {
     EXPECT_EQ(s["gateway"]["port"], g.port);
     EXPECT_TRUE(s["gateway"]["mapped"].is_null());
     EXPECT_EQ(s["gateway"]["relay_port"], 0);
+    EXPECT_TRUE(s["gateway"]["port_mapping"].is_null());
     ASSERT_EQ(s["peers"].size(), 1u);
     EXPECT_EQ(s["peers"][0]["name"], "bramwell");
     EXPECT_EQ(s["peers"][0]["route"], "not heard yet");
