@@ -272,6 +272,11 @@ bool NatLab::start_bridge(int home, const nlohmann::json& extra) {
     if (!bridge->wait_for_output("p2p: relay on, our port on it is") ||
         !bridge->wait_for_output("p2p: STUN sees us as " + public_address(home) + ":"))
         return fail("bridge " + home_ns(home) + ": " + bridge->output());
+    // What the bridge reports of itself when it joins a room must already be the mapping.
+    const SiteSpec& site = spec_.sites[static_cast<std::size_t>(homes_.at(static_cast<std::size_t>(home)).site)];
+    if (site.kind == RouterKind::PortMapping && config.value("port_mapping", 1) != 0 &&
+        !bridge->wait_for_output("p2p: port mapping by "))
+        return fail("bridge " + home_ns(home) + " got no port mapping: " + bridge->output());
     return true;
 }
 
@@ -364,14 +369,6 @@ long NatLab::lab_drops() {
         total += std::atol(listed.output.c_str() + at + 8);
     }
     return total;
-}
-
-// The 8-byte punch: FE and the letters zqhp.
-bool NatLab::drop_punches() {
-    for (int s = 0; s < static_cast<int>(spec_.sites.size()); ++s)
-        if (!run(router_of(s), "nft", words("add rule ip lab forward meta l4proto udp @th,64,40 0xfe7a716870 drop")))
-            return false;
-    return true;
 }
 
 int NatLab::stop_standin() {

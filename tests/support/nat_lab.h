@@ -93,8 +93,6 @@ public:
     bool set_loss(int percent);
     // Game datagrams that set_loss dropped so far, over all routers.
     long lab_drops();
-    // Drops punch datagrams on every router from now on: gateways that send no keepalive.
-    bool drop_punches();
 
     // Stops the stand-in and returns the relay frames it forwarded, or -1.
     int stop_standin();
