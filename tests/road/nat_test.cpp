@@ -121,6 +121,7 @@ struct Row {
     nlohmann::json config_a = nlohmann::json::object();
     std::string relay = "--choose-ways";
     std::string route_a;  // what ashling's page must show, where it differs from bramwell's
+    const char* note = "";  // for the table, after ashling's home
 };
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
@@ -164,7 +165,7 @@ TEST_P(NatMatrix, MeetsAsItsRoutersAllow) {
     // Each site's line adds 20 ms each way; what a way adds beyond them is its own cost.
     double line_ms = row.sites.size() == 2 ? 40.0 : 0.0;
     std::printf("nat-matrix: %s | %s | %s / %s | %.1f / %.1f | %.1f | %u of %u, %ld dropped by the lab\n",
-                site_text(row.sites[0]).c_str(),
+                (site_text(row.sites[0]) + row.note).c_str(),
                 row.sites.size() == 2 ? site_text(row.sites[1]).c_str() : "(the same)",
                 routes[0].c_str(), routes[1].c_str(), delay[0], delay[1], (delay[0] + delay[1]) / 2 - line_ms,
                 s.received, s.sent, s.dropped);
@@ -188,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"SymmetricAndPortRestricted", {kSymmetric, kPortRestricted}, {"relay"}},
         // Without the relay on offer, a full cone still meets a symmetric NAT: its gateway
         // learns the peer's port from the punch that comes in.
-        Row{"SymmetricLearnedByFullCone", {kSymmetric, kFullCone}, {"direct"}, nlohmann::json::object(), ""},
+        Row{"SymmetricLearnedByFullCone", {kSymmetric, kFullCone}, {"direct"}, {}, "", "", ", no relay offered"},
         Row{"CarrierNatOfPortRestrictedKind",
             {SiteSpec{Kind::PortRestricted, Kind::PortRestricted}, kPortRestricted},
             {"direct"}},
@@ -196,15 +197,18 @@ INSTANTIATE_TEST_SUITE_P(
         // Told each other's LAN addresses, two players behind one router meet there; told only
         // the public one, they meet if the router turns it back in.
         Row{"OneRouterWithoutHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, false}}, {"LAN"}},
-        Row{"OneRouterWithHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, true}}, {"direct"}, nlohmann::json::object(), ""},
+        Row{"OneRouterWithHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, true}}, {"direct"}, {}, "", "",
+            ", told only public addresses"},
         // A mapping on the symmetric router lets either kind of peer in; without it, the relay.
         Row{"PortMappingAndPortRestricted", {kMapping, kPortRestricted}, {"direct (port mapping)", "direct"}, {},
             "--choose-ways", "direct (port mapping)"},
         Row{"PortMappingAndSymmetric", {kMapping, kSymmetric}, {"direct (port mapping)", "direct"}, {}, "",
-            "direct (port mapping)"},
-        Row{"PortMappingTurnedOff", {kMapping, kPortRestricted}, {"relay"}, {{"port_mapping", 0}}},
+            "direct (port mapping)", ", no relay offered"},
+        Row{"PortMappingTurnedOff", {kMapping, kPortRestricted}, {"relay"}, {{"port_mapping", 0}}, "--choose-ways", "",
+            ", port_mapping 0"},
         // A gateway of an older build, with neither keepalive nor port mapping, still meets this one.
-        Row{"OldStylePeer", {kPortRestricted, kPortRestricted}, {"direct"}, {{"port_mapping", 0}, {"p2p_keepalive", 0}}}),
+        Row{"OldStylePeer", {kPortRestricted, kPortRestricted}, {"direct"}, {{"port_mapping", 0}, {"p2p_keepalive", 0}},
+            "--choose-ways", "", ", an older build (no keepalive, no port mapping)"}),
     [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 
 // sarnlink-check in a home behind a router of this kind, first against the stand-in, then
