@@ -87,7 +87,9 @@ Stream stream(NatLab& lab, std::uint32_t each_way) {
         }
         return n;
     };
-    auto now = [&] { return Stream{p[0]->sent_to(kNames[1]) + p[1]->sent_to(kNames[0]), total_received(), lab.lab_drops()}; };
+    auto now = [&] {
+        return Stream{p[0]->sent_to(kNames[1]) + p[1]->sent_to(kNames[0]), total_received(), lab.lab_drops()};
+    };
     Stream before = now(), after;
     for (std::uint32_t sent = 0; sent < each_way; sent += 10) {
         for (int i = 0; i < 2; ++i) p[i]->send_numbered(p[i]->peers().begin()->second, 10);
@@ -129,7 +131,8 @@ void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 std::string site_text(const SiteSpec& s) {
     std::string text = router_kind_name(s.kind);
     if (s.carrier) text += std::string(" behind a ") + router_kind_name(*s.carrier) + " carrier NAT";
-    if (s.homes == 2) text = "both behind one " + text + (s.hairpin ? " router, hairpinning" : " router, not hairpinning");
+    if (s.homes == 2)
+        text = "both behind one " + text + (s.hairpin ? " router, hairpinning" : " router, not hairpinning");
     return text;
 }
 
@@ -397,7 +400,8 @@ TEST_F(NatDays, FollowsARebindingPeerButNoStrangerAtItsHost) {
     ASSERT_TRUE(lab.rebind(1)) << lab.error();
     const double rebound = zq::steady_seconds();
     const std::uint32_t a_had = arrived(a, kNames[1]), b_had = arrived(b, kNames[0]);
-    bool resumed = wait_until([&] { return arrived(a, kNames[1]) > a_had + 10 && arrived(b, kNames[0]) > b_had + 10; }, 10.0);
+    bool resumed =
+        wait_until([&] { return arrived(a, kNames[1]) > a_had + 10 && arrived(b, kNames[0]) > b_had + 10; }, 10.0);
     const double took = zq::steady_seconds() - rebound;
     EXPECT_TRUE(resumed) << lab.bridge(0).output();
     EXPECT_LE(took, 3.0) << lab.bridge(0).output();

@@ -1,4 +1,9 @@
-#include "support/delay_wire.h"
+#include <fcntl.h>
+#include <linux/if.h>
+#include <linux/if_tun.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -7,12 +12,7 @@
 #include <string>
 #include <thread>
 
-#include <fcntl.h>
-#include <linux/if.h>
-#include <linux/if_tun.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include "support/delay_wire.h"
 
 namespace testing_support {
 

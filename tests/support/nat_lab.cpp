@@ -1,12 +1,12 @@
 #include "support/nat_lab.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "http/fetch.h"
 #include "shell/util.h"
@@ -64,7 +64,9 @@ NatLab::~NatLab() {
     wires_.clear();
 }
 
-std::string NatLab::router_of(int site) const { return "r" + std::to_string(site); }
+std::string NatLab::router_of(int site) const {
+    return "r" + std::to_string(site);
+}
 
 std::string NatLab::outer_of(int site) const {
     return spec_.sites[static_cast<std::size_t>(site)].carrier ? "c" + std::to_string(site) : router_of(site);
@@ -113,44 +115,52 @@ std::string NatLab::ruleset(int site, RouterKind kind, const std::string& wan_ad
     if (mapped)
         rules += "  map fc { type inet_service : ipv4_addr . inet_service; flags dynamic, timeout; timeout 10m; }\n";
     if (kind == RouterKind::AddressRestricted) {
-        rules += "  set peers { type ipv4_addr . inet_service; flags dynamic, timeout; timeout 10m; }\n"
-                 "  chain screen {\n"
-                 "    type filter hook prerouting priority -150; policy accept;\n"
-                 "    iifname \"wan\" meta l4proto udp ip saddr . udp dport != @peers drop\n"
-                 "  }\n";
+        rules +=
+            "  set peers { type ipv4_addr . inet_service; flags dynamic, timeout; timeout 10m; }\n"
+            "  chain screen {\n"
+            "    type filter hook prerouting priority -150; policy accept;\n"
+            "    iifname \"wan\" meta l4proto udp ip saddr . udp dport != @peers drop\n"
+            "  }\n";
     }
     rules += "  chain prerouting {\n    type nat hook prerouting priority dstnat; policy accept;\n";
     if (cone) rules += "    iifname \"wan\" meta l4proto udp dnat ip addr . port to udp dport map @fc\n";
     if (hairpin)
-        rules += zq::format_text("    iifname \"lan\" ip daddr %s meta l4proto udp dnat ip addr . port to udp dport map @fc\n",
-                                 wan_address.c_str());
+        rules += zq::format_text(
+            "    iifname \"lan\" ip daddr %s meta l4proto udp dnat ip addr . port to udp dport map @fc\n",
+            wan_address.c_str());
     rules += "  }\n  chain postrouting {\n    type nat hook postrouting priority srcnat; policy accept;\n";
     if (hairpin)
-        rules += zq::format_text("    ip saddr 10.0.%d.0/24 ip daddr 10.0.%d.0/24 ct status dnat snat ip to %s\n", site, site,
-                                 wan_address.c_str());
+        rules += zq::format_text("    ip saddr 10.0.%d.0/24 ip daddr 10.0.%d.0/24 ct status dnat snat ip to %s\n", site,
+                                 site, wan_address.c_str());
     bool random = kind == RouterKind::Symmetric || kind == RouterKind::PortMapping;
     rules += std::string("    oifname \"wan\" masquerade") + (random ? " fully-random" : "") + "\n  }\n";
     if (mapped) {
-        rules += "  chain learn {\n    type filter hook postrouting priority 200; policy accept;\n"
-                 "    oifname \"wan\" meta l4proto udp update @fc { udp sport : ct original ip saddr . ct original proto-src }\n";
+        rules +=
+            "  chain learn {\n    type filter hook postrouting priority 200; policy accept;\n"
+            "    oifname \"wan\" meta l4proto udp update @fc { udp sport : ct original ip saddr . ct original "
+            "proto-src }\n";
         if (kind == RouterKind::AddressRestricted)
             rules += "    oifname \"wan\" meta l4proto udp update @peers { ip daddr . udp sport }\n";
         rules += "  }\n";
     }
-    rules += "  chain input {\n    type filter hook input priority filter; policy accept;\n"
-             "    iifname \"wan\" ct state new drop\n  }\n}\n";
+    rules +=
+        "  chain input {\n    type filter hook input priority filter; policy accept;\n"
+        "    iifname \"wan\" ct state new drop\n  }\n}\n";
     if (kind == RouterKind::PortMapping)
-        rules += "table inet filter {\n"
-                 "  chain forward { type filter hook forward priority 0; policy accept; jump miniupnpd; }\n"
-                 "  chain miniupnpd { }\n"
-                 "  chain prerouting { type nat hook prerouting priority -101; policy accept; jump prerouting_miniupnpd; }\n"
-                 "  chain postrouting { type nat hook postrouting priority 99; policy accept; jump postrouting_miniupnpd; }\n"
-                 "  chain prerouting_miniupnpd { }\n"
-                 "  chain postrouting_miniupnpd { }\n"
-                 "}\n";
+        rules +=
+            "table inet filter {\n"
+            "  chain forward { type filter hook forward priority 0; policy accept; jump miniupnpd; }\n"
+            "  chain miniupnpd { }\n"
+            "  chain prerouting { type nat hook prerouting priority -101; policy accept; jump prerouting_miniupnpd; }\n"
+            "  chain postrouting { type nat hook postrouting priority 99; policy accept; jump postrouting_miniupnpd; "
+            "}\n"
+            "  chain prerouting_miniupnpd { }\n"
+            "  chain postrouting_miniupnpd { }\n"
+            "}\n";
     // What the lab itself drops, on top of the NAT: rules come with set_loss and drop_punches.
-    rules += "table ip lab {\n  counter lost { }\n"
-             "  chain forward { type filter hook forward priority -10; policy accept; }\n}\n";
+    rules +=
+        "table ip lab {\n  counter lost { }\n"
+        "  chain forward { type filter hook forward priority -10; policy accept; }\n}\n";
     return rules;
 }
 
@@ -182,7 +192,8 @@ bool NatLab::build_site(int s) {
         const std::filesystem::path rules = dir_.path() / (outer + ".nft");
         write_file(rules, ruleset(s, *spec.carrier, wan, false));
         ok = ok &&
-             lab_.ip(outer, {"link", "add", "lan", "type", "veth", "peer", "name", "wan", "netns", lab_.full_name(router)}) &&
+             lab_.ip(outer,
+                     {"link", "add", "lan", "type", "veth", "peer", "name", "wan", "netns", lab_.full_name(router)}) &&
              lab_.ip(outer, {"addr", "add", carrier_lan + "/24", "dev", "lan"}) &&
              lab_.ip(router, {"addr", "add", router_wan + "/24", "dev", "wan"}) &&
              lab_.ip(outer, {"link", "set", "lan", "up"}) && lab_.ip(router, {"link", "set", "wan", "up"}) &&
@@ -202,7 +213,8 @@ bool NatLab::build_site(int s) {
         if (homes_[static_cast<std::size_t>(home)].site != s) continue;
         const std::string ns = home_ns(home), port = "p" + ns;
         ok = lab_.add(ns) &&
-             lab_.ip(router, {"link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", lab_.full_name(ns)}) &&
+             lab_.ip(router,
+                     {"link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", lab_.full_name(ns)}) &&
              lab_.ip(router, {"link", "set", port, "master", "lan"}) && lab_.ip(router, {"link", "set", port, "up"}) &&
              lab_.ip(ns, {"addr", "add", home_address(home) + "/24", "dev", "eth0"}) &&
              lab_.ip(ns, {"link", "set", "eth0", "up"}) && lab_.ip(ns, {"route", "add", "default", "via", lan});
@@ -240,8 +252,8 @@ bool NatLab::build() {
         return fail("");
     for (int s = 0; s < static_cast<int>(spec_.sites.size()); ++s)
         if (!build_site(s)) return false;
-    std::vector<std::string> args{"--http-host", kService, "--http-port", "18671", "--stun-host", kService,
-                                  "--stun-port", "3478"};
+    std::vector<std::string> args{"--http-host", kService, "--http-port", "18671",
+                                  "--stun-host", kService, "--stun-port", "3478"};
     if (!spec_.relay.empty()) args.push_back(spec_.relay);
     standin_ = std::make_unique<Process>(system_program("ip"), lab_.exec_args("inet", SARNLINK_STANDIN_PATH, args),
                                          dir_.path());
@@ -266,9 +278,8 @@ bool NatLab::start_bridge(int home, const nlohmann::json& extra) {
     std::filesystem::path folder = dir_.path() / home_ns(home);
     write_file(folder / "sarnlink_config.json", config.dump(2));
     auto& bridge = bridges_.at(static_cast<std::size_t>(home));
-    bridge = std::make_unique<Process>(system_program("ip"),
-                                       lab_.exec_args(home_ns(home), cli_path(), {"--config", "sarnlink_config.json"}),
-                                       folder);
+    bridge = std::make_unique<Process>(
+        system_program("ip"), lab_.exec_args(home_ns(home), cli_path(), {"--config", "sarnlink_config.json"}), folder);
     if (!bridge->wait_for_output("p2p: relay on, our port on it is") ||
         !bridge->wait_for_output("p2p: STUN sees us as " + public_address(home) + ":"))
         return fail("bridge " + home_ns(home) + ": " + bridge->output());
@@ -339,9 +350,9 @@ bool NatLab::rebind(int home) {
     int site = homes_.at(static_cast<std::size_t>(home)).site;
     const std::string outer = outer_of(site);
     return run(outer, "nft", {"flush", "chain", "ip", "router", "postrouting"}) &&
-           run(outer, "nft", words("add rule ip router postrouting oifname wan meta l4proto udp masquerade to :50000-50999")) &&
-           run(outer, "nft", words("add rule ip router postrouting oifname wan masquerade")) &&
-           flush_conntrack(home);
+           run(outer, "nft",
+               words("add rule ip router postrouting oifname wan meta l4proto udp masquerade to :50000-50999")) &&
+           run(outer, "nft", words("add rule ip router postrouting oifname wan masquerade")) && flush_conntrack(home);
 }
 
 // Game data travels as peer data frames (first byte FF), straight or inside relay frames
@@ -360,10 +371,10 @@ bool NatLab::set_loss(int percent) {
 long NatLab::lab_drops() {
     long total = 0;
     for (int s = 0; s < static_cast<int>(spec_.sites.size()); ++s) {
-        ProcessResult listed = run_process(system_program("ip"),
-                                           lab_.exec_args(router_of(s), system_program("nft"),
-                                                          {"list", "counter", "ip", "lab", "lost"}),
-                                           {}, {}, 20.0);
+        ProcessResult listed =
+            run_process(system_program("ip"),
+                        lab_.exec_args(router_of(s), system_program("nft"), {"list", "counter", "ip", "lab", "lost"}),
+                        {}, {}, 20.0);
         std::size_t at = listed.output.find("packets ");
         if (listed.exit_code != 0 || at == std::string::npos) return -1;
         total += std::atol(listed.output.c_str() + at + 8);

@@ -14,11 +14,10 @@
 // Nothing leaves the namespaces.
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "player/sim_player.h"
 #include "support/delay_wire.h"
@@ -111,8 +110,8 @@ private:
         int slot = 0;
     };
 
-    std::string router_of(int site) const;   // the home router's namespace
-    std::string outer_of(int site) const;    // the namespace that owns the public address
+    std::string router_of(int site) const;  // the home router's namespace
+    std::string outer_of(int site) const;   // the namespace that owns the public address
     bool build_site(int site);
     std::string ruleset(int site, RouterKind kind, const std::string& wan_address, bool hairpin) const;
     bool start_mapping_daemon(int site);
