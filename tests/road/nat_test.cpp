@@ -346,7 +346,7 @@ TEST_F(NatDays, KeepaliveHoldsTheWayThroughAPause) {
 }
 
 // bramwell's router forgets its mappings mid-stream and gives his next datagrams a port from
-// another range: ashling's gateway follows him there within 3 s. Before that, a stranger
+// another range: ashling's gateway follows him there within 3 s, and his own tells the service. Before that, a stranger
 // behind the same router sends punches and frames in bramwell's name from another port while
 // bramwell is active: none of it reaches ashling's game, and nothing is sent back to him.
 TEST_F(NatDays, FollowsARebindingPeerButNoStrangerAtItsHost) {
@@ -397,6 +397,14 @@ TEST_F(NatDays, FollowsARebindingPeerButNoStrangerAtItsHost) {
     EXPECT_LT(a.received_from(kNames[1]).highest, 1000000u) << "the stranger's frame reached the game";
     EXPECT_EQ(lab.status(0)["peers"][0].value("address", ""), known);
 
+    auto updates = [&] {
+        std::string out = lab.standin().output();
+        int n = 0;
+        const std::string call = "POST /mp/matching2/signaling_update";
+        for (std::size_t at = 0; (at = out.find(call, at)) != std::string::npos; ++at) ++n;
+        return n;
+    };
+    const int updates_before = updates();
     ASSERT_TRUE(lab.rebind(1)) << lab.error();
     const double rebound = zq::steady_seconds();
     const std::uint32_t a_had = arrived(a, kNames[1]), b_had = arrived(b, kNames[0]);
@@ -408,6 +416,10 @@ TEST_F(NatDays, FollowsARebindingPeerButNoStrangerAtItsHost) {
     std::printf("nat-rebinding: delivery resumed %.1f s after the rebinding\n", took);
     std::string now = lab.status(0)["peers"][0].value("address", "");
     EXPECT_TRUE(now.starts_with(lab.public_address(1) + ":50")) << now;
+    // The other direction: bramwell's gateway sees its own new address and tells the service.
+    EXPECT_TRUE(lab.bridge(1).wait_for_output("p2p: STUN sees us as " + lab.public_address(1) + ":50", 5.0))
+        << lab.bridge(1).output();
+    EXPECT_TRUE(wait_until([&] { return updates() > updates_before; }, 5.0)) << lab.standin().output();
 }
 
 }  // namespace

@@ -93,6 +93,7 @@ public:
     // Game datagrams that set_loss dropped so far, over all routers.
     long lab_drops();
 
+    Process& standin() { return *standin_; }
     // Stops the stand-in and returns the relay frames it forwarded, or -1.
     int stop_standin();
     NetworkLab& network() { return lab_; }
