@@ -157,7 +157,7 @@ std::string NatLab::ruleset(int site, RouterKind kind, const std::string& wan_ad
             "  chain prerouting_miniupnpd { }\n"
             "  chain postrouting_miniupnpd { }\n"
             "}\n";
-    // What the lab itself drops, on top of the NAT: rules come with set_loss and drop_punches.
+    // What the lab itself drops, on top of the NAT: its rules come with set_loss.
     rules +=
         "table ip lab {\n  counter lost { }\n"
         "  chain forward { type filter hook forward priority -10; policy accept; }\n}\n";
