@@ -32,6 +32,11 @@ std::string network_lab_skip() {
     return network_lab_unavailable();
 }
 
+std::uint32_t arrived(sim::Player& p, const char* from) {
+    sim::Received r = p.received_from(from);
+    return r.in_order + r.out_of_order;
+}
+
 // Both players in a built lab, ashling's room made and bramwell in it, each gateway having met
 // the other.
 void meet(NatLab& lab, const nlohmann::json& config_a = nlohmann::json::object(),
@@ -51,19 +56,15 @@ void meet(NatLab& lab, const nlohmann::json& config_a = nlohmann::json::object()
     // The first datagrams may go while the NATs are still being punched through; from the first
     // that arrives each way on, the way is open.
     auto peer_of = [](sim::Player& p) { return p.peers().begin()->second; };
-    auto got = [](sim::Player& p, const char* from) {
-        sim::Received r = p.received_from(from);
-        return r.in_order + r.out_of_order;
-    };
     double next_try = 0;
     ASSERT_TRUE(wait_until(
         [&] {
             if (zq::steady_seconds() >= next_try) {
                 next_try = zq::steady_seconds() + 0.1;
-                if (got(*b, kNames[0]) == 0) a->send_numbered(peer_of(*a), 1);
-                if (got(*a, kNames[1]) == 0) b->send_numbered(peer_of(*b), 1);
+                if (arrived(*b, kNames[0]) == 0) a->send_numbered(peer_of(*a), 1);
+                if (arrived(*a, kNames[1]) == 0) b->send_numbered(peer_of(*b), 1);
             }
-            return got(*a, kNames[1]) > 0 && got(*b, kNames[0]) > 0;
+            return arrived(*a, kNames[1]) > 0 && arrived(*b, kNames[0]) > 0;
         },
         15.0))
         << lab.status(0).dump(2) << lab.status(1).dump(2) << lab.bridge(0).output() << lab.bridge(1).output();
@@ -290,11 +291,6 @@ protected:
         if (!why.empty()) GTEST_SKIP() << why;
     }
 };
-
-std::uint32_t arrived(sim::Player& p, const char* from) {
-    sim::Received r = p.received_from(from);
-    return r.in_order + r.out_of_order;
-}
 
 // After a 90-second pause in which the game sends nothing, ashling's game sends again; its
 // first datagram goes again every 100 ms until one is through. Returns how many of the 50 that
