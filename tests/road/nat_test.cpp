@@ -199,9 +199,10 @@ INSTANTIATE_TEST_SUITE_P(
             {"direct"}},
         Row{"CarrierNatOfSymmetricKind", {SiteSpec{Kind::PortRestricted, Kind::Symmetric}, kPortRestricted}, {"relay"}},
         // Told each other's LAN addresses, two players behind one router meet there; told only
-        // the public one, they meet if the router turns it back in.
+        // the public one, they meet if the router turns it back in (the page says LAN when a
+        // punch to the LAN address came last).
         Row{"OneRouterWithoutHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, false}}, {"LAN"}},
-        Row{"OneRouterWithHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, true}}, {"direct"}, {}, "", "",
+        Row{"OneRouterWithHairpinning", {SiteSpec{Kind::PortRestricted, {}, 2, true}}, {"direct", "LAN"}, {}, "", "",
             ", told only public addresses"},
         // A mapping on the symmetric router lets either kind of peer in; without it, the relay.
         Row{"PortMappingAndPortRestricted", {kMapping, kPortRestricted}, {"direct (port mapping)", "direct"}, {},
