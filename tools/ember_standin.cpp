@@ -1,8 +1,8 @@
 // The stand-in of The Ember Court for development: the service on HTTP and the STUN and relay
 // server on UDP, until Ctrl-C or the given number of seconds.
 //
-//   ember_standin [--http-host H] [--http-port N] [--stun-host H] [--stun-port N] [--relay-members]
-//                 [--ready-file PATH] [--seconds N]
+//   ember_standin [--http-host H] [--http-port N] [--stun-host H] [--stun-port N]
+//                 [--relay-members | --choose-ways] [--ready-file PATH] [--seconds N]
 //
 // Both listen on the loopback by default; other addresses serve test networks such as network
 // namespaces. Port 0 lets the system choose; the ready file then receives "http_port stun_port"
@@ -10,8 +10,12 @@
 // run on the same machine: a gateway sends all traffic for the relay's host through the relay,
 // so the relay must not share its host with the peers. --relay-members tells the members of a
 // room each other's relay addresses instead of their mapped ones, as the service does for
-// players whose NATs cannot be punched through. On the way out it says how many relay frames
-// it forwarded.
+// players whose NATs cannot be punched through. --choose-ways chooses for each room from what
+// its members report: their LAN addresses when two show the same public host (one router,
+// which may not turn traffic to its own public address back in), the relay when one shows a
+// public port other than his own local one (a NAT that picks a port per destination, which
+// nobody else can punch through to), their public addresses otherwise. On the way out it says
+// how many relay frames it forwarded.
 
 #include <atomic>
 #include <cstdio>
@@ -50,12 +54,18 @@ int main(int argc, char** argv) {
     std::string http_host = "127.0.0.1";
     std::string stun_host = "127.0.0.1";
     bool relay_members = false;
+    bool choose_ways = false;
     double seconds = 0;
     std::string ready_file;
     for (int i = 1; i < argc; i += 2) {
         std::string key = argv[i];
         if (key == "--relay-members") {
             relay_members = true;
+            --i;
+            continue;
+        }
+        if (key == "--choose-ways") {
+            relay_members = choose_ways = true;
             --i;
             continue;
         }
@@ -69,7 +79,7 @@ int main(int argc, char** argv) {
         else {
             std::printf(
                 "usage: ember_standin [--http-host H] [--http-port N] [--stun-host H] [--stun-port N] "
-                "[--relay-members] [--ready-file PATH] [--seconds N]\n");
+                "[--relay-members | --choose-ways] [--ready-file PATH] [--seconds N]\n");
             return 2;
         }
     }
@@ -87,6 +97,17 @@ int main(int argc, char** argv) {
             std::optional<std::pair<std::string, int>> relay;
             if (auto a = stun.relay_address_of(zq::Endpoint{host, port})) relay = std::make_pair(a->host, a->port);
             return relay;
+        });
+    }
+    if (choose_ways) {
+        court.matching.set_pairing([](const nlohmann::json& a, const nlohmann::json& b) {
+            using Way = standin::Matching::Way;
+            if (a.value("MappedAddr", "") == b.value("MappedAddr", "")) return Way::Lan;
+            auto changed = [](const nlohmann::json& m) {
+                int local = m.value("LocalPort", 0);
+                return local != 0 && m.value("MappedPort", 0) != local;
+            };
+            return changed(a) || changed(b) ? Way::Relay : Way::Public;
         });
     }
     http::Server server;
@@ -111,7 +132,9 @@ int main(int argc, char** argv) {
     }
     say(zq::format_text("The Ember Court stand-in on http://%s:%d, STUN and relay on udp %s%s", http_host.c_str(),
                         server.port, stun.address().text().c_str(),
-                        relay_members ? ", members meet through the relay" : ""));
+                        choose_ways ? ", each room's way chosen by its members' NATs"
+                        : relay_members           ? ", members meet through the relay"
+                                                  : ""));
     if (!ready_file.empty()) {
         std::ofstream out(ready_file + ".tmp");
         out << server.port << " " << stun.address().port << "\n";

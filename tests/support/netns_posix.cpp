@@ -46,6 +46,9 @@ std::string probe() {
     if (ip.empty()) return "the ip program (package iproute2) is missing";
     if (system_program("nft").empty()) return "the nft program (package nftables) is missing";
     if (system_program("sh").empty()) return "no sh to set the namespaces' sysctls with";
+    if (system_program("conntrack").empty()) return "the conntrack program (package conntrack) is missing";
+    std::error_code ignored;
+    if (!std::filesystem::exists("/dev/net/tun", ignored)) return "there is no /dev/net/tun for the lab's delaying lines";
     remove_orphaned_labs(ip);
     NetworkLab lab;
     if (!lab.add("probe")) return "this machine does not let the tests make network namespaces (" + lab.error() + ")";

@@ -1,5 +1,6 @@
 #include "player/sim_player.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -426,6 +427,7 @@ void Player::on_datagram(const std::string& bytes, const zq::Endpoint& from) {
         ++got.damaged;
         return;
     }
+    got.highest = std::max(got.highest, seq);
     std::uint32_t& expected = next_expected_[sender];
     if (expected == 0) expected = 1;
     if (seq == expected) {

@@ -73,6 +73,7 @@ struct Received {
     std::uint32_t out_of_order = 0;
     std::uint32_t damaged = 0;   // wrong magic, filler, ports, or source address
     std::uint32_t unmet = 0;     // well-formed, but from a member not yet heard of
+    std::uint32_t highest = 0;   // the highest sequence number among those counted in order or out
 };
 
 class Player {

@@ -1,5 +1,7 @@
 #include "standin/matching.h"
 
+#include <algorithm>
+
 namespace standin {
 
 const char* const Matching::kPaths[] = {"/mp/matching2/context_start", "/mp/matching2/create_room",
@@ -22,14 +24,21 @@ void Matching::set_reach(Reach r) {
     reach = std::move(r);
 }
 
-std::pair<std::string, int> Matching::reach_locked(std::pair<std::string, int> mapped) const {
-    if (!reach) return mapped;
+void Matching::set_pairing(Pairing p) {
+    std::lock_guard<std::mutex> hold(lock);
+    pairing = std::move(p);
+}
+
+std::pair<std::string, int> Matching::address_locked(const nlohmann::json& body, Way way) const {
+    if (way == Way::Lan) return {body.value("LocalAddr", ""), body.value("LocalPort", 0)};
+    std::pair<std::string, int> mapped{body.value("MappedAddr", ""), body.value("MappedPort", 0)};
+    if (way == Way::Public || !reach) return mapped;
     auto other = reach(mapped.first, mapped.second);
     return other ? *other : mapped;
 }
 
-nlohmann::json Matching::member_record_locked(int member_id, const nlohmann::json& body) const {
-    auto [addr, port] = reach_locked({body.value("MappedAddr", ""), body.value("MappedPort", 0)});
+nlohmann::json Matching::member_record_locked(int member_id, const nlohmann::json& body, Way way) const {
+    auto [addr, port] = address_locked(body, way);
     return {{"MemberId", member_id},
             {"OnlineId", body.value("OnlineId", "")},
             {"Addr", addr},
@@ -113,14 +122,16 @@ std::optional<Answer> Matching::serve(const Call& call) {
 
     if (path == "/mp/matching2/signaling_update") {
         std::string online_id = body.value("OnlineId", "");
-        std::pair<std::string, int> mapped = reach_locked({body.value("MappedAddr", ""), body.value("MappedPort", 0)});
-        signaled[online_id] = mapped;
         std::uint64_t room_id = 0;
-        if (Room* room = room_of_session_locked(body.value("SessionId", ""), &room_id)) {
+        Room* room = room_of_session_locked(body.value("SessionId", ""), &room_id);
+        signaled[online_id] = address_locked(body, room ? room->way : first_way_locked());
+        if (room) {
             auto member = room->members.find(body.value("MemberId", 0));
             if (member != room->members.end() && member->second.value("OnlineId", "") == online_id) {
-                member->second["Addr"] = mapped.first;
-                member->second["Port"] = mapped.second;
+                nlohmann::json& reported = room->reported[member->first];
+                reported["MappedAddr"] = body.value("MappedAddr", "");
+                reported["MappedPort"] = body.value("MappedPort", 0);
+                member->second = member_record_locked(member->first, reported, room->way);
             }
         }
         return ok();
@@ -131,8 +142,10 @@ std::optional<Answer> Matching::serve(const Call& call) {
         Room& room = rooms[room_id];
         room.session_id = "session-" + std::to_string(room_id);
         room.max_members = body.value("MaxMembers", 5);
+        room.way = first_way_locked();
         int member_id = room.next_member++;
-        room.members[member_id] = member_record_locked(member_id, body);
+        room.members[member_id] = member_record_locked(member_id, body, room.way);
+        room.reported[member_id] = body;
         return ok({{"RoomId", room_id},
                    {"SessionId", room.session_id},
                    {"MemberId", member_id},
@@ -148,7 +161,15 @@ std::optional<Answer> Matching::serve(const Call& call) {
         Room& room = found->second;
         if (static_cast<int>(room.members.size()) >= room.max_members) return refused("full", 2);
         int member_id = room.next_member++;
-        nlohmann::json record = member_record_locked(member_id, body);
+        if (pairing) {
+            Way way = room.way;
+            for (const auto& [id, reported] : room.reported) way = std::max(way, pairing(reported, body));
+            if (way != room.way)
+                for (auto& [id, member] : room.members) member = member_record_locked(id, room.reported[id], way);
+            room.way = way;
+        }
+        room.reported[member_id] = body;
+        nlohmann::json record = member_record_locked(member_id, body, room.way);
         nlohmann::json joined = record;
         joined["Name"] = "room_member_joined";
         joined["RoomId"] = room_id;
@@ -171,6 +192,7 @@ std::optional<Answer> Matching::serve(const Call& call) {
         bool kicked = path == "/mp/matching2/kick_member";
         std::string online_id = member->second.value("OnlineId", "");
         room->members.erase(member);
+        room->reported.erase(member_id);
         if (kicked) event_queues[online_id].push_back({{"Name", "room_member_kicked"}, {"RoomId", room_id}});
         tell_others_locked(*room, member_id,
                            {{"Name", "room_member_left"},

@@ -41,16 +41,30 @@ public:
     using Reach = std::function<std::optional<std::pair<std::string, int>>(const std::string& host, int port)>;
     void set_reach(Reach reach);
 
+    // How the members of a room are told to reach each other: at the addresses they report as
+    // public, at their LAN addresses, or at their relay addresses (the reach above).
+    enum class Way { Public, Lan, Relay };
+    // The way for two members as they report themselves (MappedAddr, MappedPort, LocalAddr,
+    // LocalPort). Unset, every room takes the relay when a reach is set and the public way
+    // otherwise. Set, a room starts on the public way and each join may move the whole room to
+    // a later way of the list, so that both ends of every link agree on it.
+    using Pairing = std::function<Way(const nlohmann::json& a, const nlohmann::json& b)>;
+    void set_pairing(Pairing pairing);
+
 private:
     struct Room {
         std::string session_id;
         int max_members = 0;
         int next_member = 1;
         std::map<int, nlohmann::json> members;
+        std::map<int, nlohmann::json> reported;  // what each member last said of himself
+        Way way = Way::Public;
     };
 
-    nlohmann::json member_record_locked(int member_id, const nlohmann::json& body) const;
-    std::pair<std::string, int> reach_locked(std::pair<std::string, int> mapped) const;
+    // A member's record as the room's way shows him.
+    nlohmann::json member_record_locked(int member_id, const nlohmann::json& body, Way way) const;
+    std::pair<std::string, int> address_locked(const nlohmann::json& body, Way way) const;
+    Way first_way_locked() const { return !pairing && reach ? Way::Relay : Way::Public; }
     Room* room_of_session_locked(const std::string& session_id, std::uint64_t* room_id);
     void tell_others_locked(const Room& room, int except, const nlohmann::json& event);
 
@@ -61,6 +75,7 @@ private:
     std::map<std::string, std::uint64_t> acked;
     std::map<std::string, std::pair<std::string, int>> signaled;  // online id -> reported address
     Reach reach;
+    Pairing pairing;
 };
 
 }  // namespace standin
