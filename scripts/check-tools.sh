@@ -30,6 +30,7 @@ tools=(
   "ip                             iproute2"
   "nft                            nftables"
   "miniupnpd                      miniupnpd-nftables"
+  "conntrack                      conntrack"
   "dpkg-shlibdeps                 dpkg-dev"
   "file                           file"
   "chromium                       chromium"

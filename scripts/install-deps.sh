@@ -30,6 +30,7 @@ packages=(
   iproute2
   nftables
   miniupnpd-nftables
+  conntrack
   dpkg-dev
   file
   chromium
