@@ -21,6 +21,7 @@
 
 #include "bridge/room_state.h"
 #include "http/upstream.h"
+#include "shell/connection_threads.h"
 #include "shell/net.h"
 
 namespace zq {
@@ -161,7 +162,10 @@ private:
 // The text between single quotes, as online ids appear in log lines.
 std::string quote(const std::string& text);
 
-// The body of each connection thread: Hello, then frames until the connection or the Bridge ends.
-void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection);
+// The body of each connection thread: Hello, then frames until the connection or the Bridge
+// ends. The slot learns when the connection waits on the game and whether a game is logged in;
+// what a frame holds beyond a small allowance is paid for from the budget.
+void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, ConnectionSlots::Slot& slot,
+                  ByteBudget& budget);
 
 }  // namespace zq

@@ -61,8 +61,6 @@ public:
     ConnectionThreads(const ConnectionThreads&) = delete;
     ConnectionThreads& operator=(const ConnectionThreads&) = delete;
 
-    // Whether limit threads serve connections now: the caller refuses the next one.
-    bool full(int limit) const { return active.load() >= limit; }
     // Runs serve on a thread of its own; false when the system gives no thread (its reason in
     // *why), and the caller refuses the connection and goes on.
     bool start(std::function<void()> serve, std::string* why = nullptr);

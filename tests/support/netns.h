@@ -54,4 +54,21 @@ private:
     std::string error_;
 };
 
+// Moves the calling thread into a namespace of a lab while it lives, then back. Sockets made
+// meanwhile, and threads that this thread starts meanwhile, stay in that namespace for good.
+class InsideNamespace {
+public:
+    InsideNamespace(const NetworkLab& lab, const std::string& name);
+    ~InsideNamespace();
+    InsideNamespace(const InsideNamespace&) = delete;
+    InsideNamespace& operator=(const InsideNamespace&) = delete;
+
+    // Why the thread did not move, or "" when it is inside.
+    const std::string& error() const { return error_; }
+
+private:
+    int home_ = -1;
+    std::string error_;
+};
+
 }  // namespace testing_support

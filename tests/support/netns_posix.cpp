@@ -4,6 +4,10 @@
 #include <sstream>
 #include <string>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include "support/netns.h"
@@ -49,6 +53,24 @@ std::string probe() {
 }
 
 }  // namespace
+
+InsideNamespace::InsideNamespace(const NetworkLab& lab, const std::string& name) {
+    home_ = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const std::string path = "/run/netns/" + lab.full_name(name);
+    const int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (home_ < 0 || target < 0 || ::setns(target, CLONE_NEWNET) != 0) error_ = path + ": " + std::strerror(errno);
+    if (target >= 0) ::close(target);
+    if (!error_.empty() && home_ >= 0) {
+        ::close(home_);
+        home_ = -1;
+    }
+}
+
+InsideNamespace::~InsideNamespace() {
+    if (home_ < 0) return;
+    ::setns(home_, CLONE_NEWNET);
+    ::close(home_);
+}
 
 std::string network_lab_unavailable() {
     static std::once_flag once;
