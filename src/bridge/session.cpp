@@ -21,6 +21,7 @@ bool TcpConn::write(std::string_view bytes) {
     // Also wakes the connection's read loop, which waits for the game without a timer. The
     // socket stays valid: releasing it takes write_lock, held here.
     shutdown_socket(socket_);
+    wake_.raise();
     return false;
 }
 
@@ -28,6 +29,7 @@ bool TcpConn::write(std::string_view bytes) {
 // shutting the socket down is what ends such a send.
 void TcpConn::close() {
     alive = false;
+    wake_.raise();
     std::lock_guard<std::mutex> guard(socket_lock_);
     if (socket_ != invalid_socket) shutdown_socket(socket_);
 }
@@ -90,7 +92,7 @@ public:
     // or the bridge is being closed.
     bool need(std::size_t size, double deadline) {
         while (buffer_.size() - read_ < size) {
-            if (!bridge_.wait_for_input(connection_.socket(), deadline) || !connection_.is_alive()) return false;
+            if (!bridge_.running() || !connection_.wait_readable(deadline) || !connection_.is_alive()) return false;
             if (!block_) block_.reset(new char[block_size]);  // not cleared: receives fill it
             const int n = recv_some(connection_.socket(), block_.get(), block_size);
             if (n < 1) return false;

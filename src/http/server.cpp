@@ -165,8 +165,8 @@ void Server::stop() {
     stop_signal_.close();
 }
 
-bool Server::wait_for(zq::Socket s, double deadline) {
-    return running && stop_signal_.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
+bool Server::wait_for(zq::StopSignal& signal, zq::Socket s, double deadline) {
+    return running && signal.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
 }
 
 void Server::accept_loop(zq::Socket listening) {
@@ -174,7 +174,7 @@ void Server::accept_loop(zq::Socket listening) {
     while (running) {
         // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
         // since ended connection threads are joined when the next one starts.
-        if (!wait_for(listening, 0)) continue;
+        if (!wait_for(stop_signal_, listening, 0)) continue;
         zq::SockAddr from;
         zq::Socket s = zq::accept_socket(listening, &from);
         if (s == zq::invalid_socket) {
@@ -184,7 +184,7 @@ void Server::accept_loop(zq::Socket listening) {
             const int code = zq::last_socket_error();
             zq::log_limited(zq::format_text("http accept :%d", port),
                             zq::format_text("http :%d: accept failed (error %d), trying again", port, code));
-            wait_for(zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
+            wait_for(stop_signal_, zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
             continue;
         }
         backoff.reset();
@@ -197,8 +197,17 @@ void Server::accept_loop(zq::Socket listening) {
             continue;
         }
         std::string taken;
-        // Safe until the connection thread closes its slot, which it does before its socket.
-        auto slot = slots_.open([s] { zq::shutdown_socket(s); }, peer.text(), max_connections, &taken);
+        // The connection waits on a signal of its own: a shut-down socket does not wake a wait on
+        // every system. Safe until the connection thread closes its slot, which it does before
+        // its socket.
+        auto wake = std::make_shared<zq::StopSignal>();
+        wake->arm();
+        auto slot = slots_.open(
+            [s, wake] {
+                wake->raise();
+                zq::shutdown_socket(s);
+            },
+            peer.text(), max_connections, &taken);
         if (!taken.empty())
             zq::log_limited(zq::format_text("http taken :%d", port),
                             zq::format_text("http :%d: took a connection slot back from %s, which kept it waiting",
@@ -209,7 +218,8 @@ void Server::accept_loop(zq::Socket listening) {
             zq::close_socket(s);
             continue;
         }
-        if (std::string why; !threads_.start([this, s, peer, slot] { connection_thread(s, peer, slot); }, &why)) {
+        if (std::string why;
+            !threads_.start([this, s, peer, slot, wake] { connection_thread(s, peer, slot, wake); }, &why)) {
             slots_.close(slot);
             zq::close_socket(s);
             zq::log_limited(zq::format_text("http thread :%d", port),
@@ -218,7 +228,8 @@ void Server::accept_loop(zq::Socket listening) {
     }
 }
 
-void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot) {
+void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
+                               std::shared_ptr<zq::StopSignal> wake) {
     // Large blocks, because every receive costs a wait beside it (a round trip to the
     // wineserver under Wine) and a head may be a megabyte.
     // Not cleared: the pages are touched only as far as receives fill them.
@@ -233,7 +244,7 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
     // passed, the budget has no room for it, or the server is stopping.
     auto receive = [&](double deadline) {
-        if (!wait_for(s, deadline)) return false;
+        if (!wait_for(*wake, s, deadline)) return false;
         int n = zq::recv_some(s, block.get(), block_size);
         if (n < 1) return false;
         over_budget = !buffer.append(block.get(), static_cast<std::size_t>(n));
@@ -251,7 +262,7 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
             // Reads on for a moment, so that closing with unread bytes does not reset the
             // connection before the client has read the answer.
             const double linger = seconds_from_now(1000);
-            while (wait_for(s, linger) && zq::recv_some(s, block.get(), block_size) > 0) {
+            while (wait_for(*wake, s, linger) && zq::recv_some(s, block.get(), block_size) > 0) {
             }
         }
     };

@@ -149,10 +149,11 @@ public:
 
 private:
     void accept_loop(zq::Socket listening);
-    void connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot);
-    // Waits on s (or only on the stop signal when s is invalid) until it is readable, the
-    // deadline (steady seconds) passes or stop is under way; true only for the first.
-    bool wait_for(zq::Socket s, double deadline);
+    void connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
+                           std::shared_ptr<zq::StopSignal> wake);
+    // Waits on s (or only on the signal when s is invalid) until it is readable, the deadline
+    // (steady seconds) passes, the signal is raised or stop is under way; true only for the first.
+    bool wait_for(zq::StopSignal& signal, zq::Socket s, double deadline);
 };
 
 }  // namespace http

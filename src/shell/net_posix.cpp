@@ -250,9 +250,11 @@ std::string table_text(const unsigned char* address, std::size_t size, std::uint
     return out + port_text;
 }
 
-// The uid column of the row whose two ends are local and remote, or -1.
-long table_uid(const char* file, const std::string& local, const std::string& remote) {
-    std::ifstream in(file);
+// The uid column of the row whose two ends are local and remote, or -1. The table is the one
+// of this thread's network namespace, where its sockets are (/proc/net is the main thread's).
+long table_uid(const char* table, const std::string& local, const std::string& remote) {
+    std::ifstream in(std::string("/proc/thread-self/net/") + table);
+    if (!in) in.open(std::string("/proc/net/") + table);
     std::string line;
     std::getline(in, line);  // the column names
     char row_local[64], row_remote[64];
@@ -277,7 +279,7 @@ bool peer_is_same_user(Socket s) {
     const auto v4 = [](const sockaddr_in& in) {
         return table_text(reinterpret_cast<const unsigned char*>(&in.sin_addr), 4, ntohs(in.sin_port));
     };
-    long uid = table_uid("/proc/net/tcp", v4(b), v4(a));
+    long uid = table_uid("tcp", v4(b), v4(a));
     if (uid < 0) {
         // A program with an IPv6 socket reaches an IPv4 listener by a mapped address.
         const auto mapped = [](const sockaddr_in& in) {
@@ -285,7 +287,7 @@ bool peer_is_same_user(Socket s) {
             std::memcpy(address + 12, &in.sin_addr, 4);
             return table_text(address, 16, ntohs(in.sin_port));
         };
-        uid = table_uid("/proc/net/tcp6", mapped(b), mapped(a));
+        uid = table_uid("tcp6", mapped(b), mapped(a));
     }
     return uid >= 0 && static_cast<uid_t>(uid) == ::geteuid();
 }
