@@ -62,8 +62,8 @@ TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
 // Clients that pipeline requests for large answers and never read hold every slot, each with a
 // send that cannot finish; a new client is still served at once, in the slot of one of them.
 TEST(HttpIdleLoad, ClientsThatNeverReadGiveWayToANewOne) {
+    const std::string large(256 << 10, 'l');  // outlives the server, whose handlers read it
     http::Server server;
-    const std::string large(256 << 10, 'l');
     auto handler = [&](const http::ServerRequest& request) {
         http::ServerResponse response;
         response.body = request.path == "/large" ? large : "small";
