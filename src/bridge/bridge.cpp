@@ -1,6 +1,5 @@
 #include "bridge/bridge.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "bridge/session.h"
@@ -54,6 +53,13 @@ bool Bridge::start(std::string* error) {
         return fail(error, format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
                                        host.c_str(), config_.tcp_port, last_socket_error()));
     bound_tcp_port_ = bound_endpoint(tcp_socket_).port;
+    // The identity that the command port hands out carries the stored token.
+    const PeerFilter near = PeerFilter::for_bind_host(host);
+    command_peers_ = near.this_pc_only();
+    check_peer_user_ = peer_user_check_works();
+    if (!check_peer_user_)
+        log_line("tcp: this system does not tell which user a program on this PC runs as; the command port serves "
+                 "every program on this PC");
 
     udp_socket_ = open_udp_socket();
     if (!bind_socket(udp_socket_, to_sockaddr(Endpoint{host, config_.udp_port})))
@@ -62,6 +68,7 @@ bool Bridge::start(std::string* error) {
     bound_udp_port_ = bound_endpoint(udp_socket_).port;
 
     std::string web_error;
+    web_server_.peers = near;
     if (!web_server_.start(host, config_.webapi_port,
                            [this](const http::ServerRequest& request) { return web_api_handler(*this, request); },
                            &web_error))
@@ -78,6 +85,9 @@ bool Bridge::start(std::string* error) {
         const int port = route.first;
         const std::string url = route.second;
         auto proxy = std::make_unique<http::Server>();
+        // A proxy adds the player's token: hosts of the network may use it only where the user
+        // chose to share the account with them.
+        proxy->peers = config_.share_account_with_network ? near : near.this_pc_only();
         std::string proxy_error;
         if (!proxy->start(host, port,
                           [this, url](const http::ServerRequest& request) {
@@ -98,18 +108,15 @@ void Bridge::stop() {
     stop_signal_.raise();
 
     std::vector<std::shared_ptr<Session>> live;
-    std::vector<std::shared_ptr<TcpConn>> open;
     {
         std::lock_guard<std::mutex> guard(sessions_lock);
         live = sessions;
-        open = connections_;
     }
     // First end every upstream call in flight, so no command holds a session lock for long,
-    // and wake every blocked read and send; then take the sessions down.
+    // and wake every blocked read and send, of connections with a session or without one yet;
+    // then take the sessions down.
     cancel_->cancel();
-    for (auto& session : live) session->connection->close();
-    // Connections that never sent a Request have no session, but their reads must end too.
-    for (auto& connection : open) connection->close();
+    connection_slots_.wake_all();
     for (auto& session : live) session->shutdown();
 
     if (gateway) gateway->stop();
@@ -139,12 +146,6 @@ void Bridge::stop() {
     }
 }
 
-namespace {
-
-bool from_loopback(const SockAddr& peer) { return from_sockaddr(peer).host.rfind("127.", 0) == 0; }
-
-}  // namespace
-
 void Bridge::accept_thread(Socket listener) {
     AcceptBackoff backoff;
     while (running_) {
@@ -162,41 +163,53 @@ void Bridge::accept_thread(Socket listener) {
             continue;
         }
         backoff.reset();
-        const std::string from = from_sockaddr(peer).text();
-        // The command port hands out the stored tokens of this PC: only local programs may ask.
-        if (!from_loopback(peer)) {
+        const Endpoint address = from_sockaddr(peer);
+        const std::string from = address.text();
+        // The command port hands out the stored tokens of this PC: only the player's own
+        // programs may ask.
+        if (!command_peers_.on_this_pc(address.host)) {
             close_socket(s);
-            log_limited("tcp refused", "tcp: refused connection from " + from + " (not loopback)");
+            log_limited("tcp refused", "tcp: refused connection from " + from + " (not this PC)");
             continue;
         }
-        if (connection_threads_.full(max_game_connections)) {
+        if (check_peer_user_ && !peer_is_same_user(s)) {
             close_socket(s);
+            log_limited("tcp other user", "tcp: refused connection from " + from + " (a program of another user)");
+            continue;
+        }
+        auto connection = std::make_shared<TcpConn>(s);
+        std::string taken;
+        auto slot = connection_slots_.open(
+            [weak = std::weak_ptr<TcpConn>(connection)] {
+                if (auto c = weak.lock()) c->close();
+            },
+            from, max_game_connections, &taken);
+        if (!taken.empty())
+            log_limited("tcp taken", "tcp: took a connection slot back from " + taken + ", idle without a login");
+        if (!slot) {
+            connection->release();
             log_limited("tcp full", "tcp: refused connection from " + from + " (too many connections)");
             continue;
         }
         set_tcp_nodelay(s);
         set_send_timeout(s, send_timeout_ms);
         log_line("tcp: connection from " + from);
-        if (!connection_threads_.start([this, s] { connection_thread(s); })) {
+        if (!connection_threads_.start([this, connection, slot] { connection_thread(connection, slot); })) {
             // No thread to serve it: this connection is refused, the bridge goes on.
-            close_socket(s);
+            connection_slots_.close(slot);
+            connection->release();
             log_limited("tcp thread", "tcp: refused connection from " + from + " (cannot start a thread)");
         }
     }
 }
 
-void Bridge::connection_thread(Socket socket) {
-    auto connection = std::make_shared<TcpConn>(socket);
-    {
-        std::lock_guard<std::mutex> guard(sessions_lock);
-        connections_.push_back(connection);
-    }
-    // stop() sets running before it walks the list: a connection added after the walk sees
-    // the flag here instead.
+void Bridge::connection_thread(const std::shared_ptr<TcpConn>& connection,
+                               const std::shared_ptr<ConnectionSlots::Slot>& slot) {
+    // stop() clears running before it wakes the connections: one whose slot came after that
+    // sees the flag here instead.
     if (!running_) connection->close();
-    session_loop(*this, connection);
-    std::lock_guard<std::mutex> guard(sessions_lock);
-    connections_.erase(std::remove(connections_.begin(), connections_.end(), connection), connections_.end());
+    session_loop(*this, connection, *slot, frame_budget_);
+    connection_slots_.close(slot);
 }
 
 std::vector<int> Bridge::bound_game_proxy_ports() const {

@@ -3,6 +3,7 @@
 // the threads that serve them, and the live sessions. One per process, on the entry's stack.
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "shell/config.h"
 #include "shell/connection_threads.h"
 #include "shell/net.h"
+#include "shell/peer_filter.h"
 #include "shell/util.h"
 
 namespace zq {
@@ -103,13 +105,19 @@ public:
     // Set by stop: every upstream call of every session ends at once.
     std::shared_ptr<const http::CancelFlag> cancel_flag() const { return cancel_; }
 
-    // Game connections served at once; more are closed as soon as they are accepted. A game
-    // holds one, so this only bounds what a misbehaving local program can take.
+    // Game connections served at once. A game holds one, so this only bounds what a
+    // misbehaving local program can take: when all are held, a connection that is idle without
+    // a logged-in game loses its slot to the newcomer, and only when none is does the newcomer
+    // get closed.
     static constexpr int max_game_connections = 64;
-    // A connection that has not sent one complete frame in this time is closed. A game sends its
-    // login right after Hello, and after that idle connections are kept (a game sits in menus
-    // without a word), so only connections that never spoke meet this limit.
-    static constexpr int first_frame_timeout_ms = 10000;
+    // What the frames that all game connections are receiving may hold together, beyond 64 KiB
+    // each; a connection whose frame does not fit is closed.
+    static constexpr std::size_t frame_memory_budget = 16u << 20;
+    // A game sends its login right after Hello, and any frame comes whole: a connection whose
+    // first frame has not come in this time from the accept, or any later frame in this time
+    // from its first byte, is closed. Between frames a game may sit idle as long as it likes (in
+    // menus it says nothing). Set before start.
+    int frame_timeout_ms = 10000;
     // A game that stops reading fails a send after this long, instead of holding its
     // connection's write lock for ever.
     static constexpr int send_timeout_ms = 5000;
@@ -119,7 +127,8 @@ private:
     bool start_gateway(std::string* error);
 
     void accept_thread(Socket listener);
-    void connection_thread(Socket socket);
+    void connection_thread(const std::shared_ptr<TcpConn>& connection,
+                           const std::shared_ptr<ConnectionSlots::Slot>& slot);
     void stun_thread(Socket udp);
 
     const Config config_;
@@ -136,9 +145,13 @@ private:
     http::Server web_server_;
     std::vector<std::unique_ptr<http::Server>> game_proxies_;  // one per route that came up
 
-    // Every open game connection, with or without a session yet, so that stop can wake each
-    // one's blocked read. Guarded by sessions_lock.
-    std::vector<std::shared_ptr<TcpConn>> connections_;
+    // The command port serves programs of this PC only, and of this user where the system tells.
+    PeerFilter command_peers_;
+    bool check_peer_user_ = false;
+    // The cap on game connections, and every open one with or without a session yet, so that
+    // stop can wake each one's blocked read.
+    ConnectionSlots connection_slots_;
+    ByteBudget frame_budget_{frame_memory_budget};
 
     std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
     ConnectionThreads connection_threads_;

@@ -21,6 +21,7 @@ bool TcpConn::write(std::string_view bytes) {
     // Also wakes the connection's read loop, which waits for the game without a timer. The
     // socket stays valid: releasing it takes write_lock, held here.
     shutdown_socket(socket_);
+    wake_.raise();
     return false;
 }
 
@@ -28,6 +29,7 @@ bool TcpConn::write(std::string_view bytes) {
 // shutting the socket down is what ends such a send.
 void TcpConn::close() {
     alive = false;
+    wake_.raise();
     std::lock_guard<std::mutex> guard(socket_lock_);
     if (socket_ != invalid_socket) shutdown_socket(socket_);
 }
@@ -82,62 +84,68 @@ namespace {
 // and a large one is let go once its frame is done.
 class FrameReader {
 public:
-    FrameReader(Bridge& bridge, TcpConn& connection) : bridge_(bridge), connection_(connection) {}
+    FrameReader(Bridge& bridge, TcpConn& connection, ByteBudget& budget)
+        : bridge_(bridge), connection_(connection), buffer_(budget, block_size) {}
 
     // Makes size unread bytes available. False on end of stream or error, after the deadline
-    // (steady seconds, 0 for none), or once the connection or the bridge is being closed.
+    // (steady seconds, 0 for none), when the budget cannot pay for them, or once the connection
+    // or the bridge is being closed.
     bool need(std::size_t size, double deadline) {
         while (buffer_.size() - read_ < size) {
-            if (!bridge_.wait_for_input(connection_.socket(), deadline) || !connection_.is_alive()) return false;
+            if (!bridge_.running() || !connection_.wait_readable(deadline) || !connection_.is_alive()) return false;
             if (!block_) block_.reset(new char[block_size]);  // not cleared: receives fill it
             const int n = recv_some(connection_.socket(), block_.get(), block_size);
             if (n < 1) return false;
-            if (read_ == buffer_.size()) {
-                buffer_.clear();
-                read_ = 0;
-            } else if (read_ > 0) {
-                buffer_.erase(0, read_);
-                read_ = 0;
+            buffer_.consume(read_);
+            read_ = 0;
+            if (!buffer_.append(block_.get(), static_cast<std::size_t>(n))) {
+                over_budget_ = true;
+                return false;
             }
-            buffer_.append(block_.get(), static_cast<std::size_t>(n));
         }
         return true;
     }
     // The next size bytes, which need made available; valid until the next need.
     std::string_view take(std::size_t size) {
-        std::string_view out(buffer_.data() + read_, size);
+        std::string_view out(buffer_.bytes().data() + read_, size);
         read_ += size;
         return out;
     }
     // After a frame is done: a buffer that a large frame grew is given back.
     void settle() {
-        if (read_ == buffer_.size() && buffer_.capacity() > keep_capacity) {
-            std::string().swap(buffer_);
+        if (read_ == buffer_.size()) {
+            buffer_.consume(read_);
             read_ = 0;
         }
     }
+    bool over_budget() const { return over_budget_; }
 
 private:
     static constexpr int block_size = 0x10000;
-    static constexpr std::size_t keep_capacity = 0x100000;
     Bridge& bridge_;
     TcpConn& connection_;
-    std::string buffer_;
+    ReceiveBuffer buffer_;
     std::size_t read_ = 0;  // bytes of buffer_ already taken
     std::unique_ptr<char[]> block_;
+    bool over_budget_ = false;
 };
 
 }  // namespace
 
-void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
+void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, ConnectionSlots::Slot& slot,
+                  ByteBudget& budget) {
     std::shared_ptr<Session> session;
     if (connection->write(hello_frame())) {
-        FrameReader reader(bridge, *connection);
+        FrameReader reader(bridge, *connection, budget);
         std::string reply;
-        // Until its first whole frame a connection has a deadline; a game that has spoken may
-        // then sit idle for as long as it likes.
-        double deadline = steady_seconds() + Bridge::first_frame_timeout_ms / 1000.0;
+        const double frame_seconds = bridge.frame_timeout_ms / 1000.0;
+        // The first frame is due from the accept, every later one from its first byte: a game
+        // may sit idle between frames for as long as it likes, never in the middle of one.
+        double deadline = steady_seconds() + frame_seconds;
         while (bridge.running() && connection->is_alive()) {
+            slot.waiting();
+            if (!reader.need(1, deadline)) break;
+            if (deadline == 0) deadline = steady_seconds() + frame_seconds;
             if (!reader.need(header_size, deadline)) break;
             const CommandHeader header =
                 parse_header(reinterpret_cast<const unsigned char*>(reader.take(header_size).data()));
@@ -151,6 +159,7 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
                 continue;
             }
 
+            slot.working();
             if (!session) {
                 session = std::make_shared<Session>(connection, &bridge);
                 std::lock_guard<std::mutex> guard(bridge.sessions_lock);
@@ -158,6 +167,8 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
             }
             CommandResult result = dispatch(*session, header.command, header.packet_id, body);
             reader.settle();
+            // A logged-in game keeps its slot however long it then sits idle.
+            slot.keep(session->logged_in);
             // The reply is built in one buffer that the connection keeps: result code, payload.
             reply.clear();
             reply.push_back(static_cast<char>(result.code));
@@ -165,6 +176,9 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection) {
             if (!connection->write(build_frame(FrameKind::Reply, header.command, header.packet_id, reply))) break;
             if (session->closing) break;
         }
+        if (reader.over_budget())
+            log_limited("tcp frame memory", "tcp: closed a connection whose frame did not fit in the memory left for "
+                                            "frames");
     }
     connection->release();
 

@@ -21,6 +21,7 @@
 
 #include "bridge/room_state.h"
 #include "http/upstream.h"
+#include "shell/connection_threads.h"
 #include "shell/net.h"
 
 namespace zq {
@@ -50,7 +51,7 @@ struct CommandResult {
 // who writes notifications to it.
 class TcpConn {
 public:
-    explicit TcpConn(Socket socket) : socket_(socket) {}
+    explicit TcpConn(Socket socket) : socket_(socket) { wake_.arm(); }
     ~TcpConn();
     TcpConn(const TcpConn&) = delete;
     TcpConn& operator=(const TcpConn&) = delete;
@@ -58,8 +59,12 @@ public:
     // Sends the whole buffer under the write lock, so frames of two threads never interleave.
     // False (and the connection is dead) when a send fails; false at once when already dead.
     bool write(std::string_view bytes);
-    // For Bridge stop: marks the connection dead and wakes the blocked read of its loop.
+    // For Bridge stop, and for a slot taken back: marks the connection dead and wakes the
+    // blocked read of its loop.
     void close();
+    // For the read loop: waits until the socket can be read, the deadline in steady seconds
+    // passes (0: none) or the connection is closed; true only for the first.
+    bool wait_readable(double deadline) { return wake_.wait(socket_, deadline) == StopSignal::Wait::Ready; }
     // For the read loop's end: marks it dead and releases the socket.
     void release();
 
@@ -75,6 +80,8 @@ private:
     // closer the second, so neither ever meets a handle that was closed (and perhaps reused).
     std::mutex socket_lock_;
     Socket socket_;
+    // Raised by close: a shut-down socket does not wake a wait on every system.
+    StopSignal wake_;
 };
 
 // One game session: created by the first Request on a connection and ended with it.
@@ -161,7 +168,10 @@ private:
 // The text between single quotes, as online ids appear in log lines.
 std::string quote(const std::string& text);
 
-// The body of each connection thread: Hello, then frames until the connection or the Bridge ends.
-void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection);
+// The body of each connection thread: Hello, then frames until the connection or the Bridge
+// ends. The slot learns when the connection waits on the game and whether a game is logged in;
+// what a frame holds beyond a small allowance is paid for from the budget.
+void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, ConnectionSlots::Slot& slot,
+                  ByteBudget& budget);
 
 }  // namespace zq

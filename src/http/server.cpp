@@ -57,6 +57,15 @@ RequestHead parse_request_head(std::string_view head) {
     return out;
 }
 
+HeadProblem head_problem(const RequestHead& head) {
+    for (const auto& [name, value] : head.headers) {
+        if (iequals(name, "Transfer-Encoding")) return {411, "Transfer-Encoding is not taken; send Content-Length"};
+        if (name.find_first_of("\r\n") != std::string::npos || value.find_first_of("\r\n") != std::string::npos)
+            return {400, "bad header"};
+    }
+    return {};
+}
+
 BodyLength body_length(const HeaderList& headers, std::uint64_t limit) {
     const std::string* text = nullptr;
     for (const auto& [name, value] : headers) {
@@ -134,6 +143,7 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
     listener = s;
     stop_signal_.arm();
     cancel_ = std::make_shared<CancelFlag>();
+    budget_ = std::make_unique<zq::ByteBudget>(max_buffered);
     running = true;
     accept_thread = std::thread([this, s] { accept_loop(s); });
     return true;
@@ -149,17 +159,14 @@ void Server::stop() {
     // Closed only now: a socket number closed under a waiting thread may come back as another.
     zq::close_socket(listener);
     listener = zq::invalid_socket;
-    {
-        // Wakes every recv and send; each connection thread closes its own socket.
-        std::lock_guard<std::mutex> guard(connections_lock);
-        for (zq::Socket s : connections) zq::shutdown_socket(s);
-    }
+    // Wakes every recv and send; each connection thread closes its own socket.
+    slots_.wake_all();
     threads_.join_all();
     stop_signal_.close();
 }
 
-bool Server::wait_for(zq::Socket s, double deadline) {
-    return running && stop_signal_.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
+bool Server::wait_for(zq::StopSignal& signal, zq::Socket s, double deadline) {
+    return running && signal.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
 }
 
 void Server::accept_loop(zq::Socket listening) {
@@ -167,8 +174,9 @@ void Server::accept_loop(zq::Socket listening) {
     while (running) {
         // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
         // since ended connection threads are joined when the next one starts.
-        if (!wait_for(listening, 0)) continue;
-        zq::Socket s = zq::accept_socket(listening);
+        if (!wait_for(stop_signal_, listening, 0)) continue;
+        zq::SockAddr from;
+        zq::Socket s = zq::accept_socket(listening, &from);
         if (s == zq::invalid_socket) {
             if (!running) return;
             // Out of descriptors or buffers: the connection waits in the backlog, and the loop
@@ -176,25 +184,43 @@ void Server::accept_loop(zq::Socket listening) {
             const int code = zq::last_socket_error();
             zq::log_limited(zq::format_text("http accept :%d", port),
                             zq::format_text("http :%d: accept failed (error %d), trying again", port, code));
-            wait_for(zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
+            wait_for(stop_signal_, zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
             continue;
         }
         backoff.reset();
-        if (threads_.full(max_connections)) {
+        const zq::Endpoint peer = zq::from_sockaddr(from);
+        if (!peers.admits(peer.host)) {
+            zq::close_socket(s);
+            zq::log_limited(zq::format_text("http refused :%d", port),
+                            zq::format_text("http :%d: refused connection from %s, which it does not serve", port,
+                                            peer.host.c_str()));
+            continue;
+        }
+        std::string taken;
+        // The connection waits on a signal of its own: a shut-down socket does not wake a wait on
+        // every system. Safe until the connection thread closes its slot, which it does before
+        // its socket.
+        auto wake = std::make_shared<zq::StopSignal>();
+        wake->arm();
+        auto slot = slots_.open(
+            [s, wake] {
+                wake->raise();
+                zq::shutdown_socket(s);
+            },
+            peer.text(), max_connections, &taken);
+        if (!taken.empty())
+            zq::log_limited(zq::format_text("http taken :%d", port),
+                            zq::format_text("http :%d: took a connection slot back from %s, which kept it waiting",
+                                            port, taken.c_str()));
+        if (!slot) {
             zq::log_limited(zq::format_text("http full :%d", port),
                             zq::format_text("http :%d: %d connections open, refused another", port, max_connections));
             zq::close_socket(s);
             continue;
         }
-        {
-            std::lock_guard<std::mutex> guard(connections_lock);
-            connections.insert(s);
-        }
-        if (std::string why; !threads_.start([this, s] { connection_thread(s); }, &why)) {
-            {
-                std::lock_guard<std::mutex> guard(connections_lock);
-                connections.erase(s);
-            }
+        if (std::string why;
+            !threads_.start([this, s, peer, slot, wake] { connection_thread(s, peer, slot, wake); }, &why)) {
+            slots_.close(slot);
             zq::close_socket(s);
             zq::log_limited(zq::format_text("http thread :%d", port),
                             zq::format_text("http :%d: refused a connection, no thread: %s", port, why.c_str()));
@@ -202,37 +228,55 @@ void Server::accept_loop(zq::Socket listening) {
     }
 }
 
-void Server::connection_thread(zq::Socket s) {
-    std::string buffer;  // grows with what arrives, never with what a header announces
+void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
+                               std::shared_ptr<zq::StopSignal> wake) {
     // Large blocks, because every receive costs a wait beside it (a round trip to the
     // wineserver under Wine) and a head may be a megabyte.
     // Not cleared: the pages are touched only as far as receives fill them.
     constexpr int block_size = 65536;
     std::unique_ptr<char[]> block(new char[block_size]);
+    // Grows with what arrives, never with what a header announces.
+    zq::ReceiveBuffer buffer(*budget_, block_size);
+    bool over_budget = false;
     bool keep_alive = true;
     bool first = true;
-    zq::Endpoint peer;  // who connected, the same for every request on the connection
-    if (zq::SockAddr from; zq::peer_address(s, &from)) peer = zq::from_sockaddr(from);
+    const bool from_this_pc = peers.on_this_pc(peer.host);
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
-    // passed, or the server is stopping.
+    // passed, the budget has no room for it, or the server is stopping.
     auto receive = [&](double deadline) {
-        if (!wait_for(s, deadline)) return false;
+        if (!wait_for(*wake, s, deadline)) return false;
         int n = zq::recv_some(s, block.get(), block_size);
         if (n < 1) return false;
-        buffer.append(block.get(), static_cast<std::size_t>(n));
-        return true;
+        over_budget = !buffer.append(block.get(), static_cast<std::size_t>(n));
+        return !over_budget;
     };
     auto seconds_from_now = [](int ms) { return zq::steady_seconds() + ms / 1000.0; };
+    auto send = [&](const std::string& bytes) {
+        slot->waiting();
+        return zq::send_all(s, bytes, seconds_from_now(send_timeout_ms));
+    };
+    // Answers a request that cannot be taken, then ends the connection: what follows it on the
+    // wire cannot be told from its body.
+    auto refuse = [&](int status, const char* message, bool head_only) {
+        if (send(format_response(error_response(message, status), false, head_only))) {
+            // Reads on for a moment, so that closing with unread bytes does not reset the
+            // connection before the client has read the answer.
+            const double linger = seconds_from_now(1000);
+            while (wait_for(*wake, s, linger) && zq::recv_some(s, block.get(), block_size) > 0) {
+            }
+        }
+    };
     while (keep_alive && running) {
         // A new connection owes its head from the start; a kept-alive one may sit idle longer,
         // but once its next request has begun, the head is due within the same time.
-        bool begun = first || !buffer.empty();
+        bool begun = first || buffer.size() > 0;
         first = false;
+        slot->waiting();
         double deadline = seconds_from_now(begun ? head_timeout_ms : idle_timeout_ms);
         std::size_t searched = 0;
         std::size_t end;
         bool have_head = true;
-        while ((end = buffer.find("\r\n\r\n", searched)) == std::string::npos) {
+        while ((end = buffer.bytes().find("\r\n\r\n", searched)) == std::string::npos) {
             searched = buffer.size() < 3 ? 0 : buffer.size() - 3;
             // An overlong head is dropped without an answer, even if this block held its end.
             if (!receive(deadline) || buffer.size() > max_head_buffer) {
@@ -245,26 +289,25 @@ void Server::connection_thread(zq::Socket s) {
             }
         }
         if (!have_head) break;
-        RequestHead head = parse_request_head(std::string_view(buffer).substr(0, end));
-        buffer.erase(0, end + 4);
+        RequestHead head = parse_request_head(std::string_view(buffer.bytes()).substr(0, end));
+        buffer.consume(end + 4);
 
+        const bool head_only = head.method == "HEAD";
+        if (const HeadProblem problem = head_problem(head); problem.status != 0) {
+            refuse(problem.status, problem.message, head_only);
+            break;
+        }
         const BodyLength length = body_length(head.headers, max_body);
-        if (length.kind != BodyLength::Ok) {
-            // Where this body ends is unknown or too far away: answer, and end the connection.
-            if (length.kind == BodyLength::TooLarge)
-                zq::log_limited(zq::format_text("http body :%d", port),
-                                zq::format_text("http :%d: refused a body of %llu bytes (at most %llu)", port,
-                                                static_cast<unsigned long long>(length.bytes),
-                                                static_cast<unsigned long long>(max_body)));
-            const ServerResponse refused = length.kind == BodyLength::TooLarge
-                                               ? error_response("request body too large", 413)
-                                               : error_response("bad Content-Length", 400);
-            if (zq::send_all(s, format_response(refused, false, head.method == "HEAD"))) {
-                // Reads on for a moment, so that closing with unread bytes does not reset the
-                // connection before the client has read the answer.
-                const double linger = seconds_from_now(1000);
-                while (receive(linger)) buffer.clear();
-            }
+        if (length.kind == BodyLength::TooLarge) {
+            zq::log_limited(zq::format_text("http body :%d", port),
+                            zq::format_text("http :%d: refused a body of %llu bytes (at most %llu)", port,
+                                            static_cast<unsigned long long>(length.bytes),
+                                            static_cast<unsigned long long>(max_body)));
+            refuse(413, "request body too large", head_only);
+            break;
+        }
+        if (length.kind == BodyLength::Malformed) {
+            refuse(400, "bad Content-Length", head_only);
             break;
         }
         const double body_deadline = seconds_from_now(body_timeout_ms);
@@ -275,20 +318,26 @@ void Server::connection_thread(zq::Socket s) {
                 break;
             }
         }
-        if (!complete) break;
+        if (!complete) {
+            // Other connections hold the memory that this body needs: it may come again later.
+            if (over_budget) refuse(503, "busy, try again", head_only);
+            break;
+        }
 
         ServerRequest request;
         request.method = std::move(head.method);
         request.path = std::move(head.path);
         request.headers = std::move(head.headers);
-        request.body = buffer.substr(0, static_cast<std::size_t>(length.bytes));
+        request.body = buffer.bytes().substr(0, static_cast<std::size_t>(length.bytes));
         request.cancel = cancel_;
         request.peer = peer;
-        buffer.erase(0, static_cast<std::size_t>(length.bytes));
+        request.from_this_pc = from_this_pc;
+        buffer.consume(static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")
             keep_alive = false;
 
+        slot->working();
         ServerResponse response;
         try {
             response = handler(request);  // an empty handler throws bad_function_call
@@ -299,12 +348,9 @@ void Server::connection_thread(zq::Socket s) {
             response = json_response(body, 500);
         }
 
-        if (!zq::send_all(s, format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
+        if (!send(format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
     }
-    {
-        std::lock_guard<std::mutex> guard(connections_lock);
-        connections.erase(s);
-    }
+    slots_.close(slot);
     zq::close_socket(s);
 }
 

@@ -4,10 +4,12 @@
 // handler, and what the handler returns is written back.
 //
 // Anything on the machine can connect, so every resource a caller can make it hold is bounded:
-// connections at once (more are closed at once), the time a request head, a body and an idle
-// keep-alive connection may take, and the size of a body (larger ones get 413). Every
-// connection thread is owned and joined by stop, which first cancels the handlers' upstream
-// calls through the flag that each request carries.
+// who may connect at all (by address), connections at once (a full server takes a slot back
+// from a connection that waits on its peer, and closes a newcomer only when none does), the
+// time a request head, a body, an idle keep-alive connection and the sending of a response may
+// take, the size of a body (larger ones get 413), and the memory that all connections' receive
+// buffers hold together. Every connection thread is owned and joined by stop, which first
+// cancels the handlers' upstream calls through the flag that each request carries.
 
 #include <atomic>
 #include <cstddef>
@@ -16,7 +18,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -28,6 +29,7 @@
 #include "http/headers.h"
 #include "shell/connection_threads.h"
 #include "shell/net.h"
+#include "shell/peer_filter.h"
 
 namespace http {
 
@@ -40,6 +42,7 @@ struct ServerRequest {
     // request, so that stop does not wait for them. Never null on the server's threads.
     std::shared_ptr<const CancelFlag> cancel;
     zq::Endpoint peer;  // who connected; empty when the system could not tell
+    bool from_this_pc = false;  // the peer is a program on this PC, by the server's filter
 };
 
 struct ServerResponse {
@@ -70,6 +73,15 @@ struct RequestHead {
 
 // Pure parse of a head: a malformed request line gives empty or partial words, never a failure.
 RequestHead parse_request_head(std::string_view head);
+
+// Why a parsed head cannot be served as it stands, with the status to answer; status 0 when it
+// can. A Transfer-Encoding leaves the end of the body to a coding that this server does not
+// read, and a CR or LF inside a header's name or value could become a header of its own further on.
+struct HeadProblem {
+    int status = 0;
+    const char* message = "";
+};
+HeadProblem head_problem(const RequestHead& head);
 
 // The largest request body taken: far above what the game posts (its largest bodies, play log
 // uploads, are some kilobytes), small enough that a full set of connections stays affordable.
@@ -102,36 +114,46 @@ public:
     // every connection and joins every thread of the server before it returns.
     void stop();
 
+    // Closes every open connection at once, without an answer; for stop, and for a test double
+    // that drops its callers.
+    void drop_connections() { slots_.wake_all(); }
+
     // Limits, set before start. Times in milliseconds.
-    int max_connections = 64;      // open at once; more are closed as soon as they are accepted
+    zq::PeerFilter peers = zq::PeerFilter::everyone();  // who may connect; the others are closed at once
+    int max_connections = 64;      // slots; see ConnectionSlots for who loses one when all are held
     int head_timeout_ms = 10000;   // for a whole request head, from its first byte (or the accept)
     int idle_timeout_ms = 30000;   // for the first byte of the next request on a kept-alive one
     int body_timeout_ms = 30000;   // for a whole body, from the end of its head
+    int send_timeout_ms = 10000;   // for a whole response
     std::uint64_t max_body = max_request_body;
+    // What all receive buffers together may hold beyond 64 KiB each: a body that it cannot take
+    // gets 503, a head is dropped.
+    std::size_t max_buffered = 16u << 20;
 
     zq::Socket listener = zq::invalid_socket;
     int port = 0;  // the port actually bound
     Handler handler;
     std::thread accept_thread;
     std::atomic<bool> running{false};
-    std::mutex connections_lock;  // guards connections
-    std::set<zq::Socket> connections;
 
 private:
     // Raised by stop: every connection and the accept loop wait on it beside their own socket.
     zq::StopSignal stop_signal_;
+    zq::ConnectionSlots slots_;
     zq::ConnectionThreads threads_;
     std::shared_ptr<CancelFlag> cancel_;
+    std::unique_ptr<zq::ByteBudget> budget_;
 
 public:
     std::atomic<std::int32_t>& active_connections = threads_.active;  // connection threads serving now
 
 private:
     void accept_loop(zq::Socket listening);
-    void connection_thread(zq::Socket s);
-    // Waits on s (or only on the stop signal when s is invalid) until it is readable, the
-    // deadline (steady seconds) passes or stop is under way; true only for the first.
-    bool wait_for(zq::Socket s, double deadline);
+    void connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
+                           std::shared_ptr<zq::StopSignal> wake);
+    // Waits on s (or only on the signal when s is invalid) until it is readable, the deadline
+    // (steady seconds) passes, the signal is raised or stop is under way; true only for the first.
+    bool wait_for(zq::StopSignal& signal, zq::Socket s, double deadline);
 };
 
 }  // namespace http

@@ -78,6 +78,7 @@ bool config_from_json(const nlohmann::json& doc, Config& config, std::string& pr
         }
     }
     c.user_agent = json_text(doc, "user_agent", c.user_agent);
+    c.share_account_with_network = read_flag(doc, "share_account_with_network", false);
     config = std::move(c);
     return true;
 }

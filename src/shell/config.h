@@ -33,6 +33,9 @@ struct Config {
     double p2p_keepalive = 15.0;   // seconds of a peer's silence between keepalive punches; 0 none
     std::map<std::int32_t, std::string> game_proxy_routes;
     std::string user_agent;
+    // Lets hosts of bind_host's network use the game proxies and the summon route, which add
+    // the player's token: it hands the account to that network.
+    bool share_account_with_network = false;
 
     // The defaults, with the deployment's service host in the URLs.
     Config();

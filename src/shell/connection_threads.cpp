@@ -1,7 +1,11 @@
 #include "shell/connection_threads.h"
 
+#include <algorithm>
+#include <cstring>
+#include <new>
 #include <system_error>
 
+#include "shell/pages.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 
@@ -103,6 +107,109 @@ void ConnectionThreads::join_all() {
         ended_.clear();
     }
     for (auto& [id, thread] : all) thread.join();
+}
+
+std::shared_ptr<ConnectionSlots::Slot> ConnectionSlots::open(std::function<void()> wake, const std::string& peer,
+                                                            int limit, std::string* taken) {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::shared_ptr<Slot> victim;
+    if (static_cast<int>(slots_.size()) - taken_ >= limit) {
+        // Those taken back end at once unless a handler is still busy; never more of them than
+        // the limit, so that threads stay bounded.
+        if (taken_ >= limit) return nullptr;
+        for (const auto& slot : slots_) {
+            const double since = slot->since_;
+            if (slot->taken_ || slot->kept_ || since < 0) continue;
+            if (!victim || since < victim->since_) victim = slot;
+        }
+        if (!victim) return nullptr;
+        victim->taken_ = true;
+        ++taken_;
+        // Under the lock, so that the connection cannot close (and its socket be reused) meanwhile.
+        victim->wake_();
+        if (taken) *taken = victim->peer_;
+    }
+    auto slot = std::shared_ptr<Slot>(new Slot(std::move(wake), peer));
+    slots_.push_back(slot);
+    return slot;
+}
+
+void ConnectionSlots::close(const std::shared_ptr<Slot>& slot) {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = std::find(slots_.begin(), slots_.end(), slot);
+    if (it == slots_.end()) return;
+    if ((*it)->taken_) --taken_;
+    slots_.erase(it);
+}
+
+void ConnectionSlots::wake_all() {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (const auto& slot : slots_) slot->wake_();
+}
+
+bool ByteBudget::take(std::size_t bytes) {
+    std::size_t left = left_.load();
+    do {
+        if (left < bytes) return false;
+    } while (!left_.compare_exchange_weak(left, left - bytes));
+    return true;
+}
+
+ReceiveBuffer::~ReceiveBuffer() {
+    release();
+    pay_for(0);
+}
+
+bool ReceiveBuffer::pay_for(std::size_t capacity) {
+    const std::size_t due = capacity > allowance_ ? capacity - allowance_ : 0;
+    if (due > paid_ && !budget_.take(due - paid_)) return false;
+    if (due < paid_) budget_.give(paid_ - due);
+    paid_ = due;
+    return true;
+}
+
+bool ReceiveBuffer::move_to(std::size_t capacity) {
+    char* fresh = capacity > allowance_ ? allocate_pages(capacity) : new (std::nothrow) char[capacity];
+    if (!fresh) return false;
+    if (size_ > 0) std::memcpy(fresh, data_, size_);
+    release();
+    data_ = fresh;
+    capacity_ = capacity;
+    return true;
+}
+
+void ReceiveBuffer::release() {
+    if (capacity_ > allowance_)
+        free_pages(data_, capacity_);
+    else
+        delete[] data_;
+    data_ = nullptr;
+    capacity_ = 0;
+}
+
+bool ReceiveBuffer::append(const char* data, std::size_t size) {
+    const std::size_t needed = size_ + size;
+    if (needed > capacity_) {
+        // Room for a little more than has come, never for what a header merely announces.
+        std::size_t capacity = std::max(needed, capacity_ + capacity_ / 2);
+        if (!pay_for(capacity)) capacity = needed;
+        if (!pay_for(capacity) || !move_to(capacity)) {
+            pay_for(capacity_);
+            return false;
+        }
+    }
+    std::memcpy(data_ + size_, data, size);
+    size_ = needed;
+    return true;
+}
+
+void ReceiveBuffer::consume(std::size_t size) {
+    if (size_ > size) std::memmove(data_, data_ + size, size_ - size);
+    size_ -= size;
+    if (size_ == 0 && capacity_ > allowance_) {
+        release();
+        pay_for(0);
+    }
 }
 
 }  // namespace zq

@@ -18,6 +18,34 @@ bool send_all(Socket s, std::string_view bytes) {
     return true;
 }
 
+bool send_all(Socket s, std::string_view bytes, double deadline) {
+    while (!bytes.empty()) {
+        const double left = deadline - steady_seconds();
+        if (left <= 0) return false;
+        // Each call may block only for what is left of the whole.
+        set_send_timeout(s, static_cast<int>(left * 1000) + 1);
+        const int n = send_some(s, bytes.data(), static_cast<int>(std::min<std::size_t>(bytes.size(), 0x7FFFFFFF)));
+        if (n < 1) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+bool peer_user_check_works() {
+    network_init();
+    Socket listener = open_tcp_socket();
+    Socket client = open_tcp_socket();
+    Socket accepted = invalid_socket;
+    if (bind_socket(listener, to_sockaddr(Endpoint{"127.0.0.1", 0})) && listen_socket(listener, 1)) {
+        SockAddr at;
+        // A loopback connect completes from the backlog, before anyone accepts it.
+        if (local_address(listener, &at) && connect_socket(client, at)) accepted = accept_socket(listener);
+    }
+    const bool works = accepted != invalid_socket && peer_is_same_user(accepted);
+    for (Socket s : {accepted, client, listener}) close_socket(s);
+    return works;
+}
+
 std::string local_ipv4() {
     network_init();
     Socket s = open_udp_socket();

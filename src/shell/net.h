@@ -82,6 +82,23 @@ int recv_from(Socket s, char* buffer, int size, SockAddr* from);
 int send_to(Socket s, const char* data, int size, const SockAddr& to);
 // Sends all of bytes on a stream socket, call after call; false once a call fails.
 bool send_all(Socket s, std::string_view bytes);
+// The same, but false also once the deadline (steady seconds) passes with bytes still unsent:
+// a peer that reads slowly or not at all cannot hold the sender for longer. It leaves a send
+// time-out on the socket, which is not for blocking sends of any other kind afterwards.
+bool send_all(Socket s, std::string_view bytes, double deadline);
+
+// The prefix length of the network of the interface that holds this IPv4 address (dotted
+// text), or -1 when no interface of this machine holds it.
+int interface_prefix_length(const std::string& address);
+
+// Whether the program at the other end of a connection on this machine runs as the same user
+// as this process: the owner of its socket in the system's table of connections (Linux: the
+// uid in /proc/net/tcp; Windows: the user of the owning process in the TCP table). False when
+// it runs as another user, and also when the table has no row for it.
+bool peer_is_same_user(Socket s);
+// Whether peer_is_same_user can tell on this system: it is asked about a loopback connection of
+// this process's own, which must come out as the same user.
+bool peer_user_check_works();
 
 // One datagram of a batch, in a buffer of the caller's: a receive fills size and address, a send
 // reads data, size and address.

@@ -2,7 +2,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -210,6 +213,83 @@ int send_batch(Socket s, const UdpMessage* messages, int count) {
 
 void set_receive_buffer(Socket s, int bytes) {
     ::setsockopt(fd(s), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
+int interface_prefix_length(const std::string& address) {
+    in_addr wanted{};
+    if (inet_pton(AF_INET, address.c_str(), &wanted) != 1) return -1;
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) return -1;
+    int prefix = -1;
+    for (ifaddrs* i = list; i && prefix < 0; i = i->ifa_next) {
+        if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET || !i->ifa_netmask) continue;
+        if (reinterpret_cast<const sockaddr_in*>(i->ifa_addr)->sin_addr.s_addr != wanted.s_addr) continue;
+        const std::uint32_t mask = ntohl(reinterpret_cast<const sockaddr_in*>(i->ifa_netmask)->sin_addr.s_addr);
+        prefix = 0;
+        for (std::uint32_t bit = 0x80000000u; bit && (mask & bit); bit >>= 1) ++prefix;
+    }
+    ::freeifaddrs(list);
+    return prefix;
+}
+
+namespace {
+
+// An address and port as the kernel's connection tables print them: each 32-bit word of the
+// address as the number that it is in memory, then the port, in upper-case hex.
+std::string table_text(const unsigned char* address, std::size_t size, std::uint16_t port) {
+    std::string out;
+    char word_text[9];
+    for (std::size_t at = 0; at < size; at += 4) {
+        std::uint32_t word;
+        std::memcpy(&word, address + at, 4);
+        std::snprintf(word_text, sizeof word_text, "%08X", word);
+        out += word_text;
+    }
+    char port_text[6];
+    std::snprintf(port_text, sizeof port_text, ":%04X", port);
+    return out + port_text;
+}
+
+// The uid column of the row whose two ends are local and remote, or -1. The table is the one
+// of this thread's network namespace, where its sockets are (/proc/net is the main thread's).
+long table_uid(const char* table, const std::string& local, const std::string& remote) {
+    std::ifstream in(std::string("/proc/thread-self/net/") + table);
+    if (!in) in.open(std::string("/proc/net/") + table);
+    std::string line;
+    std::getline(in, line);  // the column names
+    char row_local[64], row_remote[64];
+    unsigned long uid;
+    while (std::getline(in, line)) {
+        // sl local_address rem_address st tx_queue:rx_queue tr:tm->when retrnsmt uid ...
+        if (std::sscanf(line.c_str(), " %*s %63s %63s %*s %*s %*s %*s %lu", row_local, row_remote, &uid) != 3)
+            continue;
+        if (local == row_local && remote == row_remote) return static_cast<long>(uid);
+    }
+    return -1;
+}
+
+}  // namespace
+
+bool peer_is_same_user(Socket s) {
+    SockAddr mine, theirs;
+    if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
+    const sockaddr_in& a = as_in(mine);
+    const sockaddr_in& b = as_in(theirs);
+    // The peer's own socket is the row seen from its side: its address local, ours remote.
+    const auto v4 = [](const sockaddr_in& in) {
+        return table_text(reinterpret_cast<const unsigned char*>(&in.sin_addr), 4, ntohs(in.sin_port));
+    };
+    long uid = table_uid("tcp", v4(b), v4(a));
+    if (uid < 0) {
+        // A program with an IPv6 socket reaches an IPv4 listener by a mapped address.
+        const auto mapped = [](const sockaddr_in& in) {
+            unsigned char address[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+            std::memcpy(address + 12, &in.sin_addr, 4);
+            return table_text(address, 16, ntohs(in.sin_port));
+        };
+        uid = table_uid("tcp6", mapped(b), mapped(a));
+    }
+    return uid >= 0 && static_cast<uid_t>(uid) == ::geteuid();
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {

@@ -7,9 +7,13 @@
 #include <ws2tcpip.h>
 #include <mstcpip.h>
 #include <mswsock.h>
+#include <windows.h>
+#include <iphlpapi.h>
 
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <vector>
 
 namespace zq {
 
@@ -162,6 +166,112 @@ int send_batch(Socket s, const UdpMessage* messages, int count) {
 
 void set_receive_buffer(Socket s, int bytes) {
     ::setsockopt(sock(s), SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&bytes), sizeof bytes);
+}
+
+int interface_prefix_length(const std::string& address) {
+    in_addr wanted{};
+    if (inet_pton(AF_INET, address.c_str(), &wanted) != 1) return -1;
+    const ULONG flags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
+    std::vector<unsigned char> buffer(16384);
+    ULONG size = static_cast<ULONG>(buffer.size());
+    ULONG result;
+    // The list may grow between the two calls; a few tries settle it.
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        result = GetAdaptersAddresses(AF_INET, flags, nullptr,
+                                      reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data()), &size);
+        if (result != ERROR_BUFFER_OVERFLOW) break;
+        buffer.resize(size);
+    }
+    if (result != NO_ERROR) return -1;
+    for (auto* adapter = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data()); adapter; adapter = adapter->Next)
+        for (auto* unicast = adapter->FirstUnicastAddress; unicast; unicast = unicast->Next) {
+            const sockaddr* a = unicast->Address.lpSockaddr;
+            if (a && a->sa_family == AF_INET &&
+                reinterpret_cast<const sockaddr_in*>(a)->sin_addr.s_addr == wanted.s_addr)
+                return unicast->OnLinkPrefixLength;
+        }
+    return -1;
+}
+
+namespace {
+
+// The TCP table of one address family, with the owning process of each row.
+std::vector<unsigned char> owner_table(ULONG family) {
+    std::vector<unsigned char> table(16384);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        DWORD size = static_cast<DWORD>(table.size());
+        const DWORD result = GetExtendedTcpTable(table.data(), &size, FALSE, family, TCP_TABLE_OWNER_PID_CONNECTIONS, 0);
+        if (result == NO_ERROR) return table;
+        if (result != ERROR_INSUFFICIENT_BUFFER) break;
+        table.resize(size + 4096);
+    }
+    return {};
+}
+
+// The process that owns the socket whose ends are local and remote (ours seen from the peer),
+// or 0 when no row has them.
+DWORD owning_process(const sockaddr_in& local, const sockaddr_in& remote) {
+    // Ports stand in the low 16 bits of their field, in network order, as sin_port holds them.
+    const auto same_port = [](DWORD field, u_short port) { return static_cast<u_short>(field & 0xFFFF) == port; };
+    std::vector<unsigned char> v4 = owner_table(AF_INET);
+    if (!v4.empty()) {
+        const auto* t = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(v4.data());
+        for (DWORD i = 0; i < t->dwNumEntries; ++i) {
+            const MIB_TCPROW_OWNER_PID& row = t->table[i];
+            if (row.dwLocalAddr == local.sin_addr.s_addr && same_port(row.dwLocalPort, local.sin_port) &&
+                row.dwRemoteAddr == remote.sin_addr.s_addr && same_port(row.dwRemotePort, remote.sin_port))
+                return row.dwOwningPid;
+        }
+    }
+    // A program with an IPv6 socket reaches an IPv4 listener by a mapped address.
+    const auto mapped = [](const sockaddr_in& in, const UCHAR* address) {
+        static const unsigned char prefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+        return std::memcmp(address, prefix, 12) == 0 && std::memcmp(address + 12, &in.sin_addr, 4) == 0;
+    };
+    std::vector<unsigned char> v6 = owner_table(AF_INET6);
+    if (!v6.empty()) {
+        const auto* t = reinterpret_cast<const MIB_TCP6TABLE_OWNER_PID*>(v6.data());
+        for (DWORD i = 0; i < t->dwNumEntries; ++i) {
+            const MIB_TCP6ROW_OWNER_PID& row = t->table[i];
+            if (mapped(local, row.ucLocalAddr) && same_port(row.dwLocalPort, local.sin_port) &&
+                mapped(remote, row.ucRemoteAddr) && same_port(row.dwRemotePort, remote.sin_port))
+                return row.dwOwningPid;
+        }
+    }
+    return 0;
+}
+
+// The user of a process's token, or empty when the process or its token cannot be read.
+std::vector<unsigned char> process_user(HANDLE process) {
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(process, TOKEN_QUERY, &token)) return {};
+    std::vector<unsigned char> user(256);
+    DWORD size = 0;
+    if (!GetTokenInformation(token, TokenUser, user.data(), static_cast<DWORD>(user.size()), &size)) {
+        user.assign(size, 0);
+        if (size == 0 || !GetTokenInformation(token, TokenUser, user.data(), size, &size)) user.clear();
+    }
+    CloseHandle(token);
+    return user;
+}
+
+}  // namespace
+
+bool peer_is_same_user(Socket s) {
+    SockAddr mine, theirs;
+    if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
+    const DWORD pid = owning_process(as_in(theirs), as_in(mine));
+    if (pid == 0) return false;
+    if (pid == GetCurrentProcessId()) return true;
+    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+    // A process that this user may not even look at is not this user's.
+    if (!process) return false;
+    std::vector<unsigned char> theirs_user = process_user(process);
+    CloseHandle(process);
+    std::vector<unsigned char> own_user = process_user(GetCurrentProcess());
+    if (theirs_user.empty() || own_user.empty()) return false;
+    return EqualSid(reinterpret_cast<TOKEN_USER*>(theirs_user.data())->User.Sid,
+                    reinterpret_cast<TOKEN_USER*>(own_user.data())->User.Sid) != FALSE;
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {

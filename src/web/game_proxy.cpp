@@ -35,6 +35,12 @@ std::string lower(std::string text) {
 
 bool is_hop_by_hop(const std::string& name) { return hop_by_hop_headers.count(lower(name)) != 0; }
 
+// Headers that the bridge adds itself: a caller's copy must not go out ahead of ours, nor in
+// place of one that we leave out.
+bool is_own_header(const std::string& lower_name) {
+    return lower_name == "x-zq-token" || lower_name == "x-velmar-ruleset";
+}
+
 }  // namespace
 
 http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_url,
@@ -65,7 +71,7 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
     std::string game_agent;
     for (const auto& [name, value] : request.headers) {
         const std::string key = lower(name);
-        if (hop_by_hop_headers.count(key)) continue;
+        if (hop_by_hop_headers.count(key) || is_own_header(key)) continue;
         if (key == "user-agent") {
             game_agent = value;
             continue;

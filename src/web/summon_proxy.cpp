@@ -45,6 +45,14 @@ bool is_empty_advertisement(const nlohmann::json& value) {
 http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& request) {
     const Config& config = bridge.config();
     const std::string path = web::path_without_query(request.path);
+    // The call goes out with the player's token: to another host's caller only where the user
+    // chose to share the account with the network.
+    if (!request.from_this_pc && !config.share_account_with_network) {
+        log_limited(format_text("summon refused :%d", bridge.bound_webapi_port()),
+                    format_text("summon %s: refused %s, which is not this PC", web::printable(path).c_str(),
+                                request.peer.host.c_str()));
+        return http::json_response(Json{{"ResKind", 1}, {"Message", "forbidden"}}, 403);
+    }
     // The path is joined to the community server's URL: it must not lead anywhere else there.
     if (!web::safe_target(path) || web::has_dot_segment(path))
         return http::json_response(Json{{"ResKind", 1}, {"Message", "bad path"}}, 400);

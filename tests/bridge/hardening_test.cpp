@@ -1,14 +1,16 @@
-// What a hostile local program, a stuck game or a stuck service can do to the bridge: reach its
-// listeners from outside the loopback or the address it is told, hold stop up, or cost the
-// player an account.
+// What a hostile local program, another user of this PC, a host on the network, a stuck game or
+// a stuck service can do to the bridge: reach its listeners from where it should not, hold a
+// connection in the middle of a frame, hold stop up, or cost the player an account.
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
+#include "shell/log.h"
 #include "support/bridge_rig.h"
 #include "support/fake_port.h"
+#include "support/netns.h"
 #include "support/trickle_server.h"
 
 namespace {
@@ -26,21 +28,119 @@ json created(const std::string& name) {
 
 }  // namespace
 
-// The command port hands out stored tokens; a peer from another machine gets nothing, not even
-// the Hello, and its refusal is logged.
-TEST(BridgeHardening, CommandPortRefusesPeersOutsideTheLoopback) {
-    const std::string own = zq::local_ipv4();
-    if (own.rfind("127.", 0) == 0) GTEST_SKIP() << "this machine has no address outside the loopback";
-    BridgeRig rig;
-    rig.config.bind_host = own;
-    ASSERT_TRUE(rig.start());
+// Every listener serves this PC, and the network of the interface that bind_host names; the
+// game proxies and the summon route, which add the player's token, serve that network only
+// where the user chose to share the account with it, and the command port never does. A host
+// of another network, and with bind_host 0.0.0.0 every host but this PC, is refused by them all.
+TEST(BridgeHardening, ListenersServeThisPCAndTheNetworkThatBindHostNames) {
+    if (const std::string why = network_lab_unavailable(); !why.empty()) GTEST_SKIP() << why;
+    NetworkLab lab;
+    // One PC with an interface on 10.77.0.0/24: its second address stands for a host of that
+    // network, an address on another interface for a host elsewhere.
+    bool made = lab.add("pc");
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"link", "add", "lan", "type", "veth", "peer", "name", "lan-end"},
+             {"link", "add", "far", "type", "veth", "peer", "name", "far-end"},
+             {"addr", "add", "10.77.0.1/24", "dev", "lan"},
+             {"addr", "add", "10.77.0.2/24", "dev", "lan"},
+             {"addr", "add", "10.78.0.2/24", "dev", "far"},
+             {"link", "set", "lan", "up"},
+             {"link", "set", "lan-end", "up"},
+             {"link", "set", "far", "up"},
+             {"link", "set", "far-end", "up"}})
+        made = made && lab.ip("pc", command);
+    ASSERT_TRUE(made) << lab.error();
+    // The bridge and its clients live inside the PC, where both networks are.
+    const bool inside = lab.run_inside("pc", [&] {
+        zq::reset_log_limits();
+        BridgeRig rig(BridgeRig::Service::Scripted);
+        rig.service.set_fallback([](const RecordedRequest&) -> std::optional<ScriptedAnswer> {
+            return ScriptedAnswer::text(200, "upstream");
+        });
+        rig.config.game_proxy_routes = {{0, rig.service.base_url()}};
 
-    FakeGame stranger;
-    ASSERT_TRUE(stranger.connect(rig.bridge().bound_tcp_port(), own));
-    auto seen = stranger.read_to_end();
-    ASSERT_TRUE(seen);
-    EXPECT_EQ(*seen, "");
-    EXPECT_TRUE(wait_until([&] { return rig.log.count_containing("tcp: refused connection from " + own) == 1; }));
+        // The status of the answer, or 0 when the listener closed without one.
+        auto status = [](const std::string& from, const std::string& to, int port, const std::string& line) {
+            http_test::RawClient c(from, to, port);
+            c.send(line + " HTTP/1.1\r\nHost: " + to + "\r\nContent-Length: 2\r\n\r\n{}");
+            const http_test::RawResponse r = c.read_response();
+            return r.ok ? std::stoi(r.head.substr(9, 3)) : 0;
+        };
+        auto greeted = [](const std::string& from, const std::string& to, int port) {
+            return FakeGame().connect_and_greet(port, to, from);
+        };
+        for (const auto& [bind, share] : {std::pair{"10.77.0.1"s, false}, {"10.77.0.1"s, true}, {"0.0.0.0"s, true}}) {
+            SCOPED_TRACE(bind + (share ? ", account shared" : ""));
+            rig.config.bind_host = bind;
+            rig.config.share_account_with_network = share;
+            zq::Bridge* bridge = rig.start();
+            ASSERT_TRUE(bridge);
+            const int web = bridge->bound_webapi_port(), proxy = bridge->bound_game_proxy_ports().at(0),
+                      tcp = bridge->bound_tcp_port();
+            const bool network = bind != "0.0.0.0";
+
+            EXPECT_EQ(status("10.77.0.2", "10.77.0.1", web, "GET /status"), network ? 200 : 0);
+            EXPECT_EQ(status("10.77.0.2", "10.77.0.1", web, "POST /summon_messenger/list"), !network ? 0 : share ? 200 : 403);
+            EXPECT_EQ(status("10.77.0.2", "10.77.0.1", proxy, "GET /x"), network && share ? 200 : 0);
+            EXPECT_FALSE(greeted("10.77.0.2", "10.77.0.1", tcp));
+
+            for (int port : {web, proxy}) EXPECT_EQ(status("10.78.0.2", "10.77.0.1", port, "GET /status"), 0);
+            EXPECT_FALSE(greeted("10.78.0.2", "10.77.0.1", tcp));
+
+            // This PC, also by the address of the interface.
+            const std::string own = network ? "10.77.0.1" : "127.0.0.1";
+            EXPECT_EQ(status(own, own, web, "POST /summon_messenger/list"), 200);
+            EXPECT_EQ(status(own, own, proxy, "GET /x"), 200);
+            EXPECT_TRUE(greeted(own, own, tcp));
+        }
+        EXPECT_TRUE(rig.log.contains("refused connection from 10.78.0.2, which it does not serve"));
+        EXPECT_TRUE(rig.log.contains("tcp: refused connection from 10.77.0.2:"));
+        EXPECT_TRUE(rig.log.contains("summon /summon_messenger/list: refused 10.77.0.2, which is not this PC"));
+    });
+    EXPECT_TRUE(inside) << lab.error();
+}
+
+// The identity that the command port hands out carries the stored token: a program that runs
+// as another user of this PC gets nothing, not even the Hello, and the refusal is logged.
+TEST(BridgeHardening, CommandPortServesOnlyProgramsOfTheSameUser) {
+    std::string why;
+    const std::vector<std::string> as_other = as_another_user(&why);
+    if (as_other.empty()) GTEST_SKIP() << why;
+    const std::filesystem::path bash = find_program("bash");
+    if (bash.empty()) GTEST_SKIP() << "no bash to open a connection with";
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    // The bytes that come before the bridge closes, up to a Hello's.
+    const std::string count = zq::format_text("exec 3<>/dev/tcp/127.0.0.1/%d && head -c 19 <&3 | wc -c",
+                                              rig.bridge().bound_tcp_port());
+    std::vector<std::string> args(as_other.begin() + 1, as_other.end());
+    args.insert(args.end(), {bash.string(), "-c", count});
+    EXPECT_EQ(run_process(as_other[0], args, {}).output, "0\n");
+    EXPECT_TRUE(rig.log.contains(" (a program of another user)"));
+    EXPECT_EQ(run_process(bash, {"-c", count}, {}).output, "19\n");
+}
+
+// A game may sit idle between frames for as long as it likes, but not in the middle of one: a
+// connection whose frame stops coming, in its header or its body, is closed.
+TEST(BridgeHardening, AFrameThatStopsComingIsCutOffButAnIdleGameIsNot) {
+    BridgeRig rig;
+    zq::Bridge bridge(rig.config);
+    bridge.frame_timeout_ms = 300;
+    ASSERT_TRUE(bridge.start(nullptr));
+    FakeGame& game = rig.game("ash", &bridge);
+    FakeGame in_header, in_body;
+    for (FakeGame* cut : {&in_header, &in_body}) {
+        ASSERT_TRUE(cut->connect_and_greet(bridge.bound_tcp_port()));
+        ASSERT_EQ(cut->request(104, 1, "")->result(), 0);
+    }
+    ASSERT_TRUE(in_header.send_raw(frame_header(0, 104, 15, 2).substr(0, 7)));
+    ASSERT_TRUE(in_body.send_raw(frame_header(0, 104, 100, 2) + "part"));
+    EXPECT_TRUE(in_header.wait_closed());
+    EXPECT_TRUE(in_body.wait_closed());
+    zq::sleep_ms(1000);  // the gap under test: three frame deadlines without a word
+    auto reply = game.request(104, 2, "");
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->result(), 0);
 }
 
 // Stop ends within two seconds whatever the games and the service do: a game that stopped

@@ -25,7 +25,13 @@ public:
         s_ = zq::open_tcp_socket();
         if (connect_now) connect();
     }
-    bool connect() { return zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", port_})); }
+    // To host from the address from, as a host with several addresses would.
+    RawClient(const std::string& from, const std::string& host, int port) : port_(port), host_(host) {
+        zq::network_init();
+        s_ = zq::open_tcp_socket();
+        if (zq::bind_socket(s_, zq::to_sockaddr(zq::Endpoint{from, 0}))) connect();
+    }
+    bool connect() { return zq::connect_socket(s_, zq::to_sockaddr(zq::Endpoint{host_, port_})); }
     ~RawClient() { zq::close_socket(s_); }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
@@ -33,17 +39,18 @@ public:
     bool send(const std::string& bytes) { return zq::send_all(s_, bytes); }
 
     // One response; its body is Content-Length bytes unless no_body (the answer to a HEAD).
-    RawResponse read_response(bool no_body = false) {
+    RawResponse read_response(bool no_body = false, double seconds = kSeconds) {
         RawResponse r;
+        const double deadline = zq::steady_seconds() + seconds;
         auto has_head = [](const std::string& b) { return b.find("\r\n\r\n") != std::string::npos; };
-        if (!testing_support::receive_until(s_, buffer_, has_head, kSeconds, &gone_)) return r;
+        if (!testing_support::receive_until(s_, buffer_, has_head, seconds, &gone_)) return r;
         const std::size_t end = buffer_.find("\r\n\r\n");
         r.head = buffer_.substr(0, end);
         buffer_.erase(0, end + 4);
         const std::size_t length = no_body ? 0 : static_cast<std::size_t>(
             http::body_length(http::parse_request_head(r.head).headers, ~std::uint64_t{0}).bytes);
         auto has_body = [&](const std::string& b) { return b.size() >= length; };
-        if (!testing_support::receive_until(s_, buffer_, has_body, kSeconds, &gone_)) return r;
+        if (!testing_support::receive_until(s_, buffer_, has_body, deadline - zq::steady_seconds(), &gone_)) return r;
         r.body = buffer_.substr(0, length);
         buffer_.erase(0, length);
         r.ok = true;
@@ -59,6 +66,7 @@ public:
 private:
     static constexpr double kSeconds = 15.0;
     int port_ = 0;
+    std::string host_ = "127.0.0.1";
     zq::Socket s_ = zq::invalid_socket;
     bool gone_ = false;
     std::string buffer_;

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <tuple>
@@ -22,6 +23,8 @@ http::ServerResponse route(const http::ServerRequest& request) {
         r.headers = {{"X-Path", request.path}, {"Content-Length", "999"}, {"Connection", "close"}};
     } else if (request.path.rfind("/echo", 0) == 0) {
         r.body = request.method + " " + request.path + " [" + request.body + "]";
+    } else if (request.path == "/big") {
+        r.body.assign(1 << 20, 'b');
     } else if (request.path == "/throw") {
         throw std::runtime_error("boom");
     } else {
@@ -168,9 +171,10 @@ TEST(HttpServer, KeepsAlivePipelinesAndAnswersAThrowingHandlerUntilCloseRules) {
     EXPECT_TRUE(r.body.starts_with(R"({"ResKind":1,"Message":"bridge error: )")) << r.body;
 }
 
-// A length that cannot be placed, or a body too large to take, is answered from the head alone,
-// and nothing after it on that connection is read as a request. A head past one mebibyte ends
-// the connection without an answer, although the end of the head came.
+// A body whose end cannot be placed (a bad length, or a coding that this server does not read),
+// a header that holds a CR or LF of its own, or a body too large to take is answered from the
+// head alone, and nothing after it on that connection is read as a request. A head past one
+// mebibyte ends the connection without an answer, although the end of the head came.
 TEST(HttpServer, RefusesBadLengthsOversizedBodiesAndHeads) {
     RunningServer s;
     std::string line = "X-Pad: " + std::string(1017, 'a') + "\r\n";  // 1026 bytes
@@ -182,16 +186,30 @@ TEST(HttpServer, RefusesBadLengthsOversizedBodiesAndHeads) {
     over.send("GET /status HTTP/1.1\r\n" + pad + line + line + "\r\n");
     EXPECT_TRUE(over.closed_by_peer());
 
-    for (const char* length : {"-1", "abc", "5\r\nContent-Length: 6"}) {
-        RawClient c(s.server.port);
-        ASSERT_TRUE(c.send(std::string("POST /echo HTTP/1.1\r\nContent-Length: ") + length +
-                           "\r\n\r\nhelloGET /echo HTTP/1.1\r\n\r\n"));
+    const std::tuple<const char*, const char*, const char*> refused[] = {
+        {"Content-Length: -1", "400 Bad Request", "bad Content-Length"},
+        {"Content-Length: abc", "400 Bad Request", "bad Content-Length"},
+        {"Content-Length: 5\r\nContent-Length: 6", "400 Bad Request", "bad Content-Length"},
+        {"Transfer-Encoding: chunked", "411 Status", "Transfer-Encoding is not taken; send Content-Length"},
+        {"Content-Length: 5\r\nX-A: a\rX-B: b", "400 Bad Request", "bad header"},
+        {"Content-Length: 5\r\nX-A\rX-B: b", "400 Bad Request", "bad header"},
+    };
+    // All at once: each refusal lingers a moment before it closes.
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (const auto& [headers, status, message] : refused) {
+        clients.push_back(std::make_unique<RawClient>(s.server.port));
+        ASSERT_TRUE(clients.back()->send(std::string("POST /echo HTTP/1.1\r\n") + headers +
+                                         "\r\n\r\nhelloGET /echo HTTP/1.1\r\n\r\n"));
+    }
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        const auto& [headers, status, message] = refused[i];
+        RawClient& c = *clients[i];
         auto r = c.read_response();
-        ASSERT_TRUE(r.ok) << length;
-        EXPECT_TRUE(r.head.starts_with("HTTP/1.1 400 Bad Request\r\n")) << r.head;
+        ASSERT_TRUE(r.ok) << headers;
+        EXPECT_TRUE(r.head.starts_with(std::string("HTTP/1.1 ") + status + "\r\n")) << r.head;
         EXPECT_TRUE(has_line(r.head, "Connection: close")) << r.head;
-        EXPECT_EQ(r.body, R"({"ResKind":1,"Message":"bad Content-Length"})");
-        EXPECT_TRUE(c.closed_by_peer()) << length;
+        EXPECT_EQ(r.body, std::string(R"({"ResKind":1,"Message":")") + message + "\"}");
+        EXPECT_TRUE(c.closed_by_peer()) << headers;
     }
 
     // 64 MiB on its way: the answer comes while it is still being sent.
@@ -217,11 +235,12 @@ TEST(HttpServer, RefusesBadLengthsOversizedBodiesAndHeads) {
     EXPECT_EQ(r.body.size(), http::max_request_body + std::string("POST /echo []").size());
 }
 
-TEST(HttpServer, SilentTricklingAndIdleConnectionsAreClosed) {
+TEST(HttpServer, SilentTricklingIdleAndDeafConnectionsAreClosed) {
     http::Server server;
     server.head_timeout_ms = 300;
     server.body_timeout_ms = 300;
     server.idle_timeout_ms = 3000;
+    server.send_timeout_ms = 300;
     ASSERT_TRUE(server.start("127.0.0.1", 0, route, nullptr));
 
     RawClient silent(server.port);
@@ -254,6 +273,15 @@ TEST(HttpServer, SilentTricklingAndIdleConnectionsAreClosed) {
     ASSERT_TRUE(idle.send("GET /status HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(idle.read_response().body, "hello");
     EXPECT_TRUE(wait_until([&] { return idle.closed_by_peer(); }, 10.0));
+
+    // One that asks for more than the buffers between the two hold, and stops reading after the
+    // first answer: however it keeps the connection, the rest must go out in time.
+    RawClient deaf(server.port);
+    std::string requests;
+    for (int i = 0; i < 16; ++i) requests += "GET /big HTTP/1.1\r\n\r\n";
+    ASSERT_TRUE(deaf.send(requests));
+    ASSERT_EQ(deaf.read_response().body.size(), 1u << 20);
+    EXPECT_TRUE(wait_until([&] { return server.active_connections.load() == 0; }, 10.0));
 }
 
 // Stop wakes an idle kept-alive connection and cancels busy handlers, joining every thread.

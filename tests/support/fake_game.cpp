@@ -22,20 +22,21 @@ std::uint64_t get_le(const std::string& in, std::size_t at, int count) {
 
 FakeGame::~FakeGame() { close(); }
 
-bool FakeGame::connect(int port, const std::string& host) {
+bool FakeGame::connect(int port, const std::string& host, const std::string& from) {
     close();
     zq::network_init();
     socket_ = zq::open_tcp_socket();
     if (socket_ == zq::invalid_socket) return false;
-    if (!zq::connect_socket(socket_, zq::to_sockaddr(zq::Endpoint{host, port}))) {
+    if ((!from.empty() && !zq::bind_socket(socket_, zq::to_sockaddr(zq::Endpoint{from, 0}))) ||
+        !zq::connect_socket(socket_, zq::to_sockaddr(zq::Endpoint{host, port}))) {
         close();
         return false;
     }
     return true;
 }
 
-bool FakeGame::connect_and_greet(int port, const std::string& host) {
-    if (!connect(port, host)) return false;
+bool FakeGame::connect_and_greet(int port, const std::string& host, const std::string& from) {
+    if (!connect(port, host, from)) return false;
     auto hello = read_frame();
     return hello && hello->kind == 3;
 }

@@ -32,9 +32,10 @@ public:
     FakeGame(const FakeGame&) = delete;
     FakeGame& operator=(const FakeGame&) = delete;
 
-    bool connect(int port, const std::string& host = "127.0.0.1");
+    // From the address from when one is given, as a host with several addresses would.
+    bool connect(int port, const std::string& host = "127.0.0.1", const std::string& from = "");
     // Connects and reads the Hello frame; false if either fails or the first frame is not Hello.
-    bool connect_and_greet(int port, const std::string& host = "127.0.0.1");
+    bool connect_and_greet(int port, const std::string& host = "127.0.0.1", const std::string& from = "");
 
     bool send_raw(std::string_view bytes);
     bool send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body);

@@ -185,10 +185,7 @@ ScriptedAnswer FakeService::choose(const RecordedRequest& request) {
     return ScriptedAnswer::text(404, "");
 }
 
-void FakeService::drop_connections() {
-    std::lock_guard<std::mutex> hold(server.connections_lock);
-    for (zq::Socket s : server.connections) zq::shutdown_socket(s);
-}
+void FakeService::drop_connections() { server.drop_connections(); }
 
 http::ServerResponse FakeService::serve(const http::ServerRequest& request) {
     RecordedRequest seen{request.method, request.path, request.headers, request.body};

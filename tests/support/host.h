@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace testing_support {
 
@@ -35,6 +36,10 @@ void give_back_file_handles();
 
 // The full path of a program found on PATH, or an empty path.
 std::filesystem::path find_program(const std::string& name);
+
+// The program and arguments that run a command as another user (the user nobody), to go in
+// front of it; empty, with the reason in *why, where this process cannot do that.
+std::vector<std::string> as_another_user(std::string* why);
 
 // Sets (or with an empty value, removes) an environment variable of this process.
 void set_env(const std::string& name, const std::string& value);

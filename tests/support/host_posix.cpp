@@ -36,6 +36,19 @@ bool take_file_handles(int spare) {
     return true;
 }
 
+std::vector<std::string> as_another_user(std::string* why) {
+    if (::geteuid() != 0) {
+        *why = "only root may start a program as another user, and these tests do not run as root";
+        return {};
+    }
+    const std::filesystem::path setpriv = find_program("setpriv");
+    if (setpriv.empty()) {
+        *why = "setpriv (package util-linux) is missing";
+        return {};
+    }
+    return {setpriv.string(), "--reuid=65534", "--regid=65534", "--clear-groups"};
+}
+
 void give_back_file_handles() {
     for (int fd : taken_handles) ::close(fd);
     taken_handles.clear();

@@ -4,6 +4,8 @@
 #include <sstream>
 #include <string>
 
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <regex>
 
 #include "shell/deployment.h"
@@ -26,7 +27,7 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
 
     auto r = send("GET", s.url("/x?a=1"), "",
                   {{"Host", std::string(zq::kRetailHost) + ":20443"}, {"Connection", "keep-alive"}, {"Accept-Encoding", "gzip"},
-                   {"X-Other", "kept"}, {"USER-AGENT", "g/1"}});
+                   {"X-Other", "kept"}, {"USER-AGENT", "g/1"}, {"x-zq-token", "forged"}, {"X-Velmar-Ruleset", "forged"}});
     EXPECT_EQ(r.status, 200u);
     EXPECT_EQ(r.body, "hello");
     EXPECT_EQ(http::find_header(r.headers, "Transfer-Encoding"), "");
@@ -39,6 +40,12 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
     EXPECT_NE(sent.header("Connection"), "keep-alive");
     EXPECT_EQ(sent.header("X-Other"), "kept");
     EXPECT_EQ(sent.header("User-Agent"), "g/1 " + s.config.user_agent);
+    // The bridge's own headers, and no caller's copy of them.
+    for (const char* own : {"X-ZQ-Token", "X-Velmar-Ruleset"})
+        EXPECT_EQ(std::count_if(sent.headers.begin(), sent.headers.end(),
+                                [&](const auto& h) { return http::iequals(h.first, own); }),
+                  1)
+            << own;
     EXPECT_EQ(sent.header("X-ZQ-Token"), s.accounts->get("ash").token);
     EXPECT_EQ(sent.header("X-Velmar-Ruleset"), "vanilla");
     EXPECT_FALSE(s.log.contains("game GET"));  // the traffic line belongs to tracing
@@ -54,7 +61,7 @@ TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     moved.headers = {{"Location", "https://example.invalid/next"}};
     s.service.answer("/old", moved);
 
-    auto r = send("PUT", s.url("/old"), "body");
+    auto r = send("PUT", s.url("/old"), "body", {{"X-ZQ-Token", "forged"}});
     EXPECT_EQ(r.status, 302u);
     EXPECT_EQ(http::find_header(r.headers, "Location"), "https://example.invalid/next");
     EXPECT_EQ(r.body, "elsewhere");
