@@ -82,7 +82,7 @@ bool store_account_record(const std::filesystem::path& state, const std::string&
         if (!written)
             std::filesystem::remove(aside, ignored);  // the corrupt file itself is still there
         else
-            log_line("state file is corrupt; kept it as " + wide_to_utf8(aside.filename().wstring()));
+            log_line("state file is corrupt; kept it as " + path_text(aside.filename()));
     }
     return written;
 }
@@ -171,7 +171,7 @@ int run_account_command(const Config& config, const std::wstring& operation, con
     if (error.empty()) {
         std::printf("ok\n");
     } else {
-        std::printf("failed: %s\n", error.c_str());
+        std::printf("failed: %s\n", printable(error).c_str());
     }
     std::fflush(stdout);
     return error.empty() ? 0 : 1;
@@ -180,10 +180,11 @@ int run_account_command(const Config& config, const std::wstring& operation, con
 int run_web_code(const Config& config, const std::wstring& npid) {
     std::string error;
     std::string code = account_web_code(config.auth_server, state_path(config.state_file), wide_to_utf8(npid), error);
+    // The code and the reason are the service's words, and the console must not act on them.
     if (!code.empty()) {
-        std::printf("%s\n", code.c_str());
+        std::printf("%s\n", printable(code).c_str());
     } else {
-        std::printf("failed: %s\n", error.c_str());
+        std::printf("failed: %s\n", printable(error).c_str());
     }
     std::fflush(stdout);
     return code.empty() ? 1 : 0;

@@ -334,7 +334,7 @@ CheckLine check_launcher(const std::filesystem::path& program_folder, const std:
 
 CheckLine check_state_file(const Config& config) {
     const std::filesystem::path path = state_path(config.state_file);
-    const std::string shown = path_to_utf8(path);
+    const std::string shown = path_text(path);
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored)) {
         if (config.create_accounts) return {"accounts", Outcome::Note, shown + " does not exist yet; the first login creates it"};
@@ -385,11 +385,13 @@ const char* verdict_text(Verdict verdict) {
 
 int exit_code(Verdict verdict) { return verdict == Verdict::Blocked ? 1 : 0; }
 
+// Lines carry what others chose (account names, paths, a server's words): on the console none
+// of it may act on the terminal or pass for a line of its own, and JSON takes nothing but UTF-8.
 std::string report_text(const Report& report) {
     std::string out;
     for (const CheckLine& line : report.lines) {
         const char* mark = line.outcome == Outcome::Ok ? "ok" : line.outcome == Outcome::Note ? "note" : "FAIL";
-        out += format_text("%-5s %s: %s\n", mark, line.name.c_str(), line.text.c_str());
+        out += format_text("%-5s %s: %s\n", mark, printable(line.name).c_str(), printable(line.text).c_str());
     }
     out += std::string("verdict: ") + verdict_text(report.verdict) + "\n";
     return out;
@@ -398,11 +400,11 @@ std::string report_text(const Report& report) {
 Json report_json(const Report& report) {
     Json checks = Json::array();
     for (const CheckLine& line : report.lines)
-        checks.push_back(Json{{"check", line.name},
+        checks.push_back(Json{{"check", printable(line.name)},
                               {"result", line.outcome == Outcome::Ok     ? "ok"
                                          : line.outcome == Outcome::Note ? "note"
                                                                          : "fail"},
-                              {"text", line.text}});
+                              {"text", printable(line.text)}});
     return Json{{"version", kVersion},
                 {"checks", checks},
                 {"mapped", report.mapped ? Json(report.mapped->text()) : Json(nullptr)},

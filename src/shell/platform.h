@@ -53,11 +53,15 @@ struct ProcessUsage {
 };
 ProcessUsage process_usage();
 
-// Paths from text and back. A path built straight from a wide string goes through the C
-// library's locale on POSIX, which in the default "C" locale cannot hold a non-ASCII name.
+// Paths from text. A path built straight from a wide string goes through the C library's
+// locale on POSIX, which in the default "C" locale cannot hold a non-ASCII name.
 std::filesystem::path wide_path(const std::wstring& text);
 std::filesystem::path utf8_path(const std::string& text);
-std::string path_utf8(const std::filesystem::path& path);
+// A path as text for a person, in a log line or on the console; the one way a path becomes
+// text. It never throws, whatever name the system holds (the path's own conversions do, on a
+// name that is not in the locale or not Unicode): bytes that are no UTF-8 (POSIX) and unpaired
+// surrogates (Windows) become U+FFFD, and control characters are escaped as by printable.
+std::string path_text(const std::filesystem::path& path);
 
 // Fills out with bytes from the system's cryptographic generator; false if it failed.
 bool secure_random(void* out, std::size_t size);

@@ -1,4 +1,5 @@
 #include "shell/platform.h"
+#include "shell/util.h"
 
 #include <csignal>
 #include <cerrno>
@@ -17,55 +18,6 @@ namespace zq {
 
 namespace {
 
-// Decodes one UTF-8 sequence at text[i]; malformed input yields U+FFFD and one byte consumed.
-char32_t decode_utf8(const std::string& text, std::size_t& i) {
-    auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-    unsigned char lead = byte(i);
-    if (lead < 0x80) {
-        ++i;
-        return lead;
-    }
-    int extra = (lead >> 5) == 0x6 ? 1 : (lead >> 4) == 0xE ? 2 : (lead >> 3) == 0x1E ? 3 : 0;
-    if (extra == 0) {
-        ++i;
-        return 0xFFFD;
-    }
-    char32_t cp = lead & (0x3F >> extra);
-    for (int k = 1; k <= extra; ++k) {
-        if (i + k >= text.size() || (byte(i + k) & 0xC0) != 0x80) {
-            ++i;
-            return 0xFFFD;
-        }
-        cp = (cp << 6) | (byte(i + k) & 0x3F);
-    }
-    static const char32_t min_for[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < min_for[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-        ++i;
-        return 0xFFFD;
-    }
-    i += extra + 1;
-    return cp;
-}
-
-void encode_utf8(char32_t cp, std::string& out) {
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-}
-
 std::atomic<bool>* g_stop_flag = nullptr;
 
 extern "C" void on_stop_signal(int) {
@@ -76,13 +28,13 @@ extern "C" void on_stop_signal(int) {
 
 std::wstring utf8_to_wide(const std::string& text) {
     std::wstring out;
-    for (std::size_t i = 0; i < text.size();) out += static_cast<wchar_t>(decode_utf8(text, i));
+    for (std::size_t at = 0; at < text.size();) out += static_cast<wchar_t>(next_code_point(text, at));
     return out;
 }
 
 std::string wide_to_utf8(const std::wstring& text) {
     std::string out;
-    for (wchar_t c : text) encode_utf8(static_cast<char32_t>(c), out);
+    for (wchar_t c : text) append_utf8(static_cast<char32_t>(c), out);
     return out;
 }
 
@@ -193,7 +145,7 @@ std::filesystem::path wide_path(const std::wstring& text) { return std::filesyst
 
 std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(text); }
 
-std::string path_utf8(const std::filesystem::path& path) { return path.string(); }
+std::string path_text(const std::filesystem::path& path) { return printable(path.native()); }
 
 bool secure_random(void* out, std::size_t size) {
     auto* bytes = static_cast<unsigned char*>(out);

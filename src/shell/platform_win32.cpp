@@ -1,4 +1,5 @@
 #include "shell/platform.h"
+#include "shell/util.h"
 
 #include <windows.h>
 #include <bcrypt.h>
@@ -147,7 +148,8 @@ std::filesystem::path wide_path(const std::wstring& text) { return std::filesyst
 
 std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(utf8_to_wide(text)); }
 
-std::string path_utf8(const std::filesystem::path& path) { return wide_to_utf8(path.wstring()); }
+// WideCharToMultiByte without flags replaces an unpaired surrogate instead of failing.
+std::string path_text(const std::filesystem::path& path) { return printable(wide_to_utf8(path.native())); }
 
 bool secure_random(void* out, std::size_t size) {
     return BCryptGenRandom(nullptr, static_cast<PUCHAR>(out), static_cast<ULONG>(size),

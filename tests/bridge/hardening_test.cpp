@@ -96,11 +96,12 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
 }
 
 // A state file that cannot be read is left alone by a login that fails, and kept aside before
-// the first new account replaces it. Two players log in for the first time at the same moment:
-// both accounts are in the file.
+// the first new account replaces it, whatever its name. Two players log in for the first time
+// at the same moment: both accounts are in the file.
 TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
     BridgeRig rig(BridgeRig::Service::Scripted);
-    const auto state = rig.state();
+    const auto state = rig.dir.path() / zq::utf8_path("zust\xC3\xA4nde.json");
+    rig.config.state_file = zq::wide_to_utf8(rig.dir.path().wstring()) + "/zust\xC3\xA4nde.json";
     write_file(state, R"({"accounts": {"elder": {"token": "t",}}})");
     // Both creations are held until both have arrived, so both logins read the file first.
     std::mutex lock;
@@ -137,10 +138,10 @@ TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
 
     std::vector<std::filesystem::path> kept;
     for (const auto& entry : std::filesystem::directory_iterator(rig.dir.path()))
-        if (entry.path().filename().string().rfind("state.corrupt-", 0) == 0) kept.push_back(entry.path());
+        if (zq::path_text(entry.path().filename()).rfind("zust\xC3\xA4nde.corrupt-", 0) == 0) kept.push_back(entry.path());
     ASSERT_EQ(kept.size(), 1u);
     EXPECT_EQ(read_file(kept[0]), R"({"accounts": {"elder": {"token": "t",}}})");
-    EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + kept[0].filename().string()), 1);
+    EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + zq::path_text(kept[0].filename())), 1);
 }
 
 // The command, web and proxy listeners are on bind_host, here 127.0.0.2, and can't be reached on

@@ -119,6 +119,13 @@ TEST(CheckFiles, StateFileAndLauncherRoute) {
     EXPECT_EQ(state.outcome, Outcome::Ok);
     EXPECT_NE(state.text.find("1 account (ashling)"), std::string::npos) << state.text;
     EXPECT_EQ(state.text.find("tok-1"), std::string::npos);
+    // A name that would clear the screen and print a verdict of its own is shown for what it is.
+    write_file(c.state_file, R"({"accounts": {"ash\r\n\u001b[2Jok    launcher: fine": {}}})");
+    zq::check::Report report;
+    report.lines = {zq::check::check_state_file(c)};
+    const std::string text = zq::check::report_text(report);
+    EXPECT_NE(text.find("1 account (ash\\r\\n\\x1B[2Jok    launcher: fine)"), std::string::npos) << text;
+    EXPECT_NE(zq::check::report_json(report)["checks"][0]["text"].get<std::string>().find("\\x1B[2J"), std::string::npos);
 
     AppData appdata(dir.path() / "roaming");
     CheckLine launcher = zq::check::check_launcher(dir.path(), "");
