@@ -10,7 +10,7 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -54,13 +54,6 @@ int open_new_private(const std::filesystem::path& path) {
 
 bool write_new_file(const std::filesystem::path& path, const std::string& text) {
     int fd = open_new_private(path);
-    if (fd < 0 && errno == EEXIST) {
-        // A plain file left by a write that was cut short is ours to replace; a link or a folder
-        // in its place is not followed or touched.
-        struct stat info {};
-        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::unlink(path.c_str()) == 0)
-            fd = open_new_private(path);
-    }
     if (fd < 0) return false;
     bool ok = true;
     std::size_t done = 0;
@@ -74,6 +67,24 @@ bool write_new_file(const std::filesystem::path& path, const std::string& text) 
     if (::close(fd) != 0) ok = false;
     if (!ok) ::unlink(path.c_str());
     return ok;
+}
+
+FileLock::FileLock(const std::filesystem::path& path, double wait_seconds) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return;
+    file_ = fd;
+    // A holder keeps the lock for one read and one write of a small file; a wait this long means
+    // a process that hangs, and the caller is better told than left waiting with it.
+    const double deadline = steady_seconds() + wait_seconds;
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || steady_seconds() >= deadline) return;
+        sleep_ms(2);
+    }
+    held_ = true;
+}
+
+FileLock::~FileLock() {
+    if (file_ >= 0) ::close(static_cast<int>(file_));  // which lets go of the lock
 }
 
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {

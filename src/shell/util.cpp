@@ -1,5 +1,6 @@
 #include "shell/util.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -130,11 +131,20 @@ std::optional<std::int64_t> leading_int64(const std::string& text) {
 }
 
 bool write_text_atomic(const std::filesystem::path& path, const std::string& text) {
+    // Each write has a temporary file of its own: two writers (two processes, say) never write
+    // into one, and none ever has to remove a file that may be another's.
+    static std::atomic<std::uint64_t> writes{0};
+    std::uint64_t unique = 0;
+    if (!secure_random(&unique, sizeof unique))
+        unique = static_cast<std::uint64_t>(steady_seconds() * 1e9) ^ (writes.fetch_add(1) << 48);
     std::filesystem::path tmp = path;
-    tmp += ".tmp";
+    tmp += format_text(".%016llx.tmp", static_cast<unsigned long long>(unique));
     // A short write (a full disk) removes the temporary file and never replaces a good file.
     if (!write_new_file(tmp, text)) return false;
-    return replace_file(tmp, path);
+    if (replace_file(tmp, path)) return true;
+    std::error_code ignored;
+    std::filesystem::remove(tmp, ignored);
+    return false;
 }
 
 }  // namespace zq

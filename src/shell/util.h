@@ -85,8 +85,9 @@ std::string json_text(const Json& value, const std::string& key, const std::stri
     return member.dump();
 }
 
-// Writes text to "<path>.tmp" and renames it over the path in one step, so a reader sees
-// the old or the new file and never a part. The file is private to its owner (0600 on POSIX:
+// Writes text to a temporary file of its own beside the path ("<path>.<random>.tmp") and
+// renames it over the path in one step, so a reader sees the old or the new file and never a
+// part. The file is private to its owner (0600 on POSIX:
 // the state file holds tokens) and is on the medium when this returns. True when the file
 // was written and moved.
 bool write_text_atomic(const std::filesystem::path& path, const std::string& text);

@@ -197,9 +197,8 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
 
 // A player whose state file cannot be replaced logs in all the same, goes on with the account in
 // memory, and finds the file as it was. The check is what the game and the service see. The
-// temporary file's name is taken by a folder, or the state file's folder is a plain file (both
-// refuse the write even to an administrator; a link in the temporary file's place is refused
-// like the folder, as Util.WriteJsonAtomic checks).
+// name of the file's lock is taken by a folder, or the state file's folder is a plain file (both
+// refuse the write even to an administrator).
 TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldFileWhole) {
     enum How { NameTaken, FolderIsAFile };
     for (How how : {NameTaken, FolderIsAFile}) {
@@ -208,7 +207,7 @@ TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldF
         std::filesystem::path state = rig.state();
         const std::string before =
             json{{"accounts", {{"elder", {{"velmar_name", "elder"}, {"recovery_code", "rc-old"}}}}}}.dump();
-        if (how == NameTaken) std::filesystem::create_directory(rig.dir.path() / "state.json.tmp");
+        if (how == NameTaken) std::filesystem::create_directory(rig.dir.path() / "state.json.lock");
         if (how == FolderIsAFile) {
             write_file(rig.dir.path() / "plain", "not a folder");
             state = rig.dir.path() / "plain" / "state.json";
