@@ -174,6 +174,9 @@ StunProbe probe_stun(const Endpoint& server, double wait_seconds) {
         probe.answered = true;
         probe.mapped = Endpoint{parsed->mapped_host, parsed->mapped_port};
         probe.other = other_address(*answer);
+        // Only the server's own host is asked again, at the other port it names: an answer
+        // must not be able to send this PC's requests to a third host.
+        if (probe.other) probe.other = Endpoint{server.host, probe.other->port};
         if (probe.other && *probe.other != server) {
             if (std::optional<std::string> second = binding(s, *probe.other, wait_seconds)) {
                 auto again = p2p::parse_binding_answer(*second, second->substr(4, 16));
@@ -426,7 +429,7 @@ const char* const kCheckUsage =
     "  --help              this text\n"
     "\n"
     "Exit codes: 0 ready (direct play likely, or relay likely needed), 1 blocked or the settings\n"
-    "file is not valid JSON, 2 usage.\n";
+    "file is not valid JSON or holds a value that sarnlink-cli refuses, 2 usage.\n";
 
 int run_check_cli(const std::vector<std::wstring>& args) {
     std::wstring config_path = L"sarnlink_config.json";
@@ -450,8 +453,14 @@ int run_check_cli(const std::vector<std::wstring>& args) {
     }
     Options options;
     std::string message;
-    if (!load_config_file(wide_path(config_path), wide_to_utf8(config_path), options.config, message)) {
-        std::printf("%s\n", message.c_str());
+    const std::string config_name = wide_to_utf8(config_path);
+    if (!load_config_file(wide_path(config_path), config_name, options.config, message)) {
+        std::printf("%s\n", printable(message).c_str());
+        return 1;
+    }
+    // The bridge's own limits: what it would refuse to start with is no firewall's doing.
+    if (std::string problem; !settle_bridge_config(options.config, problem)) {
+        std::printf("config %s: %s\n", printable(config_name).c_str(), printable(problem).c_str());
         return 1;
     }
     options.program_folder = own_executable_path().parent_path();
