@@ -57,34 +57,17 @@ std::string device_name() {
 }
 
 bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record) {
-    nlohmann::json root = nlohmann::json::object();
-    std::string text;
-    std::filesystem::path aside;
-    if (read_whole_file(state, text)) {
-        root = parse_state_text(text);
-        if (root.is_discarded()) {
-            // What the player could still repair by hand is copied aside before it is replaced.
-            aside = corrupt_state_backup_path(state);
-            std::error_code failed;
-            if (!std::filesystem::copy_file(state, aside, failed) || failed) return false;
-            root = nlohmann::json::object();
-        }
-    }
-    ensure_accounts(root)[key] = record;
-    bool written = false;
-    try {
-        written = write_json_atomic(state, root, false);
-    } catch (const nlohmann::json::exception&) {
-        written = false;
-    }
-    if (!aside.empty()) {
-        std::error_code ignored;
-        if (!written)
-            std::filesystem::remove(aside, ignored);  // the corrupt file itself is still there
-        else
-            log_line("state file is corrupt; kept it as " + wide_to_utf8(aside.filename().wstring()));
-    }
-    return written;
+    return change_accounts(state, [&](nlohmann::json& accounts) {
+        accounts[key] = record;
+        return true;
+    });
+}
+
+void show_unsaved_recovery_code(const std::string& name, const std::filesystem::path& state, const std::string& code) {
+    std::printf("sarnlink: the account '%s' could not be saved to %s.\n"
+                "sarnlink: write down its recovery code now, it is the only way back to it: %s\n",
+                printable(name).c_str(), path_text(state).c_str(), printable(code).c_str());
+    std::fflush(stdout);
 }
 
 std::string account_create(const std::string& server, const std::filesystem::path& state, const std::string& name) {
@@ -92,11 +75,16 @@ std::string account_create(const std::string& server, const std::filesystem::pat
     std::string error;
     if (!auth_post(server, "/auth/account/create", {{"Name", name}, {"DeviceName", device_name()}}, reply, error))
         return error;
+    const std::string code = json_text(reply, "RecoveryCode", "");
     nlohmann::json record = {{"velmar_name", name},
-                             {"recovery_code", json_text(reply, "RecoveryCode", "")},
+                             {"recovery_code", code},
                              {"token", json_text(reply, "Token", "")},
                              {"online_id", json_text(reply, "OnlineId", name)}};
-    if (!store_account_record(state, name, record)) return kWriteFailed;
+    if (!store_account_record(state, name, record)) {
+        // The account now exists at the service: without its code it would be lost for good.
+        if (!code.empty()) show_unsaved_recovery_code(name, state, code);
+        return kWriteFailed;
+    }
     log_line("account: created '" + name + "' on this PC (recovery code stored in sarnlink_state.json)");
     return std::string();
 }
@@ -111,7 +99,11 @@ std::string account_recover(const std::string& server, const std::filesystem::pa
                              {"recovery_code", new_code.empty() ? code : new_code},
                              {"token", json_text(reply, "Token", "")},
                              {"online_id", json_text(reply, "OnlineId", name)}};
-    if (!store_account_record(state, name, record)) return kWriteFailed;
+    if (!store_account_record(state, name, record)) {
+        // The code that was given may be spent now; a new one exists nowhere else.
+        if (!new_code.empty()) show_unsaved_recovery_code(name, state, new_code);
+        return kWriteFailed;
+    }
     log_line("account: recovered '" + name + "' (its new recovery code is in sarnlink_state.json)");
     return std::string();
 }
@@ -120,21 +112,26 @@ std::string account_sign_out(const std::string& server, const std::filesystem::p
     nlohmann::json root = read_state_file(state);
     if (!root.contains("accounts") || !root["accounts"].is_object() || !root["accounts"].contains(name))
         return "no account for '" + name + "' here";
-    nlohmann::json& accounts = root["accounts"];
-    nlohmann::json& member = accounts[name];
-    std::string token = json_text(member, "token", "");
+    std::string token = json_text(root["accounts"][name], "token", "");
     if (!token.empty()) {
         // Signing out on this PC must work without the network: the outcome is ignored.
         nlohmann::json reply;
         std::string ignored;
         auth_post(server, "/auth/logout", {{"Token", token}}, reply, ignored);
     }
-    if (!json_text(member, "recovery_code", "").empty()) {
-        if (member.is_object()) member.erase("token");
-    } else {
-        accounts.erase(name);
-    }
-    if (!write_json_atomic(state, root, false)) return kWriteFailed;
+    // The file as it is after the call, not the copy read before it: a running bridge or another
+    // command may have stored an account meanwhile.
+    bool written = change_accounts(state, [&](nlohmann::json& accounts) {
+        if (!accounts.contains(name)) return false;
+        nlohmann::json& member = accounts[name];
+        if (!json_text(member, "recovery_code", "").empty()) {
+            if (member.is_object()) member.erase("token");
+        } else {
+            accounts.erase(name);
+        }
+        return true;
+    });
+    if (!written) return kWriteFailed;
     log_line("account: signed out of '" + name + "' on this PC");
     return std::string();
 }
@@ -171,7 +168,7 @@ int run_account_command(const Config& config, const std::wstring& operation, con
     if (error.empty()) {
         std::printf("ok\n");
     } else {
-        std::printf("failed: %s\n", error.c_str());
+        std::printf("failed: %s\n", printable(error).c_str());
     }
     std::fflush(stdout);
     return error.empty() ? 0 : 1;
@@ -180,10 +177,11 @@ int run_account_command(const Config& config, const std::wstring& operation, con
 int run_web_code(const Config& config, const std::wstring& npid) {
     std::string error;
     std::string code = account_web_code(config.auth_server, state_path(config.state_file), wide_to_utf8(npid), error);
+    // The code and the reason are the service's words, and the console must not act on them.
     if (!code.empty()) {
-        std::printf("%s\n", code.c_str());
+        std::printf("%s\n", printable(code).c_str());
     } else {
-        std::printf("failed: %s\n", error.c_str());
+        std::printf("failed: %s\n", printable(error).c_str());
     }
     std::fflush(stdout);
     return code.empty() ? 1 : 0;

@@ -26,9 +26,12 @@ std::string account_sign_out(const std::string& server, const std::filesystem::p
 std::string account_web_code(const std::string& server, const std::filesystem::path& state,
                              const std::string& online_id, std::string& error);
 
-// Stores a record under its key in the file as it is at this moment (read, replace the record
-// whole, write), keeping the other records. A corrupt file is copied aside first (and that is
-// logged). False when the file could not be written. Callers in one process serialise the calls.
+// Stores a record under its key in the file as it is at this moment, replacing that record whole
+// and keeping the others (change_accounts). False when the file could not be written.
 bool store_account_record(const std::filesystem::path& state, const std::string& key, const nlohmann::json& record);
+
+// Tells the player on the console, never in the log, the recovery code of an account that the
+// service made but the state file could not take: once this process ends it is the only way back.
+void show_unsaved_recovery_code(const std::string& name, const std::filesystem::path& state, const std::string& code);
 
 }  // namespace zq

@@ -137,17 +137,17 @@ int run_link_discord(const Config& config) {
     int status;
     while ((status = sign_in.status()) == DeviceSignIn::Starting || status == DeviceSignIn::Waiting) {
         if (status == DeviceSignIn::Waiting && !shown) {
-            std::printf("Open %s and enter the code %s\n", sign_in.verification_uri().c_str(),
-                        sign_in.user_code().c_str());
+            std::printf("Open %s and enter the code %s\n", printable(sign_in.verification_uri()).c_str(),
+                        printable(sign_in.user_code()).c_str());
             std::fflush(stdout);
             shown = true;
         }
         sleep_ms(200);
     }
     if (status == DeviceSignIn::SignedIn) {
-        std::printf("signed in as %s\n", sign_in.signed_in_name().c_str());
+        std::printf("signed in as %s\n", printable(sign_in.signed_in_name()).c_str());
     } else {
-        std::printf("failed: %s\n", sign_in.error().c_str());
+        std::printf("failed: %s\n", printable(sign_in.error()).c_str());
     }
     std::fflush(stdout);
     sign_in.cancel();

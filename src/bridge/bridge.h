@@ -82,11 +82,10 @@ public:
     // The whole state file, read afresh: an empty object when it is missing, the document as it
     // is otherwise (any type), and an empty object with a log line when it is corrupt.
     nlohmann::json load_state();
-    // Replaces the state file whole; a failure is not reported.
-    void save_state(const nlohmann::json& doc);
-    // Sets one account record in the file as it is now, all under state_lock, so that two
-    // logins at once both keep their accounts. A corrupt file is first moved aside (and that
-    // is logged). False when the file could not be written.
+    // Sets one account record in the file as it is now, under the file's lock that every
+    // process takes, so that two logins at once, or a login and a one-shot command, all keep
+    // their accounts. A corrupt file is first copied aside (and that is logged). False when the
+    // file could not be written.
     bool save_account(const std::string& key, const nlohmann::json& record);
 
     // Tells the service our new public address, once for each logged-in session, in or out of

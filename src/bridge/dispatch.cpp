@@ -74,7 +74,8 @@ CommandResult dispatch(Session& session, std::uint16_t command, std::uint64_t pa
     CommandResult result;
     try {
         if (!run_row(session, command, body, result)) {
-            log_line(format_text("tcp: unhandled command %d (replying Unsupported)", command));
+            // A program on the command port can send unknown numbers at will.
+            log_limited("tcp unhandled", format_text("tcp: unhandled command %d (replying Unsupported)", command));
             return CommandResult{Unsupported, std::string()};
         }
     } catch (const BridgeError& e) {

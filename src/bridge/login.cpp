@@ -38,7 +38,7 @@ std::string trim_blanks(const std::string& text) {
 nlohmann::json Bridge::load_state() {
     std::lock_guard<std::mutex> guard(state_lock);
     std::string text;
-    if (!read_whole_file(state_path(config().state_file), text)) return nlohmann::json::object();
+    if (!read_state_text(state_path(config().state_file), text)) return nlohmann::json::object();
     nlohmann::json doc = parse_state_text(text);
     if (doc.is_discarded()) {
         // The file stays as it is; only the next successful save replaces it.
@@ -48,15 +48,10 @@ nlohmann::json Bridge::load_state() {
     return doc;
 }
 
-void Bridge::save_state(const nlohmann::json& doc) {
-    std::lock_guard<std::mutex> guard(state_lock);
-    // A failed save is not reported: the session goes on with its account in memory.
-    write_json_atomic(state_path(config().state_file), doc, false);
-}
-
 bool Bridge::save_account(const std::string& key, const nlohmann::json& record) {
-    // Under the lock the file is read again just before the write: another login may have saved
-    // its own account since this one read the file, and that record must survive.
+    // The file is read again just before the write: another login, or a command in another
+    // process, may have saved its own account since this one read the file, and that record
+    // must survive.
     std::lock_guard<std::mutex> guard(state_lock);
     return store_account_record(state_path(config().state_file), key, record);
 }
@@ -67,10 +62,7 @@ void Session::report_unsaved_account(const std::string& name, const std::string&
     log_line(format_text("velmar: could not save the account %s to %s - its recovery code is on the console; "
                          "write it down",
                          quote(name).c_str(), bridge->config().state_file.c_str()));
-    std::printf("sarnlink: the account %s could not be saved to %s.\n"
-                "sarnlink: write down its recovery code now, it is the only way back to it: %s\n",
-                quote(name).c_str(), bridge->config().state_file.c_str(), code.c_str());
-    std::fflush(stdout);
+    show_unsaved_recovery_code(name, state_path(bridge->config().state_file), code);
 }
 
 bool Session::ensure_account() {

@@ -75,7 +75,12 @@ void Session::shutdown() {
     leave_room_locked(cancel && cancel->cancelled());
 }
 
-std::string quote(const std::string& text) { return "'" + text + "'"; }
+std::string quote(const std::string& text) {
+    std::string out = "'";
+    out += printable(text);
+    out += '\'';
+    return out;
+}
 
 namespace {
 

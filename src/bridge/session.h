@@ -165,7 +165,8 @@ private:
     bool pump_wait(double seconds);
 };
 
-// The text between single quotes, as online ids appear in log lines.
+// The text made printable and put between single quotes, as online ids appear in log lines
+// and on the console.
 std::string quote(const std::string& text);
 
 // The body of each connection thread: Hello, then frames until the connection or the Bridge

@@ -16,17 +16,6 @@ std::optional<std::string> parse_stun_ping(std::string_view datagram) {
     return std::string(id.substr(0, id.find('\0')));
 }
 
-namespace {
-
-std::string printable(const std::string& id) {
-    std::string out = id;
-    for (char& c : out)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-    return out;
-}
-
-}  // namespace
-
 std::string stun_reply(const Endpoint& sender) {
     // SockAddr has the sockaddr_in layout: port at offset 2, address at offset 4, both in
     // network order already.
@@ -66,12 +55,12 @@ void Bridge::stun_thread(Socket udp) {
         }
         // The id is whatever the sender put there: log it as text that cannot break the line.
         if (news)
-            log_limited("stun ping", format_text("stun: %s pings from %s", quote(printable(*id)).c_str(),
+            log_limited("stun ping", format_text("stun: %s pings from %s", quote(*id).c_str(),
                                                  sender.text().c_str()));
         if (full)
             log_limited("stun table full",
                         format_text("stun: %llu ids noted already; %s from %s is not noted",
-                                    static_cast<unsigned long long>(stun_table_limit), quote(printable(*id)).c_str(),
+                                    static_cast<unsigned long long>(stun_table_limit), quote(*id).c_str(),
                                     sender.text().c_str()));
         std::string reply = stun_reply(sender);
         send_to(udp, reply.data(), static_cast<int>(reply.size()), from);

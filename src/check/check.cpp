@@ -175,6 +175,9 @@ StunProbe probe_stun(const Endpoint& server, double wait_seconds) {
         probe.answered = true;
         probe.mapped = Endpoint{parsed->mapped_host, parsed->mapped_port};
         probe.other = other_address(*answer);
+        // Only the server's own host is asked again, at the other port it names: an answer
+        // must not be able to send this PC's requests to a third host.
+        if (probe.other) probe.other = Endpoint{server.host, probe.other->port};
         if (probe.other && *probe.other != server) {
             if (std::optional<std::string> second = binding(s, *probe.other, wait_seconds)) {
                 auto again = p2p::parse_binding_answer(*second, second->substr(4, 16));
@@ -365,7 +368,7 @@ CheckLine check_launcher(const std::filesystem::path& program_folder, const std:
 
 CheckLine check_state_file(const Config& config) {
     const std::filesystem::path path = state_path(config.state_file);
-    const std::string shown = path_to_utf8(path);
+    const std::string shown = path_text(path);
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored)) {
         if (config.create_accounts) return {"accounts", Outcome::Note, shown + " does not exist yet; the first login creates it"};
@@ -418,11 +421,13 @@ const char* verdict_text(Verdict verdict) {
 
 int exit_code(Verdict verdict) { return verdict == Verdict::Blocked ? 1 : 0; }
 
+// Lines carry what others chose (account names, paths, a server's words): on the console none
+// of it may act on the terminal or pass for a line of its own, and JSON takes nothing but UTF-8.
 std::string report_text(const Report& report) {
     std::string out;
     for (const CheckLine& line : report.lines) {
         const char* mark = line.outcome == Outcome::Ok ? "ok" : line.outcome == Outcome::Note ? "note" : "FAIL";
-        out += format_text("%-5s %s: %s\n", mark, line.name.c_str(), line.text.c_str());
+        out += format_text("%-5s %s: %s\n", mark, printable(line.name).c_str(), printable(line.text).c_str());
     }
     out += std::string("verdict: ") + verdict_text(report.verdict) + "\n";
     return out;
@@ -431,11 +436,11 @@ std::string report_text(const Report& report) {
 Json report_json(const Report& report) {
     Json checks = Json::array();
     for (const CheckLine& line : report.lines)
-        checks.push_back(Json{{"check", line.name},
+        checks.push_back(Json{{"check", printable(line.name)},
                               {"result", line.outcome == Outcome::Ok     ? "ok"
                                          : line.outcome == Outcome::Note ? "note"
                                                                          : "fail"},
-                              {"text", line.text}});
+                              {"text", printable(line.text)}});
     return Json{{"version", kVersion},
                 {"checks", checks},
                 {"mapped", report.mapped ? Json(report.mapped->text()) : Json(nullptr)},
@@ -463,7 +468,7 @@ const char* const kCheckUsage =
     "  --help              this text\n"
     "\n"
     "Exit codes: 0 ready (direct play likely, or relay likely needed), 1 blocked or the settings\n"
-    "file is not valid JSON, 2 usage.\n";
+    "file is not valid JSON or holds a value that sarnlink-cli refuses, 2 usage.\n";
 
 int run_check_cli(const std::vector<std::wstring>& args) {
     std::wstring config_path = L"sarnlink_config.json";
@@ -487,8 +492,14 @@ int run_check_cli(const std::vector<std::wstring>& args) {
     }
     Options options;
     std::string message;
-    if (!load_config_file(wide_path(config_path), wide_to_utf8(config_path), options.config, message)) {
-        std::printf("%s\n", message.c_str());
+    const std::string config_name = wide_to_utf8(config_path);
+    if (!load_config_file(wide_path(config_path), config_name, options.config, message)) {
+        std::printf("%s\n", printable(message).c_str());
+        return 1;
+    }
+    // The bridge's own limits: what it would refuse to start with is no firewall's doing.
+    if (std::string problem; !settle_bridge_config(options.config, problem)) {
+        std::printf("config %s: %s\n", printable(config_name).c_str(), printable(problem).c_str());
         return 1;
     }
     options.program_folder = own_executable_path().parent_path();

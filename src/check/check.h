@@ -42,13 +42,14 @@ struct StunProbe {
     Endpoint server;                   // where the first request went (resolved)
     Endpoint local;                    // our socket
     Endpoint mapped;                   // what the server saw
-    std::optional<Endpoint> other;     // the server's second address, when it offers one
+    std::optional<Endpoint> other;     // the server's host at the port of its second address, when it offers one
     std::optional<Endpoint> other_mapped;  // what the second address saw
     double seconds = 0.0;              // until the first answer
 };
 
 // Sends Binding Requests from one socket to server and, when its answer names a second
-// address (OTHER-ADDRESS), to that one too; waits up to wait_seconds for each answer.
+// address (OTHER-ADDRESS), to that address's port on the server's own host too (never to
+// another host); waits up to wait_seconds for each answer.
 StunProbe probe_stun(const Endpoint& server, double wait_seconds);
 
 // What a probe says about the router.

@@ -20,11 +20,6 @@ bool is_regular(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::string path_to_utf8(const std::filesystem::path& path) {
-    std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
-
 nlohmann::ordered_json read_json_file(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return nullptr;

@@ -40,7 +40,4 @@ nlohmann::ordered_json read_json_file(const std::filesystem::path& path);
 // True when the folder holds Duskhallow.exe or Play Duskhallow.exe as a regular file.
 bool holds_game(const std::filesystem::path& folder);
 
-// A path as UTF-8 text the same way on both systems (utf8_path in shell/platform.h goes the other way).
-std::string path_to_utf8(const std::filesystem::path& path);
-
 }  // namespace zq

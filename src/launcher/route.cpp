@@ -122,11 +122,11 @@ int run_route(const Config&, const std::wstring& value, const std::wstring& game
         else
             route_off(launcher);
         int routed = route_status(launcher);
-        std::printf("ok: orlond %s, routed=%d\n", path_to_utf8(launcher.game_folder).c_str(), routed);
+        std::printf("ok: orlond %s, routed=%d\n", path_text(launcher.game_folder).c_str(), routed);
         std::fflush(stdout);
         return 0;
     } catch (const std::exception& e) {
-        std::printf("failed: %s\n", e.what());
+        std::printf("failed: %s\n", printable(e.what()).c_str());
         std::fflush(stdout);
         return 1;
     }

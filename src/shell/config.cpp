@@ -25,6 +25,19 @@ bool read_flag(const nlohmann::json& doc, const char* key, bool fallback) {
     return json_int(doc, key, fallback ? 1 : 0) != 0;
 }
 
+// Read as leniently as any number, but refused outside 0..65535 instead of cut to 16 bits, which
+// would listen on a port that nobody asked for. 0 lets the system choose (for port_p2p_port: no
+// address known).
+bool read_port(const nlohmann::json& doc, const char* key, std::int32_t& port, std::string& problem) {
+    const std::int64_t value = json_int(doc, key, port);
+    if (value < 0 || value > 65535) {
+        problem = format_text("%s %lld is not a port from 0 to 65535", key, static_cast<long long>(value));
+        return false;
+    }
+    port = static_cast<std::int32_t>(value);
+    return true;
+}
+
 }  // namespace
 
 Config::Config()
@@ -40,12 +53,12 @@ bool config_from_json(const nlohmann::json& doc, Config& config, std::string& pr
     c.auth_server = json_text(doc, "auth_server", c.auth_server);
     c.community_server = json_text(doc, "community_server", c.community_server);
     c.bind_host = json_text(doc, "bind_host", c.bind_host);
-    c.tcp_port = static_cast<std::int32_t>(json_int(doc, "tcp_port", c.tcp_port));
-    c.udp_port = static_cast<std::int32_t>(json_int(doc, "udp_port", c.udp_port));
-    c.webapi_port = static_cast<std::int32_t>(json_int(doc, "webapi_port", c.webapi_port));
+    if (!read_port(doc, "tcp_port", c.tcp_port, problem) || !read_port(doc, "udp_port", c.udp_port, problem) ||
+        !read_port(doc, "webapi_port", c.webapi_port, problem))
+        return false;
     c.p2p_gateway = read_flag(doc, "p2p_gateway", true);
-    c.p2p_port = static_cast<std::int32_t>(json_int(doc, "p2p_port", c.p2p_port));
-    c.port_p2p_port = static_cast<std::int32_t>(json_int(doc, "port_p2p_port", c.port_p2p_port));
+    if (!read_port(doc, "p2p_port", c.p2p_port, problem) || !read_port(doc, "port_p2p_port", c.port_p2p_port, problem))
+        return false;
     c.stun_server = json_text(doc, "stun_server", c.stun_server);
     c.local_addr = json_text(doc, "local_addr", c.local_addr);
     read_number(doc, "poll_interval", c.poll_interval);

@@ -42,8 +42,8 @@ struct Config {
 };
 
 // Fills config from a parsed document; anything but an object gives the defaults. Forgiving
-// everywhere except game_proxy_routes: a bad key or value there fills problem with the key and
-// the reason, and returns false.
+// everywhere except game_proxy_routes and the range of a port: a bad key or value there fills
+// problem with the key and the reason, and returns false.
 bool config_from_json(const nlohmann::json& doc, Config& config, std::string& problem);
 
 // Reads the configuration file at path; a missing file means every default. False with the

@@ -36,7 +36,9 @@ void log_line(const std::string& text) {
     std::tm now = local_time(std::time(nullptr));
     char stamp[16] = {};
     std::strftime(stamp, sizeof stamp, "%H:%M:%S", &now);
-    std::string line = std::string(stamp) + " [sarnlink] " + text;
+    // Lines embed what others chose (players' names, paths, a service's words): none of it may
+    // act on the console or forge a line, whichever caller forgot to clean it.
+    std::string line = std::string(stamp) + " [sarnlink] " + printable(text);
 
     std::lock_guard<std::mutex> guard(log_lock);
     std::fwrite(line.data(), 1, line.size(), stdout);
@@ -80,12 +82,16 @@ void reset_log_limits() {
 
 void open_log_file(const std::filesystem::path& path) {
     std::lock_guard<std::mutex> guard(log_lock);
-    std::string text = path_utf8(path);
-    std::size_t at = text.rfind(".log");
-    std::string stem = at == std::string::npos ? text : text.substr(0, at);
+    // Worked out on the system's own form of the name, which holds every name it can open; text
+    // would lose what is no Unicode and so turn the old log over to another name, or to none.
+    using Native = std::filesystem::path::string_type;
+    const Native& text = path.native();
+    std::size_t at = text.rfind(Native{'.', 'l', 'o', 'g'});
+    Native old_log = at == Native::npos ? text : text.substr(0, at);
+    old_log += Native{'.', 'p', 'r', 'e', 'v', '.', 'l', 'o', 'g'};
     // An open file cannot be renamed on Windows; let go of any earlier one first.
     log_file.reset();
-    replace_file(path, utf8_path(stem + ".prev.log"));
+    replace_file(path, std::filesystem::path(old_log));
     log_file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
 }
 

@@ -20,9 +20,30 @@ std::string wide_to_utf8(const std::wstring& text);
 std::vector<std::wstring> command_line_args(int argc, char** argv);
 
 // Creates a file that did not exist and writes the text to the medium (flushed). Only its
-// owner may read it (mode 0600 on POSIX); a link in its place is never followed. A plain file
-// already there, left by a write that was cut short, is replaced; anything else fails.
+// owner may read it (mode 0600 on POSIX). Anything already in its place (a file, a link, a
+// folder) makes it fail, and is neither followed nor removed.
 bool write_new_file(const std::filesystem::path& path, const std::string& text);
+
+// An exclusive lock on a lock file, between processes as between threads: flock on POSIX,
+// LockFileEx on Windows, each on an open of the file of its own, so that two holders in one
+// process exclude each other too. The file is made when it is missing (private to its owner, a
+// link in its place not followed) and is never removed: a lock file removed while held lets a
+// second holder in beside the first. Released when the object goes, or by the system when the
+// process ends however it ends.
+class FileLock {
+public:
+    // Waits up to wait_seconds for the lock; held() says whether it came.
+    FileLock(const std::filesystem::path& path, double wait_seconds);
+    ~FileLock();
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+
+    bool held() const { return held_; }
+
+private:
+    std::intptr_t file_ = -1;  // the open lock file: a descriptor, or a HANDLE
+    bool held_ = false;
+};
 
 // Renames from over to in one step, replacing what is there, and flushes that to the medium.
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to);
@@ -53,11 +74,15 @@ struct ProcessUsage {
 };
 ProcessUsage process_usage();
 
-// Paths from text and back. A path built straight from a wide string goes through the C
-// library's locale on POSIX, which in the default "C" locale cannot hold a non-ASCII name.
+// Paths from text. A path built straight from a wide string goes through the C library's
+// locale on POSIX, which in the default "C" locale cannot hold a non-ASCII name.
 std::filesystem::path wide_path(const std::wstring& text);
 std::filesystem::path utf8_path(const std::string& text);
-std::string path_utf8(const std::filesystem::path& path);
+// A path as text for a person, in a log line or on the console; the one way a path becomes
+// text. It never throws, whatever name the system holds (the path's own conversions do, on a
+// name that is not in the locale or not Unicode): bytes that are no UTF-8 (POSIX) and unpaired
+// surrogates (Windows) become U+FFFD, and control characters are escaped as by printable.
+std::string path_text(const std::filesystem::path& path);
 
 // Fills out with bytes from the system's cryptographic generator; false if it failed.
 bool secure_random(void* out, std::size_t size);

@@ -1,4 +1,5 @@
 #include "shell/platform.h"
+#include "shell/util.h"
 
 #include <csignal>
 #include <cerrno>
@@ -9,62 +10,13 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <unistd.h>
 
 namespace zq {
 
 namespace {
-
-// Decodes one UTF-8 sequence at text[i]; malformed input yields U+FFFD and one byte consumed.
-char32_t decode_utf8(const std::string& text, std::size_t& i) {
-    auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-    unsigned char lead = byte(i);
-    if (lead < 0x80) {
-        ++i;
-        return lead;
-    }
-    int extra = (lead >> 5) == 0x6 ? 1 : (lead >> 4) == 0xE ? 2 : (lead >> 3) == 0x1E ? 3 : 0;
-    if (extra == 0) {
-        ++i;
-        return 0xFFFD;
-    }
-    char32_t cp = lead & (0x3F >> extra);
-    for (int k = 1; k <= extra; ++k) {
-        if (i + k >= text.size() || (byte(i + k) & 0xC0) != 0x80) {
-            ++i;
-            return 0xFFFD;
-        }
-        cp = (cp << 6) | (byte(i + k) & 0x3F);
-    }
-    static const char32_t min_for[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < min_for[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-        ++i;
-        return 0xFFFD;
-    }
-    i += extra + 1;
-    return cp;
-}
-
-void encode_utf8(char32_t cp, std::string& out) {
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-}
 
 std::atomic<bool>* g_stop_flag = nullptr;
 
@@ -76,13 +28,13 @@ extern "C" void on_stop_signal(int) {
 
 std::wstring utf8_to_wide(const std::string& text) {
     std::wstring out;
-    for (std::size_t i = 0; i < text.size();) out += static_cast<wchar_t>(decode_utf8(text, i));
+    for (std::size_t at = 0; at < text.size();) out += static_cast<wchar_t>(next_code_point(text, at));
     return out;
 }
 
 std::string wide_to_utf8(const std::wstring& text) {
     std::string out;
-    for (wchar_t c : text) encode_utf8(static_cast<char32_t>(c), out);
+    for (wchar_t c : text) append_utf8(static_cast<char32_t>(c), out);
     return out;
 }
 
@@ -102,13 +54,6 @@ int open_new_private(const std::filesystem::path& path) {
 
 bool write_new_file(const std::filesystem::path& path, const std::string& text) {
     int fd = open_new_private(path);
-    if (fd < 0 && errno == EEXIST) {
-        // A plain file left by a write that was cut short is ours to replace; a link or a folder
-        // in its place is not followed or touched.
-        struct stat info {};
-        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::unlink(path.c_str()) == 0)
-            fd = open_new_private(path);
-    }
     if (fd < 0) return false;
     bool ok = true;
     std::size_t done = 0;
@@ -122,6 +67,24 @@ bool write_new_file(const std::filesystem::path& path, const std::string& text) 
     if (::close(fd) != 0) ok = false;
     if (!ok) ::unlink(path.c_str());
     return ok;
+}
+
+FileLock::FileLock(const std::filesystem::path& path, double wait_seconds) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return;
+    file_ = fd;
+    // A holder keeps the lock for one read and one write of a small file; a wait this long means
+    // a process that hangs, and the caller is better told than left waiting with it.
+    const double deadline = steady_seconds() + wait_seconds;
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || steady_seconds() >= deadline) return;
+        sleep_ms(2);
+    }
+    held_ = true;
+}
+
+FileLock::~FileLock() {
+    if (file_ >= 0) ::close(static_cast<int>(file_));  // which lets go of the lock
 }
 
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
@@ -193,7 +156,7 @@ std::filesystem::path wide_path(const std::wstring& text) { return std::filesyst
 
 std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(text); }
 
-std::string path_utf8(const std::filesystem::path& path) { return path.string(); }
+std::string path_text(const std::filesystem::path& path) { return printable(path.native()); }
 
 bool secure_random(void* out, std::size_t size) {
     auto* bytes = static_cast<unsigned char*>(out);

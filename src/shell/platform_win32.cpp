@@ -1,4 +1,5 @@
 #include "shell/platform.h"
+#include "shell/util.h"
 
 #include <windows.h>
 #include <bcrypt.h>
@@ -62,14 +63,6 @@ HANDLE create_new(const std::filesystem::path& path) {
 
 bool write_new_file(const std::filesystem::path& path, const std::string& text) {
     HANDLE file = create_new(path);
-    if (file == INVALID_HANDLE_VALUE && GetLastError() == ERROR_FILE_EXISTS) {
-        // A plain file left by a write that was cut short is ours to replace; a link or a folder
-        // in its place is not followed or touched.
-        DWORD attributes = GetFileAttributesW(path.c_str());
-        if (attributes != INVALID_FILE_ATTRIBUTES &&
-            !(attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) && DeleteFileW(path.c_str()))
-            file = create_new(path);
-    }
     if (file == INVALID_HANDLE_VALUE) return false;
     bool ok = true;
     std::size_t done = 0;
@@ -83,6 +76,35 @@ bool write_new_file(const std::filesystem::path& path, const std::string& text) 
     if (!CloseHandle(file)) ok = false;
     if (!ok) DeleteFileW(path.c_str());
     return ok;
+}
+
+FileLock::FileLock(const std::filesystem::path& path, double wait_seconds) {
+    // Opening the link itself, were one planted here, follows nothing.
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return;
+    file_ = reinterpret_cast<std::intptr_t>(file);
+    // A holder keeps the lock for one read and one write of a small file; a wait this long means
+    // a process that hangs, and the caller is better told than left waiting with it.
+    const double deadline = steady_seconds() + wait_seconds;
+    for (;;) {
+        OVERLAPPED first_byte = {};
+        if (LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &first_byte)) break;
+        if (steady_seconds() >= deadline) return;
+        Sleep(2);
+    }
+    held_ = true;
+}
+
+FileLock::~FileLock() {
+    if (file_ == -1) return;
+    HANDLE file = reinterpret_cast<HANDLE>(file_);
+    if (held_) {
+        OVERLAPPED first_byte = {};
+        UnlockFileEx(file, 0, 1, 0, &first_byte);
+    }
+    CloseHandle(file);
 }
 
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
@@ -147,7 +169,8 @@ std::filesystem::path wide_path(const std::wstring& text) { return std::filesyst
 
 std::filesystem::path utf8_path(const std::string& text) { return std::filesystem::path(utf8_to_wide(text)); }
 
-std::string path_utf8(const std::filesystem::path& path) { return wide_to_utf8(path.wstring()); }
+// WideCharToMultiByte without flags replaces an unpaired surrogate instead of failing.
+std::string path_text(const std::filesystem::path& path) { return printable(wide_to_utf8(path.native())); }
 
 bool secure_random(void* out, std::size_t size) {
     return BCryptGenRandom(nullptr, static_cast<PUCHAR>(out), static_cast<ULONG>(size),

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -27,6 +28,19 @@ std::string format_text(const char* fmt, ...)
     __attribute__((format(printf, 1, 2)))
 #endif
     ;
+
+// Text from outside (other players' names, paths, what a service or a stranger sent) as it may
+// stand on a console or in a log: control characters become visible escapes ("\n", "\x1B",
+// "\u009B"), so that no text can move the cursor, retitle the window or fake a line of its own,
+// and bytes that are no UTF-8 become U+FFFD. Everything else, letters of any script included,
+// stays as it is. Applying it twice changes nothing more.
+std::string printable(std::string_view text);
+
+// The code point that starts at `at` in UTF-8 text, moving `at` past it. A malformed or overlong
+// sequence, a surrogate or a value above U+10FFFF gives U+FFFD and moves one byte.
+char32_t next_code_point(std::string_view text, std::size_t& at);
+// Appends a code point as UTF-8; a surrogate or a value above U+10FFFF goes as U+FFFD.
+void append_utf8(char32_t code_point, std::string& out);
 
 // Monotonic seconds; only differences mean anything.
 double steady_seconds();
@@ -71,8 +85,9 @@ std::string json_text(const Json& value, const std::string& key, const std::stri
     return member.dump();
 }
 
-// Writes text to "<path>.tmp" and renames it over the path in one step, so a reader sees
-// the old or the new file and never a part. The file is private to its owner (0600 on POSIX:
+// Writes text to a temporary file of its own beside the path ("<path>.<random>.tmp") and
+// renames it over the path in one step, so a reader sees the old or the new file and never a
+// part. The file is private to its owner (0600 on POSIX:
 // the state file holds tokens) and is on the medium when this returns. True when the file
 // was written and moved.
 bool write_text_atomic(const std::filesystem::path& path, const std::string& text);

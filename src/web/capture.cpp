@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "accounts/state_file.h"
 #include "bridge/bridge.h"
 #include "shell/log.h"
 #include "shell/platform.h"
@@ -26,9 +27,7 @@ void write_file(const std::filesystem::path& path, const std::string& contents, 
 void Bridge::capture_traffic(const std::string& name, const std::string& request_body, std::int32_t status,
                              const std::string& response_body, const std::string& note) {
     try {
-        const std::string& state_file = config().state_file;
-        const std::filesystem::path state = std::filesystem::absolute(
-            std::filesystem::path(std::u8string(state_file.begin(), state_file.end())));
+        const std::filesystem::path state = std::filesystem::absolute(state_path(config().state_file));
         const std::filesystem::path folder = state.parent_path() / "captures";
         std::filesystem::create_directories(folder);
 
@@ -36,7 +35,7 @@ void Bridge::capture_traffic(const std::string& name, const std::string& request
         char stamp[32] = {};
         std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &now);
         const std::string stem = std::string(stamp) + "-" + name;
-        const std::filesystem::path base = folder / std::filesystem::path(std::u8string(stem.begin(), stem.end()));
+        const std::filesystem::path base = folder / utf8_path(stem);
 
         auto file = [&base](const char* tail) {
             std::filesystem::path path = base;

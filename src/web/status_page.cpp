@@ -54,21 +54,23 @@ std::unique_lock<std::mutex> lock_briefly(std::mutex& lock) {
     return held;
 }
 
+// Names are whatever bytes a game or another player chose; the page shows them, escapes and
+// all, and the JSON encoder takes nothing but UTF-8.
 Json session_json(Session& session) {
-    Json row{{"name", session.current_online_id()}, {"logged_in", session.logged_in.load()}, {"busy", false},
-             {"room", nullptr}};
+    Json row{{"name", printable(session.current_online_id())}, {"logged_in", session.logged_in.load()},
+             {"busy", false}, {"room", nullptr}};
     std::unique_lock<std::mutex> held = lock_briefly(session.session_lock);
     if (!held.owns_lock()) {
         row["busy"] = true;
         return row;
     }
-    if (row["name"].get<std::string>().empty()) row["name"] = session.npid;
+    if (row["name"].get<std::string>().empty()) row["name"] = printable(session.npid);
     const RoomState& room = session.room;
     if (room.room_id == 0) return row;
     Json members = Json::array();
     for (const auto& [id, record] : room.members)
         members.push_back(Json{{"member_id", id},
-                               {"name", json_text(record, "OnlineId", "")},
+                               {"name", printable(json_text(record, "OnlineId", ""))},
                                {"owner", id == room.owner_member_id},
                                {"us", id == room.member_id}});
     row["room"] = Json{{"id", room.room_id}, {"max_members", room.max_members}, {"members", members}};
@@ -140,7 +142,7 @@ Json status_snapshot(Bridge& bridge, double now) {
                        {"port_mapping", mapping_json}};
         for (const p2p::LinkInfo& link : g->links_snapshot())
             peers.push_back(Json{{"member_id", link.member_id},
-                                 {"name", link.online_id},
+                                 {"name", printable(link.online_id)},
                                  {"route", route_of(link, port_mapped)},
                                  {"address", endpoint_text(link.endpoint)},
                                  {"lan_address", endpoint_text(link.local_endpoint)},

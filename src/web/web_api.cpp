@@ -139,7 +139,8 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
 
     if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(bridge, request);
 
-    log_line(format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));
+    // Anyone on the machine can ask for paths at will: a few lines show it, thousands would bury the log.
+    log_limited("webapi not handled", format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));
     return http::json_response(Json{{"ResKind", 1}, {"Message", "not found"}}, 404);
 }
 

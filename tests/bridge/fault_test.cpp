@@ -108,7 +108,8 @@ TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
 }
 
 // Online ids come from the game as raw bytes; one that is not UTF-8 cannot go into a JSON body.
-// The command fails like any upstream failure, and the bridge lives on.
+// The command fails like any upstream failure, and the bridge lives on. The log and the status
+// page show the name with the bytes that are no UTF-8 replaced.
 TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
     BridgeRig rig;
     ASSERT_TRUE(rig.start());
@@ -116,10 +117,13 @@ TEST(BridgeFaults, OnlineIdThatIsNotUtf8FailsItsCommandNotTheProcess) {
     const std::string not_utf8 = zq::wrap_message(zq::FieldMessage().string(1, "b\xFF\xFEob").bytes());
     EXPECT_EQ(game.request(105, 2, not_utf8)->result(), 26);
     EXPECT_EQ(game.request(0, 3, login_body("ash\xC3"))->result(), 5);
-    EXPECT_TRUE(rig.log.contains("velmar account failed for 'ash\xC3': /auth/account/create: "));
+    EXPECT_TRUE(rig.log.contains("velmar account failed for 'ash\xEF\xBF\xBD': /auth/account/create: "));
     EXPECT_EQ(game.request(100, 4, zq::wrap_message(""))->result(), 2);
     EXPECT_TRUE(rig.service.requests().empty());
     EXPECT_FALSE(std::filesystem::exists(rig.state()));
+    auto status = send("GET", rig.web_url() + "/sarnlink/status.json");
+    EXPECT_EQ(status.status, 200u);
+    EXPECT_EQ(body_of(status)["sessions"][0]["name"], "ash\xEF\xBF\xBD");
 
     // The same connection, and a new one, are served as before.
     EXPECT_EQ(game.request(0, 5, login_body("ash"))->result(), 0);
@@ -193,9 +197,8 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
 
 // A player whose state file cannot be replaced logs in all the same, goes on with the account in
 // memory, and finds the file as it was. The check is what the game and the service see. The
-// temporary file's name is taken by a folder, or the state file's folder is a plain file (both
-// refuse the write even to an administrator; a link in the temporary file's place is refused
-// like the folder, as Util.WriteJsonAtomic checks).
+// name of the file's lock is taken by a folder, or the state file's folder is a plain file (both
+// refuse the write even to an administrator).
 TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldFileWhole) {
     enum How { NameTaken, FolderIsAFile };
     for (How how : {NameTaken, FolderIsAFile}) {
@@ -204,7 +207,7 @@ TEST(BridgeFaults, StateFileThatCannotBeWrittenKeepsTheAccountInMemoryAndTheOldF
         std::filesystem::path state = rig.state();
         const std::string before =
             json{{"accounts", {{"elder", {{"velmar_name", "elder"}, {"recovery_code", "rc-old"}}}}}}.dump();
-        if (how == NameTaken) std::filesystem::create_directory(rig.dir.path() / "state.json.tmp");
+        if (how == NameTaken) std::filesystem::create_directory(rig.dir.path() / "state.json.lock");
         if (how == FolderIsAFile) {
             write_file(rig.dir.path() / "plain", "not a folder");
             state = rig.dir.path() / "plain" / "state.json";

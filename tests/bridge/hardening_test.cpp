@@ -4,9 +4,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 
+#include "shell/cli.h"
 #include "shell/log.h"
 #include "support/bridge_rig.h"
 #include "support/fake_port.h"
@@ -14,6 +17,61 @@
 #include "support/trickle_server.h"
 
 namespace {
+
+constexpr const char* kCreateLoopVariable = "SARNLINK_TEST_CREATE_LOOP";
+
+// Started again with the variable set (to a count), this program is a player who runs
+// "--create made-<n>" that many times in its working folder, and ends without running a test.
+// It does so once every static object of the program is up, which a static initializer of its
+// own could not count on.
+class CreateLoopChild : public ::testing::Environment {
+public:
+    void SetUp() override {
+        const std::string count = zq::get_env(kCreateLoopVariable).value_or("");
+        if (count.empty()) return;
+        int failed = 0;
+        for (int i = 0; i < std::stoi(count); ++i)
+            failed += zq::run_cli({L"--create", L"made-" + std::to_wstring(i)}) != 0;
+        std::fflush(stdout);
+        std::_Exit(failed == 0 ? 0 : 1);
+    }
+};
+[[maybe_unused]] ::testing::Environment* const create_loop_child =
+    ::testing::AddGlobalTestEnvironment(new CreateLoopChild);
+
+// Holds a service handler until the test lets it go (or the gate goes), and tells the test
+// when one has arrived.
+class Gate {
+public:
+    ~Gate() { open(); }
+    void arrive_and_wait() {
+        std::unique_lock<std::mutex> guard(lock_);
+        arrived_ = true;
+        changed_.notify_all();
+        changed_.wait_for(guard, std::chrono::seconds(30), [&] { return open_; });
+    }
+    bool wait_arrived() {
+        std::unique_lock<std::mutex> guard(lock_);
+        return changed_.wait_for(guard, std::chrono::seconds(30), [&] { return arrived_; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> guard(lock_);
+        open_ = true;
+        changed_.notify_all();
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool arrived_ = false;
+    bool open_ = false;
+};
+
+// The one-shot commands of a player at rig's folder use rig's service and state file.
+void write_command_config(BridgeRig& rig) {
+    write_file(rig.dir.path() / "sarnlink_config.json",
+               json{{"auth_server", rig.service.base_url()}, {"state_file", "state.json"}}.dump());
+}
 
 // Stops the bridge and says how long that took.
 double timed_stop(zq::Bridge& bridge) {
@@ -196,11 +254,12 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
 }
 
 // A state file that cannot be read is left alone by a login that fails, and kept aside before
-// the first new account replaces it. Two players log in for the first time at the same moment:
-// both accounts are in the file.
+// the first new account replaces it, whatever its name. Two players log in for the first time
+// at the same moment: both accounts are in the file.
 TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
     BridgeRig rig(BridgeRig::Service::Scripted);
-    const auto state = rig.state();
+    const auto state = rig.dir.path() / zq::utf8_path("zust\xC3\xA4nde.json");
+    rig.config.state_file = zq::wide_to_utf8(rig.dir.path().wstring()) + "/zust\xC3\xA4nde.json";
     write_file(state, R"({"accounts": {"elder": {"token": "t",}}})");
     // Both creations are held until both have arrived, so both logins read the file first.
     std::mutex lock;
@@ -237,10 +296,63 @@ TEST(BridgeHardening, AccountsAreMergedIntoTheFileAndACorruptFileIsKeptAside) {
 
     std::vector<std::filesystem::path> kept;
     for (const auto& entry : std::filesystem::directory_iterator(rig.dir.path()))
-        if (entry.path().filename().string().rfind("state.corrupt-", 0) == 0) kept.push_back(entry.path());
+        if (zq::path_text(entry.path().filename()).rfind("zust\xC3\xA4nde.corrupt-", 0) == 0) kept.push_back(entry.path());
     ASSERT_EQ(kept.size(), 1u);
     EXPECT_EQ(read_file(kept[0]), R"({"accounts": {"elder": {"token": "t",}}})");
-    EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + kept[0].filename().string()), 1);
+    EXPECT_EQ(rig.log.count("state file is corrupt; kept it as " + zq::path_text(kept[0].filename())), 1);
+}
+
+// A --sign-out whose call waits on the service while a game makes its first login: the account
+// made meanwhile stays in the file, and the sign-out still signs out.
+TEST(BridgeHardening, ASlowSignOutKeepsTheAccountThatALoginMadeMeanwhile) {
+    BridgeRig rig;
+    const auto elder = rig.accounts->add("elder");
+    write_file(rig.state(), json{{"accounts",
+                                  {{"elder",
+                                    {{"velmar_name", "elder"}, {"online_id", "elder"}, {"token", elder.token},
+                                     {"recovery_code", elder.recovery_code}}}}}}
+                                .dump());
+    Gate logout;
+    rig.service.handle("/auth/logout", [&](const RecordedRequest&) {
+        logout.arrive_and_wait();
+        return ScriptedAnswer::json({{"ResKind", 0}});
+    });
+    ASSERT_TRUE(rig.start());
+    write_command_config(rig);
+    Process sign_out(cli_path(), {"--sign-out", "elder"}, rig.dir.path());
+    ASSERT_TRUE(logout.wait_arrived()) << sign_out.output();
+    rig.game("fresh");
+    logout.open();
+    ASSERT_EQ(sign_out.wait(30.0), 0) << sign_out.output();
+
+    json accounts = json::parse(read_file(rig.state()))["accounts"];
+    EXPECT_EQ(accounts["fresh"]["recovery_code"], rig.accounts->get("fresh").recovery_code);
+    EXPECT_EQ(accounts["elder"], json({{"velmar_name", "elder"}, {"online_id", "elder"},
+                                       {"recovery_code", elder.recovery_code}}));
+}
+
+// --create in a loop in another process while games make their first logins here: every
+// account of both is in the file.
+TEST(BridgeHardening, CreateInALoopBesideGameLoginsLosesNoAccount) {
+    constexpr int kRounds = 100;
+    BridgeRig rig;
+    ASSERT_TRUE(rig.start());
+    write_command_config(rig);
+    Process creator(zq::own_executable_path(), {}, rig.dir.path(), {{kCreateLoopVariable, std::to_string(kRounds)}});
+    ASSERT_TRUE(creator.wait_for_output("account: created 'made-0'")) << creator.output();
+    for (int i = 0; i < kRounds; ++i) {
+        FakeGame game;
+        ASSERT_TRUE(game.connect_and_greet(rig.bridge().bound_tcp_port()));
+        ASSERT_EQ(game.request(0, 1, login_body("played-" + std::to_string(i)))->result(), 0) << i;
+    }
+    ASSERT_EQ(creator.wait(60.0), 0) << creator.output();
+
+    json accounts = json::parse(read_file(rig.state()))["accounts"];
+    EXPECT_EQ(accounts.size(), 2u * kRounds);
+    for (int i = 0; i < kRounds; ++i)
+        for (const std::string name : {"made-" + std::to_string(i), "played-" + std::to_string(i)})
+            EXPECT_EQ(accounts.value(name, json::object()).value("recovery_code", ""), rig.accounts->get(name).recovery_code)
+                << name;
 }
 
 // The command, web and proxy listeners are on bind_host, here 127.0.0.2, and can't be reached on

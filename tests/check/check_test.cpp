@@ -1,5 +1,6 @@
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "bridge/bridge.h"
 #include "check/check.h"
@@ -22,6 +23,18 @@ zq::Config quiet_config() {
     zq::Config c = local_bridge_config("http://127.0.0.1:" + std::to_string(closed_port()));
     c.stun_server = "off";
     return c;
+}
+
+// A Binding Success answer to request: its transaction, MAPPED-ADDRESS, and OTHER-ADDRESS when given.
+std::string binding_answer(const std::string& request, const zq::Endpoint& mapped, std::optional<zq::Endpoint> other) {
+    auto address = [](std::uint16_t type, const zq::Endpoint& at) {
+        unsigned a = 0, b = 0, c = 0, d = 0;
+        std::sscanf(at.host.c_str(), "%u.%u.%u.%u", &a, &b, &c, &d);
+        return bytes({type >> 8, type & 0xFF, 0, 8, 0, 1, at.port >> 8, at.port & 0xFF, static_cast<int>(a),
+                      static_cast<int>(b), static_cast<int>(c), static_cast<int>(d)});
+    };
+    std::string attributes = address(0x0001, mapped) + (other ? address(0x802C, *other) : "");
+    return bytes({1, 1, 0, static_cast<int>(attributes.size())}) + request.substr(4, 16) + attributes;
 }
 
 // Restores APPDATA however the test ends.
@@ -109,6 +122,25 @@ TEST(CheckStun, TheMappingDecidesBetweenDirectPlayAndTheRelay) {
     EXPECT_EQ(lines[0].outcome, Outcome::Note);
 }
 
+// What a server names as its second address decides only the port of the check's second
+// request: the host stays the server's own, so that no answer can make this PC send to a third.
+TEST(CheckStun, TheSecondRequestGoesOnlyToTheServersOwnHost) {
+    FakePort server, alternate;
+    std::thread answering([&] {
+        if (auto first = server.receive(10.0))
+            server.send_raw(first->from, binding_answer(first->bytes, {"198.51.100.7", 4444},
+                                                        zq::Endpoint{"192.0.2.99", alternate.address().port}));
+        if (auto second = alternate.receive(10.0))
+            alternate.send_raw(second->from, binding_answer(second->bytes, {"198.51.100.7", 4445}, std::nullopt));
+    });
+    zq::check::StunProbe probe = zq::check::probe_stun(server.address(), 3.0);
+    answering.join();
+    ASSERT_TRUE(probe.answered);
+    EXPECT_EQ(probe.other, (zq::Endpoint{"127.0.0.1", alternate.address().port}));
+    EXPECT_EQ(probe.other_mapped, (zq::Endpoint{"198.51.100.7", 4445}));
+    EXPECT_EQ(zq::check::nat_kind(probe), zq::check::NatKind::Changes);
+}
+
 TEST(CheckFiles, StateFileAndLauncherRoute) {
     TempDir dir;
     zq::Config c = quiet_config();
@@ -121,6 +153,13 @@ TEST(CheckFiles, StateFileAndLauncherRoute) {
     EXPECT_EQ(state.outcome, Outcome::Ok);
     EXPECT_NE(state.text.find("1 account (ashling)"), std::string::npos) << state.text;
     EXPECT_EQ(state.text.find("tok-1"), std::string::npos);
+    // A name that would clear the screen and print a verdict of its own is shown for what it is.
+    write_file(c.state_file, R"({"accounts": {"ash\r\n\u001b[2Jok    launcher: fine": {}}})");
+    zq::check::Report report;
+    report.lines = {zq::check::check_state_file(c)};
+    const std::string text = zq::check::report_text(report);
+    EXPECT_NE(text.find("1 account (ash\\r\\n\\x1B[2Jok    launcher: fine)"), std::string::npos) << text;
+    EXPECT_NE(zq::check::report_json(report)["checks"][0]["text"].get<std::string>().find("\\x1B[2J"), std::string::npos);
 
     AppData appdata(dir.path() / "roaming");
     CheckLine launcher = zq::check::check_launcher(dir.path(), "");
@@ -145,6 +184,18 @@ TEST(CheckCli, UsageBadSettingsAndAVerdictWithItsExitCode) {
     const std::filesystem::path config = dir.path() / "sarnlink_config.json";
     write_file(config, "");
     EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring()}), 1);
+    // What the bridge would refuse to start with is refused here too, not taken for a firewall.
+    for (const auto& [settings, problem] :
+         {std::pair{R"({"stun_server": "127.0.0.1:70000"})",
+                    R"(: stun_server "127.0.0.1:70000" has no port from 1 to 65535 after the colon)"},
+          std::pair{R"({"tcp_port": 70000})", ": tcp_port 70000 is not a port from 0 to 65535"}}) {
+        write_file(config, settings);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(zq::check::run_check_cli({L"--config", config.wstring()}), 1);
+        const std::string shown = testing::internal::GetCapturedStdout();
+        EXPECT_NE(shown.find(problem), std::string::npos) << shown;
+        EXPECT_EQ(shown.find("verdict"), std::string::npos) << shown;
+    }
 
     zq::check::Report report;
     report.lines = {{"web API tcp 127.0.0.1:31315", Outcome::Ok, "free"},

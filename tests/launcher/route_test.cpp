@@ -3,6 +3,7 @@
 
 #include "launcher/discovery.h"
 #include "shell/deployment.h"
+#include "shell/platform.h"
 #include "support/prelude.h"
 #include "support/process.h"
 
@@ -24,7 +25,7 @@ protected:
     fs::path settings = roaming / "orlond-launcher" / "settings.json";
     fs::path game = root.path() / "game";
     fs::path overrides = game / "user" / "host_overrides.custom.json";
-    std::string exe_text = zq::path_to_utf8(game / "Duskhallow.exe");
+    std::string exe_text = zq::path_text(game / "Duskhallow.exe");
 
     Json settings_now() { return Json::parse(read_file(settings)); }
 
@@ -34,9 +35,9 @@ protected:
                         const std::optional<std::string>& appdata = std::nullopt) {
         std::vector<std::string> args{"--route", value};
         args.insert(args.end(), extra.begin(), extra.end());
-        return run_process(cli_path(), args, root.path(), {{"APPDATA", appdata.value_or(zq::path_to_utf8(roaming))}});
+        return run_process(cli_path(), args, root.path(), {{"APPDATA", appdata.value_or(zq::path_text(roaming))}});
     }
-    std::string ok(int routed) { return "ok: orlond " + zq::path_to_utf8(game) + ", routed=" + std::to_string(routed) + "\n"; }
+    std::string ok(int routed) { return "ok: orlond " + zq::path_text(game) + ", routed=" + std::to_string(routed) + "\n"; }
 };
 
 }  // namespace
@@ -98,7 +99,7 @@ TEST_F(Route, OffWithoutBackupFallsBackToTheRuntimeService) {
 // Each way discovery can fail, and the near misses that must still find the game.
 TEST_F(Route, DiscoveryFailuresAndCandidates) {
     const fs::path coop = roaming / "orlond-launcher-coop" / "settings.json";
-    const std::vector<std::string> at_game{"--orlond", zq::path_to_utf8(game)};
+    const std::vector<std::string> at_game{"--orlond", zq::path_text(game)};
     auto fails_with = [&](const std::string& message, const ProcessResult& r) {
         EXPECT_EQ(r.exit_code, 1) << message;
         EXPECT_EQ(r.output, "failed: " + message + "\n");
@@ -120,6 +121,6 @@ TEST_F(Route, DiscoveryFailuresAndCandidates) {
     write_file(game / "Play Duskhallow.exe", "MZ");
     EXPECT_EQ(route("off", at_game).output, ok(0));
     // An --orlond folder without the game does not end the search: game_dir's parent is next.
-    write_file(coop, Json{{"game_dir", zq::path_to_utf8(game / "Play Duskhallow.exe")}}.dump());
-    EXPECT_EQ(route("off", {"--orlond", zq::path_to_utf8(root.path())}).output, ok(0));
+    write_file(coop, Json{{"game_dir", zq::path_text(game / "Play Duskhallow.exe")}}.dump());
+    EXPECT_EQ(route("off", {"--orlond", zq::path_text(root.path())}).output, ok(0));
 }

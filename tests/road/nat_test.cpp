@@ -274,9 +274,13 @@ protected:
     }
 };
 
+// A player's check before playing: a router that keeps one mapping for every destination means
+// direct play; one that maps each destination anew means the relay. coturn's second port shows
+// it outright (the check asks no other host than the server's own); the stand-in's one address
+// leaves only the port as a hint.
 TEST_F(NatCheck, FindsDirectPlayLikelyBehindAPortRestrictedCone) {
     verdict(Kind::PortRestricted, {"sees us as 198.51.100.2:", "ok    router: kept our port"},
-            "ok    router: keeps one public address for every destination (203.0.113.11:3480 saw 198.51.100.2:",
+            "ok    router: keeps one public address for every destination (203.0.113.10:3480 saw 198.51.100.2:",
             "verdict: ready, direct play likely\n");
 }
 

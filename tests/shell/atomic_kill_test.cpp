@@ -35,6 +35,15 @@ json state_document(char mark) {
     }
 }
 
+// The temporary files in the folder: each write has one of its own, named "state.json.<x>.tmp".
+std::vector<std::filesystem::path> temporary_files(const std::filesystem::path& dir) {
+    std::vector<std::filesystem::path> found;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ignored))
+        if (entry.path().extension() == ".tmp") found.push_back(entry.path());
+    return found;
+}
+
 // Runs before the tests: as the writer child this program never reaches them.
 [[maybe_unused]] const bool writer_child = [] {
     auto dir = zq::get_env(kWriterVariable);
@@ -64,7 +73,7 @@ TEST(AtomicWrite, KilledWriterLeavesTheOldOrTheNewFileWhole) {
         } else {
             // Aim inside a write: the temporary file stands only while one is under way.
             for (double until = zq::steady_seconds() + 2.0; zq::steady_seconds() < until;)
-                if (std::filesystem::exists(dir.path() / "state.json.tmp")) break;
+                if (!temporary_files(dir.path()).empty()) break;
         }
         writer.wait(0.0);  // kills it wherever it is
 
@@ -72,6 +81,6 @@ TEST(AtomicWrite, KilledWriterLeavesTheOldOrTheNewFileWhole) {
         EXPECT_NE(std::find(whole.begin(), whole.end(), state), whole.end()) << "kill " << kill << ": " << state.size();
         // A cut temporary file is left behind by a kill inside a write; it must not pass for the
         // sign of the next one.
-        std::filesystem::remove(dir.path() / "state.json.tmp");
+        for (const auto& left : temporary_files(dir.path())) std::filesystem::remove(left);
     }
 }

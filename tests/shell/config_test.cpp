@@ -59,9 +59,9 @@ TEST(Config, ToleratesWrongTypesAndRoutingKeys) {
     EXPECT_EQ(routes.at(9), "c");
 }
 
-// A routing table with a hole, and the values that would stop the bridge or silently open it
-// to the network, are refused with the key and the reason; a bind_host name becomes the
-// address it stands for, never every interface.
+// A routing table with a hole, a port that would be cut to 16 bits, and the values that would
+// stop the bridge or silently open it to the network, are refused with the key and the reason;
+// a bind_host name becomes the address it stands for, never every interface.
 TEST(Config, RefusesWhatWouldStopOrOpenTheBridge) {
     const std::pair<const char*, std::string> cases[] = {
         {R"({"game_proxy_routes": {"abc": "x"}})", R"(game_proxy_routes key "abc" is not a port number)"},
@@ -70,6 +70,12 @@ TEST(Config, RefusesWhatWouldStopOrOpenTheBridge) {
         {R"({"game_proxy_routes": {"-1": "x"}})", R"(game_proxy_routes key "-1" is not a port from 0 to 65535)"},
         {R"({"game_proxy_routes": {"99999999999": "x"}})",
          R"(game_proxy_routes key "99999999999" is not a port from 0 to 65535)"},
+        {R"({"tcp_port": 70000})", "tcp_port 70000 is not a port from 0 to 65535"},
+        {R"({"udp_port": -1})", "udp_port -1 is not a port from 0 to 65535"},
+        {R"({"webapi_port": "4294998609"})", "webapi_port 4294998609 is not a port from 0 to 65535"},
+        {R"({"p2p_port": 65536.5})", "p2p_port 65536 is not a port from 0 to 65535"},
+        {R"({"port_p2p_port": -3658})", "port_p2p_port -3658 is not a port from 0 to 65535"},
+        {R"({"tcp_port": 0, "p2p_port": 65535, "port_p2p_port": 0, "bind_host": "127.0.0.1"})", ""},
         {R"({"stun_server": "stun.example:abc"})",
          R"(stun_server "stun.example:abc" has no port from 1 to 65535 after the colon)"},
         {R"({"stun_server": "stun.example:99999"})",

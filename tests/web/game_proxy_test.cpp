@@ -90,7 +90,7 @@ TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     const fs::path dir = s.dir.path();
     write_file(dir / "plain-file", "in the way");
     s.config.trace = true;
-    s.config.state_file = (dir / "data" / "state.json").string();
+    s.config.state_file = zq::wide_to_utf8(dir.wstring()) + "/zust\xC3\xA4nde/state.json";
     ASSERT_TRUE(s.start());
     s.game("ash");  // the proxy adds a token, which no traced line may show
     s.service.answer("/basic_utils/login2", ScriptedAnswer::text(201, "answer"));
@@ -99,7 +99,7 @@ TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     EXPECT_EQ(send("POST", s.url("/basic_utils/login2?q=1"), "question").body, "answer");
     send("POST", s.url("/blood_messenger"), "not captured");
 
-    const fs::path folder = dir / "data" / "captures";
+    const fs::path folder = dir / zq::utf8_path("zust\xC3\xA4nde") / "captures";
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
     ASSERT_EQ(names.size(), 3u);
