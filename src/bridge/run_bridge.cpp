@@ -18,7 +18,7 @@ std::atomic<bool> stop_requested{false};
 std::string full_path_text(const std::filesystem::path& path) {
     std::error_code failed;
     std::filesystem::path full = std::filesystem::absolute(path, failed);
-    return path_utf8((failed ? path : full).lexically_normal());
+    return path_text((failed ? path : full).lexically_normal());
 }
 
 // Which files this run uses, so that a start from a shortcut or another folder is no mystery.
@@ -40,7 +40,7 @@ void log_files_in_use(const Config& config, const std::filesystem::path& config_
         log_line("accounts: " + accounts + " does not exist yet; it is created with the first account");
         return;
     }
-    if (!read_whole_file(state, text)) {
+    if (!read_state_text(state, text)) {
         log_line("accounts: " + accounts + " cannot be read");
         return;
     }

@@ -23,9 +23,9 @@ TEST(RunBridge, ServesAGameAndStopsOnInterrupt) {
     ASSERT_TRUE(cli.wait_for_output("community server: https://community.test\n")) << cli.output();
     std::string out = cli.output();
     EXPECT_NE(out.find("[sarnlink] sarnlink 0.3.2 (cli)\n"), std::string::npos);
-    EXPECT_NE(out.find("[sarnlink] config: " + zq::path_utf8(dir / "sarnlink_config.json") + "\n"), std::string::npos)
+    EXPECT_NE(out.find("[sarnlink] config: " + zq::path_text(dir / "sarnlink_config.json") + "\n"), std::string::npos)
         << out;
-    EXPECT_NE(out.find("[sarnlink] accounts: " + zq::path_utf8(dir / "sarnlink_state.json") + " holds 2 accounts\n"),
+    EXPECT_NE(out.find("[sarnlink] accounts: " + zq::path_text(dir / "sarnlink_state.json") + " holds 2 accounts\n"),
               std::string::npos)
         << out;
     EXPECT_NE(out.find("[sarnlink] velmar server: https://velmar.test\n"), std::string::npos);

@@ -98,7 +98,7 @@ TEST(Cli, AFailedStartAloneInItsWindowWaitsForEnter) {
     EXPECT_EQ(from_cmd.exit_code, 1);
     EXPECT_NE(from_cmd.output.find(failure), std::string::npos) << from_cmd.output;
     EXPECT_EQ(from_cmd.output.find(prompt), std::string::npos) << from_cmd.output;
-    EXPECT_NE(from_cmd.output.find("accounts: " + zq::path_utf8(dir.path() / "sarnlink_state.json") +
+    EXPECT_NE(from_cmd.output.find("accounts: " + zq::path_text(dir.path() / "sarnlink_state.json") +
                                    " does not exist yet; it is created with the first account\n"),
               std::string::npos)
         << from_cmd.output;
