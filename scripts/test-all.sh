@@ -52,9 +52,7 @@ stage "tools" fatal scripts/check-tools.sh
 
 jobs=$(nproc)
 export WINEDEBUG=-all
-# Keep one Wine server up for the whole Windows suite instead of one per test program.
 wineboot -i >/dev/null 2>&1 || true
-wineserver -p 600 || true
 
 # A sanitizer report fails the test that caused it, with the stack that led there. Child
 # processes (sarnlink-cli) inherit these.
@@ -63,9 +61,26 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:history_size=4}
 
 build() { cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -j "$jobs"; }
+# One Wine server stays up for the whole Windows suite instead of one per test program, and it is
+# warmed up first: the first program of a fresh server starts Wine's own services, and its exit
+# has been seen to hang there. Wine also, rarely, leaves a test program hanging after its last
+# test passed (at process exit, or in a send to a socket the other end reset); a test that times
+# out under Wine runs once more. A test that fails an assertion is never run again.
+wine_suite() {
+  wineserver -p || true
+  wine cmd /c exit >/dev/null 2>&1 || true
+  local rc=0
+  ctest --preset windows-release -j "$jobs" --repeat after-timeout:2 || rc=$?
+  wineserver -k || true
+  return $rc
+}
 for preset in linux-debug windows-release linux-asan linux-tsan; do
   stage "$preset build" fatal build "$preset"
-  stage "$preset test" go-on ctest --preset "$preset" -j "$jobs"
+  if [ "$preset" = windows-release ]; then
+    stage "$preset test" go-on wine_suite
+  else
+    stage "$preset test" go-on ctest --preset "$preset" -j "$jobs"
+  fi
 done
 stage "fuzz smoke" go-on scripts/fuzz-smoke.sh
 stage "release packages" fatal scripts/release.sh
