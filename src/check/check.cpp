@@ -10,7 +10,6 @@
 #include <iterator>
 
 #include "accounts/state_file.h"
-#include "bridge/bridge.h"
 #include "bridge/frames.h"
 #include "http/fetch.h"
 #include "launcher/discovery.h"
@@ -271,13 +270,7 @@ CheckLine check_service(const Config& config) {
 }
 
 std::vector<CheckLine> check_stun(const Config& config, double wait_seconds, Report& report) {
-    std::optional<Endpoint> server;
-    try {
-        Bridge bridge(config);
-        server = bridge.pick_stun_server();
-    } catch (const std::exception&) {
-        return {{"STUN server", Outcome::Fail, "the stun_server setting has no port number after its colon"}};
-    }
+    const std::optional<Endpoint> server = pick_stun_server(config);
     if (!server)
         return {{"STUN server", Outcome::Note,
                  "STUN is off in the settings: only players on your own network can be reached"}};
