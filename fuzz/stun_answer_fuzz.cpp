@@ -1,5 +1,5 @@
-// The STUN server's answers to the gateway's Binding Request, matched against the transaction
-// of a real request, and the relay frames that come back from the relay.
+// The STUN server's answers to a Binding Request (the gateway's and the check's), matched against
+// the transaction of a real request, and the relay frames that come back from the relay.
 
 #include <string>
 #include <string_view>
@@ -38,6 +38,9 @@ void check_answer(std::string_view datagram) {
     FUZZ_CHECK(static_cast<unsigned char>(datagram[0]) == 0x01 && static_cast<unsigned char>(datagram[1]) == 0x01);
     FUZZ_CHECK(answer->mapped_port >= 0 && answer->mapped_port <= 65535);
     FUZZ_CHECK(answer->mapped_host.empty() || dotted_quad(answer->mapped_host));
+    // The second address is there whole or not at all, and never the unspecified one.
+    FUZZ_CHECK(answer->other_host.empty() == (answer->other_port == 0));
+    FUZZ_CHECK(answer->other_host.empty() || (dotted_quad(answer->other_host) && answer->other_host != "0.0.0.0"));
     if (answer->relay) {
         FUZZ_CHECK(answer->relay_token.size() == kRelayTokenSize);
         FUZZ_CHECK(answer->relay_port >= 0 && answer->relay_port <= 65535);

@@ -5,6 +5,7 @@
 
 #include "bridge/stun_responder.h"
 #include "fuzz_check.h"
+#include "shell/byte_order.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string datagram = fuzzing::text_of(data, size);
@@ -19,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size >= 6) {
         const std::string host = std::to_string(data[0]) + "." + std::to_string(data[1]) + "." +
                                  std::to_string(data[2]) + "." + std::to_string(data[3]);
-        const int port = data[4] << 8 | data[5];
+        const int port = zq::be16(datagram, 4);
         const std::string reply = zq::stun_reply(zq::Endpoint{host, port});
         FUZZ_CHECK(reply == datagram.substr(0, 6));
     }

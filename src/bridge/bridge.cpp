@@ -24,7 +24,7 @@ bool Bridge::fail(std::string* error, const std::string& message) {
 // The P2P gateway comes up here, before any listener, when p2p_gateway is on.
 bool Bridge::start_gateway(std::string* error) {
     std::string lan = config_.local_addr.empty() ? local_ipv4() : config_.local_addr;
-    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(), lan,
+    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(config_), lan,
                                              [this](const Endpoint& mapped) { on_mapped_change(mapped); });
     gateway->stun_refresh = config_.stun_refresh;
     gateway->port_mapping = config_.port_mapping;
@@ -216,24 +216,6 @@ std::vector<int> Bridge::bound_game_proxy_ports() const {
     std::vector<int> ports;
     for (const auto& proxy : game_proxies_) ports.push_back(proxy->port);
     return ports;
-}
-
-std::optional<Endpoint> Bridge::pick_stun_server() const {
-    const std::string& stun = config_.stun_server;
-    if (stun == "off") return std::nullopt;
-    if (!stun.empty()) {
-        auto colon = stun.find(':');
-        if (colon == std::string::npos) return Endpoint{stun, 3478};
-        // A port that is not a number is a broken setting: the process ends, as for any
-        // uncaught exception while starting.
-        return Endpoint{stun.substr(0, colon), std::stoi(stun.substr(colon + 1))};
-    }
-    std::string rest = config_.velmar_server;
-    auto scheme = rest.find("://");
-    if (scheme != std::string::npos) rest = rest.substr(scheme + 3);
-    rest = rest.substr(0, rest.find_first_of(":/"));
-    if (rest.empty()) return std::nullopt;
-    return Endpoint{rest, 3478};
 }
 
 }  // namespace zq

@@ -42,10 +42,6 @@ public:
     // Takes everything down in the reverse order; safe at any time, any number of times.
     void stop();
 
-    // The STUN server for the gateway: stun_server ("off", "host" or "host:port"), or the host
-    // of velmar_server on 3478. Nothing when there is none.
-    std::optional<Endpoint> pick_stun_server() const;
-
     const Config& config() const { return config_; }
     bool running() const { return running_.load(); }
     // The ports actually held, which differ from the settings when those ask for port 0.

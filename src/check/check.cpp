@@ -1,16 +1,11 @@
 #include "check/check.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <exception>
-#include <fstream>
-#include <iterator>
 
 #include "accounts/state_file.h"
-#include "bridge/bridge.h"
 #include "bridge/frames.h"
 #include "http/fetch.h"
 #include "launcher/discovery.h"
@@ -25,8 +20,6 @@ namespace zq::check {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr std::uint16_t kAttrOtherAddress = 0x802C;
 
 // Where to reach a listener of ours: a bind on every interface is reached on the loopback.
 std::string reach_host(const Config& config) {
@@ -91,47 +84,11 @@ CheckLine port_line(const std::string& name, bool free, bool held_by_us) {
     return {name, Outcome::Fail, "taken by another program: close it, or choose another port in the settings"};
 }
 
-std::string be16_text(std::uint16_t value) {
-    return std::string{static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
-}
-
-std::uint16_t be16(std::string_view data, std::size_t at) {
-    return static_cast<std::uint16_t>((static_cast<unsigned char>(data[at]) << 8) |
-                                      static_cast<unsigned char>(data[at + 1]));
-}
-
-// A plain Binding Request (no attributes), so that any STUN server answers it.
-std::string plain_request(const std::array<unsigned char, 12>& id) {
-    std::string out = be16_text(p2p::kBindingRequest) + be16_text(0);
-    out += "\x21\x12\xA4\x42";
-    out.append(reinterpret_cast<const char*>(id.data()), id.size());
-    return out;
-}
-
-// OTHER-ADDRESS of an accepted answer: the server's second address and port.
-std::optional<Endpoint> other_address(std::string_view answer) {
-    if (answer.size() < 20) return std::nullopt;
-    std::size_t end = 20 + be16(answer, 2);
-    if (end > answer.size()) return std::nullopt;
-    for (std::size_t at = 20; at + 4 <= end;) {
-        std::uint16_t type = be16(answer, at);
-        std::size_t length = be16(answer, at + 2);
-        if (at + 4 + length > end) break;
-        if (type == kAttrOtherAddress && length >= 8 && static_cast<unsigned char>(answer[at + 5]) == 1) {
-            const unsigned char* a = reinterpret_cast<const unsigned char*>(answer.data() + at + 8);
-            Endpoint other{format_text("%u.%u.%u.%u", a[0], a[1], a[2], a[3]), be16(answer, at + 6)};
-            if (other.usable() && other.host != "0.0.0.0") return other;
-        }
-        at += 4 + ((length + 3) / 4) * 4;
-    }
-    return std::nullopt;
-}
-
 // One request, resent every half second until an answer with its transaction comes or the wait ends.
-std::optional<std::string> binding(Socket s, const Endpoint& to, double wait_seconds) {
+std::optional<p2p::StunAnswer> binding(Socket s, const Endpoint& to, double wait_seconds) {
     const auto id = p2p::random_transaction_id();
     if (!id) return std::nullopt;
-    const std::string request = plain_request(*id);
+    const std::string request = p2p::plain_binding_request(*id);
     const std::string transaction = request.substr(4, 16);
     const double deadline = steady_seconds() + wait_seconds;
     std::vector<bool> ready;
@@ -145,8 +102,8 @@ std::optional<std::string> binding(Socket s, const Endpoint& to, double wait_sec
             SockAddr from;
             int n = recv_from(s, buffer.data(), static_cast<int>(buffer.size()), &from);
             if (n < 20) continue;
-            std::string answer = buffer.substr(0, static_cast<std::size_t>(n));
-            if (p2p::parse_binding_answer(answer, transaction)) return answer;
+            const std::string_view datagram(buffer.data(), static_cast<std::size_t>(n));
+            if (auto answer = p2p::parse_binding_answer(datagram, transaction)) return answer;
         }
     }
     return std::nullopt;
@@ -169,20 +126,16 @@ StunProbe probe_stun(const Endpoint& server, double wait_seconds) {
     }
     probe.local = bound_endpoint(s);
     const double began = steady_seconds();
-    if (std::optional<std::string> answer = binding(s, server, wait_seconds)) {
+    if (std::optional<p2p::StunAnswer> answer = binding(s, server, wait_seconds)) {
         probe.seconds = steady_seconds() - began;
-        auto parsed = p2p::parse_binding_answer(*answer, answer->substr(4, 16));
         probe.answered = true;
-        probe.mapped = Endpoint{parsed->mapped_host, parsed->mapped_port};
-        probe.other = other_address(*answer);
+        probe.mapped = Endpoint{answer->mapped_host, answer->mapped_port};
         // Only the server's own host is asked again, at the other port it names: an answer
         // must not be able to send this PC's requests to a third host.
-        if (probe.other) probe.other = Endpoint{server.host, probe.other->port};
+        if (!answer->other_host.empty()) probe.other = Endpoint{server.host, answer->other_port};
         if (probe.other && *probe.other != server) {
-            if (std::optional<std::string> second = binding(s, *probe.other, wait_seconds)) {
-                auto again = p2p::parse_binding_answer(*second, second->substr(4, 16));
+            if (std::optional<p2p::StunAnswer> again = binding(s, *probe.other, wait_seconds))
                 probe.other_mapped = Endpoint{again->mapped_host, again->mapped_port};
-            }
         }
     }
     close_socket(s);
@@ -271,13 +224,7 @@ CheckLine check_service(const Config& config) {
 }
 
 std::vector<CheckLine> check_stun(const Config& config, double wait_seconds, Report& report) {
-    std::optional<Endpoint> server;
-    try {
-        Bridge bridge(config);
-        server = bridge.pick_stun_server();
-    } catch (const std::exception&) {
-        return {{"STUN server", Outcome::Fail, "the stun_server setting has no port number after its colon"}};
-    }
+    const std::optional<Endpoint> server = pick_stun_server(config);
     if (!server)
         return {{"STUN server", Outcome::Note,
                  "STUN is off in the settings: only players on your own network can be reached"}};

@@ -74,7 +74,8 @@ struct Report {
 // The single checks, one line each (the ports one line per listener).
 std::vector<CheckLine> check_ports(const Config& config);
 CheckLine check_service(const Config& config);
-// The STUN line and the NAT line; fills the report's nat and mapped.
+// The STUN line and the NAT line; fills the report's nat and mapped. The config's stun_server
+// has passed settle_bridge_config.
 std::vector<CheckLine> check_stun(const Config& config, double wait_seconds, Report& report);
 // The router's port mapping, asked for a port of our own and released at once; no line when
 // STUN saw nothing (a mapping is used only where STUN agrees) or the setting is off. Fills the

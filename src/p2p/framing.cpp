@@ -3,15 +3,11 @@
 #include <chrono>
 #include <cstring>
 
+#include "shell/byte_order.h"
+
 namespace zq::p2p {
 
 namespace {
-
-unsigned byte_at(std::string_view s, std::size_t i) { return static_cast<unsigned char>(s[i]); }
-
-std::uint16_t be16(std::string_view s, std::size_t at) {
-    return static_cast<std::uint16_t>(byte_at(s, at) << 8 | byte_at(s, at + 1));
-}
 
 std::uint64_t le_at(std::string_view s, std::size_t at, int size) {
     std::uint64_t v = 0;
@@ -96,10 +92,8 @@ int port_frame_to_peer_in_place(char* frame, std::size_t size, std::string_view&
     } else {
         header = frame - kPeerHeaderGrowth;
         header[1] = static_cast<char>(kWideFlags);
-        header[2] = static_cast<char>(source >> 8);
-        header[3] = static_cast<char>(source & 0xFF);
-        header[4] = static_cast<char>(destination >> 8);
-        header[5] = static_cast<char>(destination & 0xFF);
+        store_be16(header + 2, source);
+        store_be16(header + 4, destination);
     }
     header[0] = static_cast<char>(kPeerFrameMarker);
     out = std::string_view(header, static_cast<std::size_t>(frame + size - header));
@@ -118,10 +112,8 @@ bool peer_frame_to_port_in_place(char* frame, std::size_t size, std::string_view
     const std::uint16_t destination = narrow ? byte_at(in, at + 1) : be16(in, at + 2);
     // The port header ends where the peer header ended: the payload does not move.
     char* header = frame + end - 4;
-    header[0] = static_cast<char>(source >> 8);
-    header[1] = static_cast<char>(source & 0xFF);
-    header[2] = static_cast<char>(destination >> 8);
-    header[3] = static_cast<char>(destination & 0xFF);
+    store_be16(header, source);
+    store_be16(header + 2, destination);
     out = std::string_view(header, size - end + 4);
     return true;
 }

@@ -2,30 +2,17 @@
 
 #include <cstdio>
 
+#include "shell/byte_order.h"
+
 namespace zq::p2p {
 
 namespace {
-
-unsigned byte_at(std::string_view s, std::size_t i) { return static_cast<unsigned char>(s[i]); }
-unsigned be16(std::string_view s, std::size_t at) { return byte_at(s, at) << 8 | byte_at(s, at + 1); }
-std::uint32_t be32(std::string_view s, std::size_t at) {
-    return static_cast<std::uint32_t>(be16(s, at)) << 16 | be16(s, at + 2);
-}
-
-void put_be16(std::string& out, unsigned v) {
-    out.push_back(static_cast<char>((v >> 8) & 0xFF));
-    out.push_back(static_cast<char>(v & 0xFF));
-}
-void put_be32(std::string& out, std::uint32_t v) {
-    put_be16(out, v >> 16);
-    put_be16(out, v & 0xFFFF);
-}
 
 // ::ffff:a.b.c.d
 void put_mapped_ipv4(std::string& out, std::uint32_t address) {
     out.append(10, '\0');
     out.append(2, '\xFF');
-    put_be32(out, address);
+    out += be32_bytes(address);
 }
 
 // The IPv4 address inside an IPv4-mapped IPv6 address, or 0.
@@ -40,8 +27,8 @@ std::string pcp_header(unsigned char opcode, std::uint32_t lifetime, std::uint32
     std::string out;
     out.push_back(static_cast<char>(kPcpVersion));
     out.push_back(static_cast<char>(opcode));
-    put_be16(out, 0);
-    put_be32(out, lifetime);
+    out += be16_bytes(0);
+    out += be32_bytes(lifetime);
     put_mapped_ipv4(out, client_ipv4);
     return out;
 }
@@ -52,10 +39,10 @@ std::string natpmp_address_request() { return std::string{static_cast<char>(kNat
 
 std::string natpmp_map_request(int internal_port, int suggested_external_port, std::uint32_t lifetime) {
     std::string out{static_cast<char>(kNatPmpVersion), kNatPmpOpMapUdp};
-    put_be16(out, 0);
-    put_be16(out, static_cast<unsigned>(internal_port) & 0xFFFF);
-    put_be16(out, static_cast<unsigned>(suggested_external_port) & 0xFFFF);
-    put_be32(out, lifetime);
+    out += be16_bytes(0);
+    out += be16_bytes(static_cast<unsigned>(internal_port));
+    out += be16_bytes(static_cast<unsigned>(suggested_external_port));
+    out += be32_bytes(lifetime);
     return out;
 }
 
@@ -67,8 +54,8 @@ std::string pcp_map_request(const PcpNonce& nonce, std::uint32_t client_ipv4, in
     out.append(reinterpret_cast<const char*>(nonce.data()), nonce.size());
     out.push_back(static_cast<char>(kProtocolUdp));
     out.append(3, '\0');
-    put_be16(out, static_cast<unsigned>(internal_port) & 0xFFFF);
-    put_be16(out, static_cast<unsigned>(suggested_external_port) & 0xFFFF);
+    out += be16_bytes(static_cast<unsigned>(internal_port));
+    out += be16_bytes(static_cast<unsigned>(suggested_external_port));
     // No preference for the external address: the IPv4-mapped form of 0.0.0.0.
     put_mapped_ipv4(out, 0);
     return out;

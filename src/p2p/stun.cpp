@@ -1,25 +1,16 @@
 #include "p2p/stun.h"
 
-#include <cstdio>
-
+#include "p2p/port_mapping_codec.h"
+#include "shell/byte_order.h"
 #include "shell/platform.h"
 
 namespace zq::p2p {
 
 namespace {
 
-unsigned byte_at(std::string_view s, std::size_t i) { return static_cast<unsigned char>(s[i]); }
-
-unsigned be16(std::string_view s, std::size_t at) { return byte_at(s, at) << 8 | byte_at(s, at + 1); }
-
-void put_be16(std::string& out, unsigned v) {
-    out.push_back(static_cast<char>((v >> 8) & 0xFF));
-    out.push_back(static_cast<char>(v & 0xFF));
-}
-
-void put_be32(std::string& out, std::uint32_t v) {
-    put_be16(out, v >> 16);
-    put_be16(out, v & 0xFFFF);
+std::string request_header(std::uint16_t length, const std::array<unsigned char, 12>& transaction_id) {
+    return be16_bytes(kBindingRequest) + be16_bytes(length) + be32_bytes(kMagicCookie) +
+           std::string(reinterpret_cast<const char*>(transaction_id.data()), transaction_id.size());
 }
 
 }  // namespace
@@ -33,19 +24,17 @@ std::optional<std::array<unsigned char, 12>> random_transaction_id() {
 }
 
 std::string binding_request(const std::array<unsigned char, 12>& transaction_id, std::string_view token) {
-    std::string out;
-    put_be16(out, kBindingRequest);
-    put_be16(out, 16);
-    put_be32(out, kMagicCookie);
-    out.append(reinterpret_cast<const char*>(transaction_id.data()), transaction_id.size());
-    put_be16(out, kAttrRelayRequest);
-    put_be16(out, 12);
+    std::string out = request_header(16, transaction_id) + be16_bytes(kAttrRelayRequest) + be16_bytes(12);
     out.append(kRelayMagic);
     if (token.size() == kRelayTokenSize)
         out.append(token);
     else
         out.append(kRelayTokenSize, '\0');
     return out;
+}
+
+std::string plain_binding_request(const std::array<unsigned char, 12>& transaction_id) {
+    return request_header(0, transaction_id);
 }
 
 std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_view transaction) {
@@ -57,9 +46,9 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_v
         std::uint32_t address = 0;
         unsigned port = 0;
     };
-    std::optional<Candidate> plain, xored;
+    std::optional<Candidate> plain, xored, other;
     StunAnswer answer;
-    std::uint32_t cookie = static_cast<std::uint32_t>(be16(d, 4)) << 16 | be16(d, 6);
+    std::uint32_t cookie = be32(d, 4);
 
     std::size_t at = 20, end = 20 + length;
     // The last attribute's padding may run past the stated length; stop there, not wrap round.
@@ -76,13 +65,15 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_v
                 answer.relay_port = static_cast<int>(be16(v, 12));
             }
         } else if (size >= 8 && byte_at(v, 1) == 1) {
-            Candidate c{static_cast<std::uint32_t>(be16(v, 4)) << 16 | be16(v, 6), be16(v, 2)};
+            Candidate c{be32(v, 4), be16(v, 2)};
             if (type == kAttrMappedAddress) {
                 plain = c;
             } else if (type == kAttrXorMappedAddress || type == kAttrXorMappedAddressOld) {
                 c.port ^= cookie >> 16;
                 c.address ^= cookie;
                 xored = c;
+            } else if (type == kAttrOtherAddress && !other && c.address != 0 && c.port != 0) {
+                other = c;
             }
         }
         at = value + ((size + 3) / 4) * 4;
@@ -91,11 +82,12 @@ std::optional<StunAnswer> parse_binding_answer(std::string_view d, std::string_v
     // The private server's plain address wins over the XOR one, unlike common STUN clients.
     std::optional<Candidate> chosen = plain ? plain : xored;
     if (!chosen || chosen->address == 0 || chosen->port == 0) return std::nullopt;
-    char text[16];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", chosen->address >> 24, (chosen->address >> 16) & 0xFF,
-                  (chosen->address >> 8) & 0xFF, chosen->address & 0xFF);
-    answer.mapped_host = text;
+    answer.mapped_host = ipv4_text(chosen->address);
     answer.mapped_port = static_cast<int>(chosen->port);
+    if (other) {
+        answer.other_host = ipv4_text(other->address);
+        answer.other_port = static_cast<int>(other->port);
+    }
     return answer;
 }
 
@@ -104,8 +96,7 @@ std::string_view relay_frame_to_server_in_place(std::string_view token, int port
     header[0] = '\xFB';
     header[1] = 'R';
     for (std::size_t i = 0; i < kRelayTokenSize; ++i) header[2 + i] = i < token.size() ? token[i] : '\0';
-    header[10] = static_cast<char>((port >> 8) & 0xFF);
-    header[11] = static_cast<char>(port & 0xFF);
+    store_be16(header + 10, static_cast<unsigned>(port));
     return std::string_view(header, size + kRelayHeaderSize);
 }
 

@@ -1,6 +1,6 @@
 #pragma once
-// The gateway's STUN exchange with the STUN and relay server, and the relay frames that carry
-// peer traffic through that server. Pure functions apart from the transaction id's generator.
+// The STUN exchange with the STUN and relay server, and the relay frames that carry peer
+// traffic through that server. Pure functions apart from the transaction id's generator.
 
 #include <array>
 #include <cstdint>
@@ -25,6 +25,8 @@ inline constexpr std::uint32_t kMagicCookie = 0x2112A442;
 inline constexpr std::uint16_t kAttrMappedAddress = 0x0001;
 inline constexpr std::uint16_t kAttrXorMappedAddress = 0x0020;
 inline constexpr std::uint16_t kAttrXorMappedAddressOld = 0x8020;
+// The server's second address and port (RFC 5780), same layout as MAPPED-ADDRESS.
+inline constexpr std::uint16_t kAttrOtherAddress = 0x802C;
 inline constexpr std::uint16_t kAttrRelayRequest = 0x8100;
 // Relay grant value, at least 20 bytes: | 0 | 4 | "zqr1" | 4 | 8 | token | 12 | 2 | our relay port |
 inline constexpr std::uint16_t kAttrRelayGrant = 0x8101;
@@ -36,6 +38,8 @@ std::optional<std::array<unsigned char, 12>> random_transaction_id();
 
 // token: the 8-byte relay token, or empty for none (eight zero bytes go out).
 std::string binding_request(const std::array<unsigned char, 12>& transaction_id, std::string_view token);
+// The 20-byte header alone, with no attributes, so that any STUN server answers it.
+std::string plain_binding_request(const std::array<unsigned char, 12>& transaction_id);
 
 struct StunAnswer {
     std::string mapped_host;  // "%u.%u.%u.%u"
@@ -43,6 +47,8 @@ struct StunAnswer {
     bool relay = false;
     std::string relay_token;  // 8 bytes when relay
     int relay_port = 0;
+    std::string other_host;   // the first OTHER-ADDRESS with neither address nor port 0; "" when none
+    int other_port = 0;
 };
 
 // A Binding Success Response whose bytes 4..19 equal transaction (cookie and id). The plain

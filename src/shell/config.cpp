@@ -146,4 +146,20 @@ bool settle_bridge_config(Config& config, std::string& problem) {
     return true;
 }
 
+std::optional<Endpoint> pick_stun_server(const Config& config) {
+    const std::string& stun = config.stun_server;
+    if (stun == "off") return std::nullopt;
+    if (!stun.empty()) {
+        auto colon = stun.find(':');
+        if (colon == std::string::npos) return Endpoint{stun, 3478};
+        return Endpoint{stun.substr(0, colon), std::stoi(stun.substr(colon + 1))};
+    }
+    std::string rest = config.velmar_server;
+    auto scheme = rest.find("://");
+    if (scheme != std::string::npos) rest = rest.substr(scheme + 3);
+    rest = rest.substr(0, rest.find_first_of(":/"));
+    if (rest.empty()) return std::nullopt;
+    return Endpoint{rest, 3478};
+}
+
 }  // namespace zq

@@ -4,9 +4,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "shell/util.h"
 
 namespace zq {
 
@@ -56,5 +59,10 @@ bool load_config_file(const std::filesystem::path& path, const std::string& name
 // dotted IPv4 text (a name is resolved), and stun_server must be "off", a host, or a host and
 // a port. False with the key and the reason in problem.
 bool settle_bridge_config(Config& config, std::string& problem);
+
+// The STUN server for the gateway: stun_server ("off", "host" or "host:port"), or the host of
+// velmar_server on 3478. Nothing when there is none. A port that is not a number throws, like
+// any broken setting found while starting; settle_bridge_config refuses it first.
+std::optional<Endpoint> pick_stun_server(const Config& config);
 
 }  // namespace zq

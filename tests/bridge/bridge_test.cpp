@@ -181,25 +181,3 @@ TEST(Bridge, TakenPortFailsTheStartAndHoldsNoPort) {
     FakeGame game;
     ASSERT_TRUE(game.connect_and_greet(port));
 }
-
-TEST(Bridge, PickStunServer) {
-    struct Case {
-        std::string stun, velmar;
-        std::optional<zq::Endpoint> expected;
-    } cases[] = {
-        {"off", "https://svc.example:18671", std::nullopt},
-        {"stun.example:3479", "", zq::Endpoint{"stun.example", 3479}},
-        {"stun.example", "", zq::Endpoint{"stun.example", 3478}},
-        {"", "https://svc.example:18671/base", zq::Endpoint{"svc.example", 3478}},
-        {"", "svc.example/x", zq::Endpoint{"svc.example", 3478}},
-        {"", "https://", std::nullopt},
-        {"", "", std::nullopt},
-    };
-    for (const auto& c : cases) {
-        auto config = local_bridge_config();
-        config.stun_server = c.stun;
-        config.velmar_server = c.velmar;
-        zq::Bridge bridge(config);
-        EXPECT_EQ(bridge.pick_stun_server(), c.expected) << c.stun << " " << c.velmar;
-    }
-}

@@ -1,4 +1,5 @@
 #include "bridge/stun_responder.h"
+#include "shell/byte_order.h"
 #include "support/bridge_rig.h"
 #include "support/fake_port.h"
 
@@ -31,7 +32,7 @@ TEST(StunResponder, AnswersNotesAndStaysBoundedUnderAFlood) {
     auto reply = game.receive(10.0);
     ASSERT_TRUE(reply);
     const auto port = static_cast<unsigned>(game.address().port);
-    EXPECT_EQ(reply->bytes, bytes({127, 0, 0, 1, static_cast<int>(port >> 8), static_cast<int>(port & 0xFF)}));
+    EXPECT_EQ(reply->bytes, bytes({127, 0, 0, 1}) + zq::be16_bytes(port));
 
     // Every ping is answered, noted or not; waiting for each answer keeps the count exact.
     auto answered = [&](FakePort& from, const std::string& id) {

@@ -4,6 +4,8 @@
 
 #include "bridge/bridge.h"
 #include "check/check.h"
+#include "p2p/port_mapping_codec.h"
+#include "shell/byte_order.h"
 #include "shell/net.h"
 #include "standin/stun_relay_server.h"
 #include "support/bridge_config.h"
@@ -28,13 +30,11 @@ zq::Config quiet_config() {
 // A Binding Success answer to request: its transaction, MAPPED-ADDRESS, and OTHER-ADDRESS when given.
 std::string binding_answer(const std::string& request, const zq::Endpoint& mapped, std::optional<zq::Endpoint> other) {
     auto address = [](std::uint16_t type, const zq::Endpoint& at) {
-        unsigned a = 0, b = 0, c = 0, d = 0;
-        std::sscanf(at.host.c_str(), "%u.%u.%u.%u", &a, &b, &c, &d);
-        return bytes({type >> 8, type & 0xFF, 0, 8, 0, 1, at.port >> 8, at.port & 0xFF, static_cast<int>(a),
-                      static_cast<int>(b), static_cast<int>(c), static_cast<int>(d)});
+        return zq::be16_bytes(type) + bytes({0, 8, 0, 1}) + zq::be16_bytes(at.port) +
+               zq::be32_bytes(*zq::p2p::parse_ipv4(at.host));
     };
     std::string attributes = address(0x0001, mapped) + (other ? address(0x802C, *other) : "");
-    return bytes({1, 1, 0, static_cast<int>(attributes.size())}) + request.substr(4, 16) + attributes;
+    return bytes({1, 1}) + zq::be16_bytes(static_cast<unsigned>(attributes.size())) + request.substr(4, 16) + attributes;
 }
 
 // Restores APPDATA however the test ends.

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "p2p/gateway.h"
+#include "shell/byte_order.h"
 #include "support/fake_port.h"
 #include "support/prelude.h"
 
@@ -32,9 +33,7 @@ std::uint16_t destination_port(int to, std::uint32_t seq) { return static_cast<s
 
 std::string port_frame(int from, int to, std::uint32_t seq) {
     const std::uint16_t s = source_port(from), d = destination_port(to, seq);
-    std::string out{static_cast<char>(s >> 8), static_cast<char>(s & 0xFF), static_cast<char>(d >> 8),
-                    static_cast<char>(d & 0xFF)};
-    return out + payload(from, to, seq);
+    return zq::be16_bytes(s) + zq::be16_bytes(d) + payload(from, to, seq);
 }
 
 TEST(GatewayLoad, FourPlayersStreamToEachOtherAndNothingIsAltered) {

@@ -4,6 +4,7 @@
 #include "p2p/gateway.h"
 #include "p2p/port_mapper.h"
 #include "p2p/port_mapping_codec.h"
+#include "shell/byte_order.h"
 #include "support/fake_port.h"
 #include "support/log_capture.h"
 #include "support/prelude.h"
@@ -14,20 +15,18 @@ using namespace zq::p2p;
 
 namespace {
 
-std::string be32(std::uint32_t v) { return bytes({int(v >> 24), int((v >> 16) & 0xFF), int((v >> 8) & 0xFF), int(v & 0xFF)}); }
-
 // The router's answer to a PCP MAP request: success, the request's body with the assigned port
 // and address.
 std::string pcp_answer(const std::string& request, const std::string& host, int port, std::uint32_t lifetime,
                        std::uint32_t epoch) {
-    std::string a = bytes({2, 0x81, 0, 0}) + be32(lifetime) + be32(epoch) + std::string(12, '\0');
-    a += request.substr(24, 18) + bytes({port >> 8, port & 0xFF}) + std::string(10, '\0') + "\xFF\xFF"s +
-         be32(*parse_ipv4(host));
+    std::string a = bytes({2, 0x81, 0, 0}) + zq::be32_bytes(lifetime) + zq::be32_bytes(epoch) + std::string(12, '\0');
+    a += request.substr(24, 18) + zq::be16_bytes(port) + std::string(10, '\0') + "\xFF\xFF"s +
+         zq::be32_bytes(*parse_ipv4(host));
     return a;
 }
 
 std::string natpmp_answer(int opcode, const std::string& rest, std::uint32_t epoch) {
-    return bytes({0, 128 + opcode, 0, 0}) + be32(epoch) + rest;
+    return bytes({0, 128 + opcode, 0, 0}) + zq::be32_bytes(epoch) + rest;
 }
 
 }  // namespace
@@ -61,15 +60,15 @@ TEST(PortMappingCodec, RequestsAndAnswersOfBothProtocols) {
     auto refused = parse_mapping_answer(bytes({2, 0x81, 0, 8}) + std::string(20, '\0'));
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->result, 8);
-    auto old_server = parse_mapping_answer(natpmp_answer(0, "", 5).substr(0, 2) + bytes({0, 1}) + be32(5));
+    auto old_server = parse_mapping_answer(natpmp_answer(0, "", 5).substr(0, 2) + bytes({0, 1}) + zq::be32_bytes(5));
     ASSERT_TRUE(old_server);
     EXPECT_EQ(old_server->result, kResultUnsupportedVersion);
 
-    auto address = parse_mapping_answer(natpmp_answer(0, be32(*parse_ipv4("198.51.100.7")), 7));
+    auto address = parse_mapping_answer(natpmp_answer(0, zq::be32_bytes(*parse_ipv4("198.51.100.7")), 7));
     ASSERT_TRUE(address);
     EXPECT_EQ(ipv4_text(address->external_ipv4), "198.51.100.7");
     EXPECT_FALSE(parse_mapping_answer(natpmp_answer(0, "abc", 7)));
-    auto granted = parse_mapping_answer(natpmp_answer(1, bytes({0x9C, 0x40, 0x9C, 0x41}) + be32(3600), 7));
+    auto granted = parse_mapping_answer(natpmp_answer(1, bytes({0x9C, 0x40, 0x9C, 0x41}) + zq::be32_bytes(3600), 7));
     ASSERT_TRUE(granted);
     EXPECT_EQ(granted->internal_port, 40000);
     EXPECT_EQ(granted->external_port, 40001);
@@ -99,15 +98,15 @@ TEST(PortMapper, FallsBackToNatPmpWhenTheRouterAnswersPcpWithItsOwnVersion) {
     auto pcp = router.receive();
     ASSERT_TRUE(pcp);
     EXPECT_EQ(pcp->bytes.size(), kPcpMapSize);
-    router.send_raw(pcp->from, bytes({0, 0x81, 0, 1}) + be32(1000));
+    router.send_raw(pcp->from, bytes({0, 0x81, 0, 1}) + zq::be32_bytes(1000));
     auto address = router.receive();
     ASSERT_TRUE(address);
     EXPECT_EQ(address->bytes, natpmp_address_request());
-    router.send_raw(address->from, natpmp_answer(0, be32(*parse_ipv4("198.51.100.7")), 1000));
+    router.send_raw(address->from, natpmp_answer(0, zq::be32_bytes(*parse_ipv4("198.51.100.7")), 1000));
     auto map = router.receive();
     ASSERT_TRUE(map);
     EXPECT_EQ(map->bytes, natpmp_map_request(40000, 40000, 7200));
-    router.send_raw(map->from, natpmp_answer(1, bytes({0x9C, 0x40, 0x9C, 0x41}) + be32(3600), 1000));
+    router.send_raw(map->from, natpmp_answer(1, bytes({0x9C, 0x40, 0x9C, 0x41}) + zq::be32_bytes(3600), 1000));
     auto grant = mapped.get();
     ASSERT_TRUE(grant);
     EXPECT_EQ(grant->protocol, MappingProtocol::NatPmp);
@@ -147,7 +146,7 @@ TEST(PortMapping, TheGatewayReportsAMappingOnlyWhereSTUNAgrees) {
         auto request = router.receive();
         ASSERT_TRUE(request);
         ASSERT_EQ(request->bytes.size(), kPcpMapSize);
-        EXPECT_EQ(request->bytes.substr(40, 2), bytes({g.port >> 8, g.port & 0xFF}));
+        EXPECT_EQ(request->bytes.substr(40, 2), zq::be16_bytes(g.port));
         router.send_raw(request->from, pcp_answer(request->bytes, host, 40000, 7200, 10));
     };
     const Endpoint mapping{"198.51.100.7", 40000};

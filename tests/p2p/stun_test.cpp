@@ -1,6 +1,7 @@
 #include <tuple>
 
 #include "p2p/stun.h"
+#include "shell/byte_order.h"
 #include "support/prelude.h"
 
 using namespace std::string_view_literals;
@@ -11,14 +12,8 @@ namespace {
 const std::string kTransaction = "\x21\x12\xA4\x42" "ABCDEFGHIJKL"s;
 
 std::string attr(unsigned type, const std::string& value) {
-    std::string out;
-    out.push_back(static_cast<char>(type >> 8));
-    out.push_back(static_cast<char>(type & 0xFF));
-    out.push_back(static_cast<char>(value.size() >> 8));
-    out.push_back(static_cast<char>(value.size() & 0xFF));
-    out += value;
-    out.append((4 - value.size() % 4) % 4, '\0');
-    return out;
+    return zq::be16_bytes(type) + zq::be16_bytes(static_cast<unsigned>(value.size())) + value +
+           std::string((4 - value.size() % 4) % 4, '\0');
 }
 
 // family 1, port 1234, 10.1.2.3
@@ -30,22 +25,18 @@ const std::string kGrant = "zqr1" "TOKEN123" "\x9C\x40" "\0\0\0\0\0\0"s;  // por
 std::string answer(const std::string& attributes, std::size_t declared = std::string::npos,
                    const std::string& transaction = kTransaction, unsigned type = 0x0101) {
     std::size_t length = declared == std::string::npos ? attributes.size() : declared;
-    std::string out;
-    out.push_back(static_cast<char>(type >> 8));
-    out.push_back(static_cast<char>(type & 0xFF));
-    out.push_back(static_cast<char>(length >> 8));
-    out.push_back(static_cast<char>(length & 0xFF));
-    return out + transaction + attributes;
+    return zq::be16_bytes(type) + zq::be16_bytes(static_cast<unsigned>(length)) + transaction + attributes;
 }
 
 }  // namespace
 
-TEST(Stun, BindingRequestCarriesTheRelayAttribute) {
+TEST(Stun, BindingRequestsWithAndWithoutTheRelayAttribute) {
     std::array<unsigned char, 12> id{};
     for (int i = 0; i < 12; ++i) id[i] = static_cast<unsigned char>('a' + i);
     std::string head = "\x00\x01\x00\x10\x21\x12\xA4\x42" "abcdefghijkl" "\x81\x00\x00\x0C" "zqr1"s;
     EXPECT_EQ(binding_request(id, ""), head + std::string(8, '\0'));
     EXPECT_EQ(binding_request(id, "TOKEN123"), head + "TOKEN123");
+    EXPECT_EQ(plain_binding_request(id), "\x00\x01\x00\x00\x21\x12\xA4\x42" "abcdefghijkl"s);
     EXPECT_NE(random_transaction_id(), random_transaction_id());
 }
 
@@ -54,7 +45,8 @@ TEST(Stun, AnswersThatAreAcceptedOrRefusedAndRelayFrames) {
     auto seen = [](const std::optional<StunAnswer>& a) {
         if (!a) return std::string();
         return a->mapped_host + ":" + std::to_string(a->mapped_port) +
-               (a->relay ? " relay " + a->relay_token + " " + std::to_string(a->relay_port) : "");
+               (a->relay ? " relay " + a->relay_token + " " + std::to_string(a->relay_port) : "") +
+               (a->other_host.empty() ? "" : " other " + a->other_host + ":" + std::to_string(a->other_port));
     };
     const std::tuple<const char*, std::string, std::string> cases[] = {
         {"plain", answer(attr(0x0001, kPlain)), "10.1.2.3:1234"},
@@ -70,6 +62,8 @@ TEST(Stun, AnswersThatAreAcceptedOrRefusedAndRelayFrames) {
          "10.1.2.3:1234"},
         {"empty attribute walks 4 bytes", answer(attr(0x0022, "") + attr(0x0001, kPlain)), "10.1.2.3:1234"},
         {"longer datagram than declared", answer(attr(0x0001, kPlain)) + "junk", "10.1.2.3:1234"},
+        {"first usable other address", answer(attr(0x802C, "\x00\x01\x0D\x97\0\0\0\0"s) + attr(0x802C, kPlain) +
+                                              attr(0x802C, kXor) + attr(0x0001, kPlain)), "10.1.2.3:1234 other 10.1.2.3:1234"},
         {"unknown attribute skipped", answer(attr(0x8022, "software") + attr(0x0001, kPlain)), "10.1.2.3:1234"},
         {"grant alone", answer(attr(0x8101, kGrant)), ""},
         {"L = 0", answer(""), ""},

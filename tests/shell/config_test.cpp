@@ -93,3 +93,28 @@ TEST(Config, RefusesWhatWouldStopOrOpenTheBridge) {
         if (expected.empty()) EXPECT_EQ(config.bind_host, "127.0.0.1");
     }
 }
+
+TEST(Config, PickStunServer) {
+    struct Case {
+        std::string stun, velmar;
+        std::optional<zq::Endpoint> expected;
+    } cases[] = {
+        {"off", "https://svc.example:18671", std::nullopt},
+        {"stun.example:3479", "", zq::Endpoint{"stun.example", 3479}},
+        {"stun.example", "", zq::Endpoint{"stun.example", 3478}},
+        {"", "https://svc.example:18671/base", zq::Endpoint{"svc.example", 3478}},
+        {"", "svc.example/x", zq::Endpoint{"svc.example", 3478}},
+        {"", "https://", std::nullopt},
+        {"", "", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        zq::Config config;
+        config.stun_server = c.stun;
+        config.velmar_server = c.velmar;
+        EXPECT_EQ(zq::pick_stun_server(config), c.expected) << c.stun << " " << c.velmar;
+    }
+    // Unsettled, a port that is no number ends the start like any broken setting.
+    zq::Config broken;
+    broken.stun_server = "stun.example:port";
+    EXPECT_THROW(zq::pick_stun_server(broken), std::exception);
+}

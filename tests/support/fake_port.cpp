@@ -1,5 +1,6 @@
 #include "support/fake_port.h"
 
+#include "shell/byte_order.h"
 #include "shell/util.h"
 
 namespace testing_support {
@@ -16,13 +17,7 @@ FakePort::~FakePort() { zq::close_socket(socket_); }
 
 void FakePort::send(const zq::Endpoint& to, std::uint16_t source, std::uint16_t destination,
                     std::string_view payload) {
-    std::string frame;
-    frame.push_back(static_cast<char>(source >> 8));
-    frame.push_back(static_cast<char>(source & 0xFF));
-    frame.push_back(static_cast<char>(destination >> 8));
-    frame.push_back(static_cast<char>(destination & 0xFF));
-    frame.append(payload);
-    send_raw(to, frame);
+    send_raw(to, zq::be16_bytes(source) + zq::be16_bytes(destination) + std::string(payload));
 }
 
 void FakePort::send_raw(const zq::Endpoint& to, std::string_view bytes) {

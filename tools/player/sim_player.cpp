@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "bridge/frames.h"
+#include "shell/byte_order.h"
 #include "shell/util.h"
 
 namespace sim {
@@ -22,16 +23,6 @@ constexpr std::uint16_t kCmdKickMember = 110;
 constexpr double kReplySeconds = 15.0;
 constexpr std::string_view kSimMagic{"SIM1", 4};
 constexpr std::size_t kSimHeader = 28;
-
-void put_be(std::string& out, std::uint64_t value, int count) {
-    for (int i = count - 1; i >= 0; --i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-}
-
-std::uint64_t get_be(std::string_view in, std::size_t at, int count) {
-    std::uint64_t v = 0;
-    for (int i = 0; i < count; ++i) v = v << 8 | static_cast<unsigned char>(in[at + static_cast<std::size_t>(i)]);
-    return v;
-}
 
 bool fail(std::string* error, const std::string& text) {
     if (error) *error = text;
@@ -314,12 +305,10 @@ bool Player::ping(int udp_port, std::string* error) {
 
 std::string Player::numbered_payload(const std::string& sender, std::uint32_t seq, std::uint16_t source,
                                      std::uint16_t destination) {
-    std::string out(kSimMagic);
-    put_be(out, seq, 4);
+    std::string out = std::string(kSimMagic) + zq::be32_bytes(seq);
     auto name = zq::p2p::fixed16(sender);
     out.append(name.data(), name.size());
-    put_be(out, source, 2);
-    put_be(out, destination, 2);
+    out += zq::be16_bytes(source) + zq::be16_bytes(destination);
     std::size_t filler = 16 + seq % 97;
     for (std::size_t i = 0; i < filler; ++i) out.push_back(static_cast<char>((seq * 31 + i * 7) & 0xFF));
     return out;
@@ -335,10 +324,8 @@ void Player::send_numbered(const Member& peer, std::uint32_t count) {
     zq::SockAddr to = zq::to_sockaddr(peer.address);
     for (std::uint32_t seq = first; seq < first + count; ++seq) {
         auto [source, destination] = ports_for(seq);
-        std::string frame;
-        put_be(frame, source, 2);
-        put_be(frame, destination, 2);
-        frame += numbered_payload(online_id_, seq, source, destination);
+        std::string frame = zq::be16_bytes(source) + zq::be16_bytes(destination) +
+                            numbered_payload(online_id_, seq, source, destination);
         zq::send_to(p2p_, frame.data(), static_cast<int>(frame.size()), to);
     }
 }
@@ -392,19 +379,15 @@ void Player::on_datagram(const std::string& bytes, const zq::Endpoint& from) {
             if (!answers.empty()) ++hellos_answered_;
         }
         for (const auto& answer : answers) {
-            std::string frame;
-            put_be(frame, 0, 2);
-            put_be(frame, zq::p2p::kControlVirtualPort, 2);
-            frame += answer;
+            std::string frame = zq::be16_bytes(0) + zq::be16_bytes(zq::p2p::kControlVirtualPort) + answer;
             zq::send_to(p2p_, frame.data(), static_cast<int>(frame.size()), zq::to_sockaddr(from));
         }
         return;
     }
-    auto source = static_cast<std::uint16_t>(get_be(bytes, 0, 2));
-    auto destination = static_cast<std::uint16_t>(get_be(bytes, 2, 2));
+    const std::uint16_t source = zq::be16(bytes, 0), destination = zq::be16(bytes, 2);
     std::string_view payload = std::string_view(bytes).substr(4);
     if (payload.size() < kSimHeader || payload.substr(0, 4) != kSimMagic) return;
-    auto seq = static_cast<std::uint32_t>(get_be(payload, 4, 4));
+    const std::uint32_t seq = zq::be32(payload, 4);
     std::string sender(payload.substr(8, 16));
     sender = sender.substr(0, sender.find('\0'));
 

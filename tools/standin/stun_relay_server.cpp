@@ -2,20 +2,16 @@
 
 #include <random>
 
+#include "p2p/port_mapping_codec.h"
 #include "p2p/stun.h"
+#include "shell/byte_order.h"
 
 namespace standin {
 
+using zq::be16;
+using zq::be16_bytes;
+
 namespace {
-
-void put_be16(std::string& out, unsigned v) {
-    out.push_back(static_cast<char>((v >> 8) & 0xFF));
-    out.push_back(static_cast<char>(v & 0xFF));
-}
-
-unsigned be16(const std::string& s, std::size_t at) {
-    return static_cast<unsigned char>(s[at]) << 8 | static_cast<unsigned char>(s[at + 1]);
-}
 
 std::string random_token() {
     static std::mutex lock;
@@ -28,17 +24,10 @@ std::string random_token() {
 
 // XOR-MAPPED-ADDRESS for an IPv4 endpoint.
 std::string xor_mapped(const zq::Endpoint& e) {
-    zq::SockAddr a = zq::to_sockaddr(e);
-    std::string out;
-    put_be16(out, zq::p2p::kAttrXorMappedAddress);
-    put_be16(out, 8);
-    out.push_back('\0');
-    out.push_back('\x01');
-    put_be16(out, static_cast<unsigned>(e.port) ^ (zq::p2p::kMagicCookie >> 16));
-    // sockaddr_in keeps the address in network order at offset 4.
-    static const unsigned char cookie[4] = {0x21, 0x12, 0xA4, 0x42};
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(a.bytes[4 + i] ^ cookie[i]));
-    return out;
+    const std::uint32_t address = zq::p2p::parse_ipv4(e.host).value_or(0);
+    return be16_bytes(zq::p2p::kAttrXorMappedAddress) + be16_bytes(8) + std::string("\0\x01", 2) +
+           be16_bytes(static_cast<unsigned>(e.port) ^ (zq::p2p::kMagicCookie >> 16)) +
+           zq::be32_bytes(address ^ zq::p2p::kMagicCookie);
 }
 
 }  // namespace
@@ -131,17 +120,12 @@ void StunRelayServer::answer_binding(const std::string& request, const zq::Endpo
                 a.token = random_token();
                 a.client = from;
             }
-            put_be16(attributes, zq::p2p::kAttrRelayGrant);
-            put_be16(attributes, 20);
-            attributes += "zqr1" + a.token;
-            put_be16(attributes, static_cast<unsigned>(a.port));
-            attributes.append(6, '\0');
+            attributes += be16_bytes(zq::p2p::kAttrRelayGrant) + be16_bytes(20) + "zqr1" + a.token +
+                          be16_bytes(static_cast<unsigned>(a.port)) + std::string(6, '\0');
         }
     }
-    std::string answer;
-    put_be16(answer, zq::p2p::kBindingSuccess);
-    put_be16(answer, static_cast<unsigned>(attributes.size()));
-    answer += request.substr(4, 16) + attributes;
+    const std::string answer = be16_bytes(zq::p2p::kBindingSuccess) +
+                               be16_bytes(static_cast<unsigned>(attributes.size())) + request.substr(4, 16) + attributes;
     zq::send_to(socket_, answer.data(), static_cast<int>(answer.size()), zq::to_sockaddr(from));
 }
 
@@ -157,9 +141,7 @@ void StunRelayServer::forward(const std::string& frame, const zq::Endpoint& from
         for (const auto& [key, a] : allocations_)
             if (a.port == destination) target = &a;
         if (!target) return;
-        out = "\xFB" "r";
-        put_be16(out, static_cast<unsigned>(source->second.port));
-        out += frame.substr(12);
+        out = "\xFB" "r" + be16_bytes(static_cast<unsigned>(source->second.port)) + frame.substr(12);
         to = target->client;
         ++relayed_;
     }
