@@ -7,7 +7,8 @@
 // limit per phase, not on the whole call); no redirect is followed; connections are reused
 // within a session only; a User-Agent in the request's headers replaces the session's agent
 // "sarnlink"; no HTTP/2, no content decoding, no certificate failure waived. On libcurl the
-// trusted authorities are the system's, or the bundle that SSL_CERT_FILE names.
+// trusted authorities are the system's bundle, or the bundle that SSL_CERT_FILE names, read once
+// and shared by every connection.
 
 #include <atomic>
 #include <cstdint>
@@ -82,6 +83,10 @@ struct RecycledSession {
 ClientResponse fetch(const ClientRequest& request);
 // On the given private session.
 ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request);
+
+// Does now what the first call to url would otherwise do on its way, where that is slow: reading
+// the trusted authorities for an https URL. For a program that will call url soon.
+void prepare_for(const std::string& url);
 
 namespace detail {
 // What each platform provides beneath fetch.

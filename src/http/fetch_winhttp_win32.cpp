@@ -251,4 +251,7 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 
 }  // namespace detail
 
+// Windows reads its trusted authorities itself, once for the system.
+void prepare_for(const std::string&) {}
+
 }  // namespace http
