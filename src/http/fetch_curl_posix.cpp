@@ -259,6 +259,9 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     } else {
         easy = curl_easy_init();
         multi = curl_multi_init();
+        // The share's connections are kept up to the limit of the multi handle that returns one,
+        // four per transfer by default: after a burst of calls all but four would close.
+        if (multi) curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 32L);
     }
     if (!easy || !multi) {
         response.error = zq::format_text("open request failed (%d)", errno);
