@@ -64,8 +64,10 @@ struct ClientResponse {
 // The platform's session: a WinHTTP session handle, or libcurl's shared connection cache.
 struct SessionHandle;
 
-// A private session that is given up once it is max_age seconds old: at the first call after
-// that age, never in the middle of a transaction. Calls on one session run one at a time.
+// A private session whose connections are given up once it is max_age seconds old: at the first
+// call after that age, never in the middle of a transaction. What the system keeps beside the
+// connections (TLS sessions to resume, name look-ups) stays. Calls on one session run one at a
+// time.
 struct RecycledSession {
     RecycledSession() = default;
     explicit RecycledSession(double max_age_seconds) : max_age(max_age_seconds) {}
@@ -90,7 +92,11 @@ void prepare_for(const std::string& url);
 
 namespace detail {
 // What each platform provides beneath fetch.
-SessionHandle* open_session();  // null when it cannot be opened
+// Null when it cannot be opened. The connections of a session with an age (seconds) are given
+// up at that age: each at its own (libcurl), or all at once by renew_session (WinHTTP).
+SessionHandle* open_session(double connection_max_age = 0.0);
+// For a session past its age: the handle to go on with, or null where a new one is to be opened.
+SessionHandle* renew_session(SessionHandle* session);
 void close_session(SessionHandle* session);
 ClientResponse transact(SessionHandle* session, const ClientRequest& request);
 }  // namespace detail

@@ -1,5 +1,5 @@
-// The HTTP client on libcurl. One share handle per session holds the connection cache, so
-// connections are reused within a session and nowhere else.
+// The HTTP client on libcurl. One share handle per session holds the connection cache, the TLS
+// sessions and the name look-ups, so connections are reused within a session and nowhere else.
 // Each transaction runs its own multi loop, which is what lets the idle time-out count in
 // milliseconds: libcurl's own low-speed limit counts in whole seconds.
 
@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <tuple>
 #include <mutex>
@@ -26,6 +27,7 @@ struct SessionHandle {
     CURLSH* share = nullptr;
     std::mutex locks[CURL_LOCK_DATA_LAST];
     std::string agent = "sarnlink";
+    long connection_max_age = 0;  // seconds; 0 keeps a connection as long as the server does
     // The handles of calls that ended, reset and kept for the next: a new multi handle costs a
     // socket pair and its set-up on every call. Guarded by spare_lock.
     std::mutex spare_lock;
@@ -206,9 +208,13 @@ bool global_init() {
 
 }  // namespace
 
-SessionHandle* open_session() {
+SessionHandle* open_session(double connection_max_age) {
     if (!global_init()) return nullptr;
     auto* session = new SessionHandle;
+    // libcurl gives a connection up once its age in whole seconds is above the limit: 44 ends
+    // one at 45.0 seconds.
+    if (connection_max_age > 0)
+        session->connection_max_age = std::max(1L, static_cast<long>(std::ceil(connection_max_age)) - 1);
     session->share = curl_share_init();
     if (!session->share) {
         delete session;
@@ -233,6 +239,10 @@ void close_session(SessionHandle* session) {
     curl_share_cleanup(session->share);
     delete session;
 }
+
+// The share stays, and with it the TLS sessions and name look-ups: the system keeps those for
+// WinHTTP across its sessions too. The connections give themselves up at their age.
+SessionHandle* renew_session(SessionHandle* session) { return session; }
 
 ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     ClientResponse response;
@@ -283,6 +293,7 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout_ms));
     Authorities authorities;  // held until the transfer ends
     set_trust(easy, url, authorities);
+    if (session->connection_max_age) curl_easy_setopt(easy, CURLOPT_MAXLIFETIME_CONN, session->connection_max_age);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
