@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "bridge/session.h"
+#include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 #include "web/game_proxy.h"
@@ -39,6 +40,8 @@ bool Bridge::start_gateway(std::string* error) {
 
 bool Bridge::start(std::string* error) {
     network_init();
+    // Before any game can connect, so that no game call waits on it.
+    http::prepare_for(config_.velmar_server);
     cancel_ = std::make_shared<http::CancelFlag>();
     stop_signal_.arm();
     running_ = true;

@@ -38,12 +38,12 @@ ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request) {
     if (request.cancel && request.cancel->cancelled()) return cancelled_response();
     std::lock_guard<std::mutex> guard(recycled.lock);
     if (recycled.handle && zq::steady_seconds() - recycled.opened_at >= recycled.max_age) {
-        detail::close_session(recycled.handle);
-        recycled.handle = nullptr;
+        recycled.handle = detail::renew_session(recycled.handle);
+        recycled.opened_at = zq::steady_seconds();
     }
     if (!recycled.handle) {
         // A failed open is tried again by the next call.
-        recycled.handle = detail::open_session();
+        recycled.handle = detail::open_session(recycled.max_age);
         recycled.opened_at = zq::steady_seconds();
     }
     return detail::transact(recycled.handle, request);

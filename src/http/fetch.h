@@ -7,7 +7,8 @@
 // limit per phase, not on the whole call); no redirect is followed; connections are reused
 // within a session only; a User-Agent in the request's headers replaces the session's agent
 // "sarnlink"; no HTTP/2, no content decoding, no certificate failure waived. On libcurl the
-// trusted authorities are the system's, or the bundle that SSL_CERT_FILE names.
+// trusted authorities are the system's bundle, or the bundle that SSL_CERT_FILE names, read once
+// and shared by every connection.
 
 #include <atomic>
 #include <cstdint>
@@ -63,8 +64,10 @@ struct ClientResponse {
 // The platform's session: a WinHTTP session handle, or libcurl's shared connection cache.
 struct SessionHandle;
 
-// A private session that is given up once it is max_age seconds old: at the first call after
-// that age, never in the middle of a transaction. Calls on one session run one at a time.
+// A private session whose connections are given up once it is max_age seconds old: at the first
+// call after that age, never in the middle of a transaction. What the system keeps beside the
+// connections (TLS sessions to resume, name look-ups) stays. Calls on one session run one at a
+// time.
 struct RecycledSession {
     RecycledSession() = default;
     explicit RecycledSession(double max_age_seconds) : max_age(max_age_seconds) {}
@@ -83,9 +86,17 @@ ClientResponse fetch(const ClientRequest& request);
 // On the given private session.
 ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request);
 
+// Does now what the first call to url would otherwise do on its way, where that is slow: reading
+// the trusted authorities for an https URL. For a program that will call url soon.
+void prepare_for(const std::string& url);
+
 namespace detail {
 // What each platform provides beneath fetch.
-SessionHandle* open_session();  // null when it cannot be opened
+// Null when it cannot be opened. The connections of a session with an age (seconds) are given
+// up at that age: each at its own (libcurl), or all at once by renew_session (WinHTTP).
+SessionHandle* open_session(double connection_max_age = 0.0);
+// For a session past its age: the handle to go on with, or null where a new one is to be opened.
+SessionHandle* renew_session(SessionHandle* session);
 void close_session(SessionHandle* session);
 ClientResponse transact(SessionHandle* session, const ClientRequest& request);
 }  // namespace detail

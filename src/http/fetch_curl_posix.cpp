@@ -1,12 +1,16 @@
-// The HTTP client on libcurl. One share handle per session holds the connection cache, so
-// connections are reused within a session and nowhere else. Each transaction runs its own multi
-// loop, which is what lets the idle time-out count in milliseconds: libcurl's own low-speed
-// limit counts in whole seconds.
+// The HTTP client on libcurl. One share handle per session holds the connection cache, the TLS
+// sessions and the name look-ups, so connections are reused within a session and nowhere else.
+// Each transaction runs its own multi loop, which is what lets the idle time-out count in
+// milliseconds: libcurl's own low-speed limit counts in whole seconds.
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <tuple>
 #include <mutex>
@@ -23,6 +27,7 @@ struct SessionHandle {
     CURLSH* share = nullptr;
     std::mutex locks[CURL_LOCK_DATA_LAST];
     std::string agent = "sarnlink";
+    long connection_max_age = 0;  // seconds; 0 keeps a connection as long as the server does
     // The handles of calls that ended, reset and kept for the next: a new multi handle costs a
     // socket pair and its set-up on every call. Guarded by spare_lock.
     std::mutex spare_lock;
@@ -70,12 +75,67 @@ struct ParsedUrl {
         std::string query = url_part(handle, CURLUPART_QUERY);
         std::string fragment = url_part(handle, CURLUPART_FRAGMENT);
         std::size_t extra = (query.empty() ? 0 : query.size() + 1) + (fragment.empty() ? 0 : fragment.size() + 1);
-        fits = (iequals(scheme, "http") || iequals(scheme, "https")) &&
+        secure = iequals(scheme, "https");
+        fits = (secure || iequals(scheme, "http")) &&
                url_part(handle, CURLUPART_HOST).size() <= max_host &&
                url_part(handle, CURLUPART_PATH).size() <= max_path && extra <= max_extra;
     }
     bool fits = false;
+    bool secure = false;
 };
+
+// The authorities that HTTPS connections check servers against, parsed from their bundle once
+// and shared by every connection. Left to itself libcurl parses the whole bundle for each new
+// connection (tens of milliseconds and about a megabyte each), as it caches a store only per
+// multi handle and only when no CA folder is set, and Debian's build sets one.
+using Authorities = std::shared_ptr<X509_STORE>;
+
+// The bundle libcurl would read: the one that SSL_CERT_FILE names, else its built-in default.
+std::string authorities_bundle() {
+    if (auto bundle = zq::get_env("SSL_CERT_FILE"); bundle && !bundle->empty()) return *bundle;
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    return info && info->cainfo ? info->cainfo : "";
+}
+
+// Null when the bundle cannot be read; libcurl then reads it itself and reports what it finds.
+// The last bundle read is kept, and read again only when another is named.
+Authorities authorities(const std::string& bundle) {
+    static std::mutex lock;
+    static std::string read_from;
+    static Authorities kept;
+    std::lock_guard<std::mutex> guard(lock);
+    if (bundle == read_from && kept) return kept;
+    Authorities store(X509_STORE_new(), X509_STORE_free);
+    if (!store || bundle.empty() || X509_STORE_load_file(store.get(), bundle.c_str()) != 1) return nullptr;
+    // What libcurl sets on a store of its own, so that trust does not change with whose store it is.
+    X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+    read_from = bundle;
+    kept = store;
+    return kept;
+}
+
+// Named no bundle and no folder, libcurl puts nothing into the connection's store, whether it
+// fills it before this runs or after.
+CURLcode use_authorities(CURL*, void* context, void* store) {
+    SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(context), static_cast<X509_STORE*>(store));
+    return CURLE_OK;
+}
+
+// Where the shared store cannot be had (an unreadable bundle, a libcurl on another TLS library),
+// libcurl reads the bundle for each connection, as it would on its own.
+void set_trust(CURL* easy, const ParsedUrl& url, Authorities& held) {
+    const std::string bundle = authorities_bundle();
+    if (url.secure) held = authorities(bundle);
+    if (held && curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, use_authorities) == CURLE_OK) {
+        curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, held.get());
+        curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+        curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+        // libcurl's own cache would hand a later connection the store that it saw first.
+        curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    } else if (!bundle.empty()) {
+        curl_easy_setopt(easy, CURLOPT_CAINFO, bundle.c_str());
+    }
+}
 
 struct Transfer {
     std::string head;  // the raw head of the latest response, status line first
@@ -141,12 +201,20 @@ curl_slist* request_headers(const HeaderList& headers) {
     return list;
 }
 
+bool global_init() {
+    static CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    return global == CURLE_OK;
+}
+
 }  // namespace
 
-SessionHandle* open_session() {
-    static CURLcode global = curl_global_init(CURL_GLOBAL_DEFAULT);
-    if (global != CURLE_OK) return nullptr;
+SessionHandle* open_session(double connection_max_age) {
+    if (!global_init()) return nullptr;
     auto* session = new SessionHandle;
+    // libcurl gives a connection up once its age in whole seconds is above the limit: 44 ends
+    // one at 45.0 seconds.
+    if (connection_max_age > 0)
+        session->connection_max_age = std::max(1L, static_cast<long>(std::ceil(connection_max_age)) - 1);
     session->share = curl_share_init();
     if (!session->share) {
         delete session;
@@ -171,6 +239,10 @@ void close_session(SessionHandle* session) {
     curl_share_cleanup(session->share);
     delete session;
 }
+
+// The share stays, and with it the TLS sessions and name look-ups: the system keeps those for
+// WinHTTP across its sessions too. The connections give themselves up at their age.
+SessionHandle* renew_session(SessionHandle* session) { return session; }
 
 ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     ClientResponse response;
@@ -197,6 +269,9 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     } else {
         easy = curl_easy_init();
         multi = curl_multi_init();
+        // The share's connections are kept up to the limit of the multi handle that returns one,
+        // four per transfer by default: after a burst of calls all but four would close.
+        if (multi) curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 32L);
     }
     if (!easy || !multi) {
         response.error = zq::format_text("open request failed (%d)", errno);
@@ -216,8 +291,9 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout_ms));
-    if (auto bundle = zq::get_env("SSL_CERT_FILE"); bundle && !bundle->empty())
-        curl_easy_setopt(easy, CURLOPT_CAINFO, bundle->c_str());
+    Authorities authorities;  // held until the transfer ends
+    set_trust(easy, url, authorities);
+    if (session->connection_max_age) curl_easy_setopt(easy, CURLOPT_MAXLIFETIME_CONN, session->connection_max_age);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
@@ -322,5 +398,10 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 }
 
 }  // namespace detail
+
+void prepare_for(const std::string& url) {
+    if (!detail::global_init()) return;
+    if (detail::ParsedUrl(url).secure) detail::authorities(detail::authorities_bundle());
+}
 
 }  // namespace http

@@ -118,7 +118,9 @@ constexpr DWORD option_receive_response_timeout = 7;
 
 }  // namespace
 
-SessionHandle* open_session() {
+// The pool of connections goes with the session handle; the system keeps TLS sessions to resume
+// and name look-ups beside it, so a session's age is kept by closing and opening its handle.
+SessionHandle* open_session(double) {
     HINTERNET h = WinHttpOpen(L"sarnlink", access_automatic_proxy, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0);
     if (!h) return nullptr;
     return new SessionHandle{h};
@@ -128,6 +130,11 @@ void close_session(SessionHandle* session) {
     if (!session) return;
     WinHttpCloseHandle(session->session);
     delete session;
+}
+
+SessionHandle* renew_session(SessionHandle* session) {
+    close_session(session);
+    return nullptr;
 }
 
 ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
@@ -250,5 +257,8 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 }
 
 }  // namespace detail
+
+// Windows reads its trusted authorities itself, once for the system.
+void prepare_for(const std::string&) {}
 
 }  // namespace http

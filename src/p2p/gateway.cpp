@@ -1,6 +1,7 @@
 #include "p2p/gateway.h"
 
 #include "shell/log.h"
+#include "shell/platform.h"
 
 namespace zq::p2p {
 
@@ -78,8 +79,18 @@ bool Gateway::start(std::string* error) {
         ++started;
         ready_signal.notify_all();
     };
-    threads.emplace_back([this, report_in] { report_in(); peer_thread(); });
-    threads.emplace_back([this, report_in] { report_in(); port_thread(); });
+    // The data path wakes for each datagram and works briefly: on a busy PC it should not wait
+    // behind the threads that keep the cores busy.
+    threads.emplace_back([this, report_in] {
+        raise_thread_priority();
+        report_in();
+        peer_thread();
+    });
+    threads.emplace_back([this, report_in] {
+        raise_thread_priority();
+        report_in();
+        port_thread();
+    });
     threads.emplace_back([this, report_in] { report_in(); timer_thread(); });
     // Without a STUN server there is nothing to resolve and no address to tell, nor a way to
     // know whether a port mapping is worth telling.

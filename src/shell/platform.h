@@ -57,6 +57,11 @@ void install_stop_handler(std::atomic<bool>* flag);
 
 void sleep_ms(int milliseconds);
 
+// Asks the system to run the calling thread ahead of ordinary work, as far as any program may
+// ask that without privileges: for a thread that wakes briefly and must not queue behind busy
+// ones. Where the system grants nothing, nothing changes.
+void raise_thread_priority();
+
 // An environment variable as UTF-8, or nothing when it is not set.
 std::optional<std::string> get_env(const std::string& name);
 

@@ -1,6 +1,7 @@
 #include "shell/platform.h"
 #include "shell/util.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cerrno>
 #include <cstdio>
@@ -11,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -118,6 +120,21 @@ void install_stop_handler(std::atomic<bool>* flag) {
 
 void sleep_ms(int milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+void raise_thread_priority() {
+    // A nice value below the one a program started with is a privilege, except as far as
+    // RLIMIT_NICE grants it; most systems grant nothing.
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NICE, &limit) != 0) return;
+    const rlim_t granted = limit.rlim_cur == RLIM_INFINITY ? 40 : std::min<rlim_t>(limit.rlim_cur, 40);
+    const int lowest = 20 - static_cast<int>(granted);
+    const pid_t thread = ::gettid();
+    errno = 0;
+    const int now = ::getpriority(PRIO_PROCESS, static_cast<id_t>(thread));
+    if (errno != 0) return;
+    const int wanted = std::max(now - 10, lowest);
+    if (wanted < now) ::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), wanted);
 }
 
 std::optional<std::string> get_env(const std::string& name) {

@@ -125,6 +125,10 @@ void install_stop_handler(std::atomic<bool>* flag) {
 
 void sleep_ms(int milliseconds) { Sleep(static_cast<DWORD>(milliseconds)); }
 
+// Any program may go this far within its priority class: the thread then runs before the
+// class's ordinary threads whenever both are ready.
+void raise_thread_priority() { SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST); }
+
 std::optional<std::string> get_env(const std::string& name) {
     std::wstring wide_name = utf8_to_wide(name);
     DWORD size = GetEnvironmentVariableW(wide_name.c_str(), nullptr, 0);

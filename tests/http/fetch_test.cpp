@@ -1,6 +1,11 @@
+#include <atomic>
+#include <mutex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "http/fetch.h"
+#include "http/server.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/fake_service.h"
@@ -185,4 +190,37 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     EXPECT_EQ(r.error, "");
     EXPECT_EQ(r.status, 200u);
     EXPECT_TRUE(r.body.starts_with("<HTML>")) << r.body;
+}
+
+// Calls made at once each open a connection; the next burst finds them all still open.
+TEST(HttpFetch, ConnectionsOfABurstAreKeptForTheNext) {
+    constexpr int burst = 8;  // above what a connection cache keeps per transfer by default
+    std::mutex lock;
+    std::set<int> ports;  // the callers' ends, one per connection
+    std::atomic<int> arrived{0};
+    http::Server server;
+    ASSERT_TRUE(server.start("127.0.0.1", 0, [&](const http::ServerRequest& request) {
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            ports.insert(request.peer.port);
+        }
+        // Held until the whole burst is in, so that no call can take another's connection.
+        const int round = ++arrived > burst ? 2 : 1;
+        wait_until([&] { return arrived.load() >= round * burst; }, 30.0);
+        return http::ServerResponse{200, {}, "ok"};
+    }, nullptr));
+    auto run_burst = [&] {
+        std::vector<std::thread> callers;
+        for (int i = 0; i < burst; ++i)
+            callers.emplace_back([&] {
+                const auto r = http::fetch(http::ClientRequest{"GET", "http://127.0.0.1:" + std::to_string(server.port) + "/"});
+                EXPECT_EQ(r.error + r.body, "ok");
+            });
+        for (auto& caller : callers) caller.join();
+    };
+    run_burst();
+    ASSERT_EQ(ports.size(), static_cast<std::size_t>(burst));
+    run_burst();
+    EXPECT_EQ(ports.size(), static_cast<std::size_t>(burst));  // no new connection
+    server.stop();
 }
