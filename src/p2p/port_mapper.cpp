@@ -184,6 +184,20 @@ bool PortMapper::discover_upnp() {
     int error = 0;
     UPNPDev* devices = upnpDiscover(kUpnpDiscoverMs, interface_address.empty() ? nullptr : interface_address.c_str(),
                                     nullptr, UPNP_LOCAL_PORT_ANY, 0, 2, &error);
+    // Only the home router is asked: any host on the LAN may answer discovery, naming any URL,
+    // our own loopback listeners included, which would then be called with the player's token.
+    UPNPDev* strangers = nullptr;
+    for (UPNPDev** link = &devices; *link;) {
+        UPNPDev* device = *link;
+        if (url_is_on_host(device->descURL, router_.host)) {
+            link = &device->pNext;
+            continue;
+        }
+        *link = device->pNext;
+        device->pNext = strangers;
+        strangers = device;
+    }
+    freeUPNPDevlist(strangers);
     if (!devices) return false;
     auto found = std::make_unique<Upnp>();
     // 1: a connected IGD; 2: an IGD that says it is not connected, which is still worth asking.
@@ -191,6 +205,7 @@ bool PortMapper::discover_upnp() {
                                       static_cast<int>(sizeof found->lan_address));
     freeUPNPDevlist(devices);
     if (kind != 1 && kind != 2) return false;
+    if (!found->control() || !url_is_on_host(found->control(), router_.host)) return false;
     char external[40] = {};
     if (UPNP_GetExternalIPAddress(found->control(), found->service(), external) != UPNPCOMMAND_SUCCESS) return false;
     found->external_host = external;

@@ -148,4 +148,21 @@ std::optional<std::uint32_t> parse_ipv4(std::string_view text) {
     return address;
 }
 
+bool url_is_on_host(std::string_view url, std::string_view host) {
+    constexpr std::string_view scheme = "http://";
+    if (url.substr(0, scheme.size()) != scheme || host.empty()) return false;
+    url.remove_prefix(scheme.size());
+    // No user part: "http://router@elsewhere/" goes to elsewhere.
+    const std::size_t end = url.find_first_of(":/?#@");
+    if (end != std::string_view::npos && url[end] == '@') return false;
+    const std::string_view named = url.substr(0, end);
+    if (named != host) return false;
+    if (end == std::string_view::npos || url[end] != ':') return true;
+    const std::string_view rest = url.substr(end + 1);
+    const std::size_t port_end = rest.find_first_of("/?#");
+    const std::string_view port = rest.substr(0, port_end);
+    return !port.empty() && port.size() <= 5 &&
+           port.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 }  // namespace zq::p2p

@@ -86,4 +86,9 @@ std::string ipv4_text(std::uint32_t address);
 // Dotted-quad text to a number; nothing for anything else.
 std::optional<std::uint32_t> parse_ipv4(std::string_view text);
 
+// Whether an http:// URL that a UPnP device named (its description or its control URL) points
+// at host, with any port. A LAN host that answers discovery names whatever URLs it likes: only
+// the home router's own are ever called.
+bool url_is_on_host(std::string_view url, std::string_view host);
+
 }  // namespace zq::p2p

@@ -84,6 +84,14 @@ TEST(PortMappingCodec, RequestsAndAnswersOfBothProtocols) {
     EXPECT_FALSE(epoch_says_restart(1000, 50.0, 1060, 110.0));
     EXPECT_TRUE(epoch_says_restart(1000, 50.0, 999, 51.0));
     EXPECT_TRUE(epoch_says_restart(1000, 50.0, 1010, 110.0));
+
+    // UPnP URLs are called only where they point at the home router itself.
+    EXPECT_TRUE(url_is_on_host("http://192.168.1.1:5000/rootDesc.xml", "192.168.1.1"));
+    EXPECT_TRUE(url_is_on_host("http://192.168.1.1/ctl/IPConn", "192.168.1.1"));
+    for (const char* url : {"http://127.0.0.1:31316/any/path", "http://192.168.1.10:5000/", "http://192.168.1.1.evil/",
+                            "http://192.168.1.1@127.0.0.1:31315/", "http://192.168.1.1:31316x/", "https://192.168.1.1/",
+                            "HTTP://127.0.0.1/", ""})
+        EXPECT_FALSE(url_is_on_host(url, "192.168.1.1")) << url;
 }
 
 // A router of NAT-PMP alone answers PCP with its own version: the mapper goes on to NAT-PMP and
