@@ -1,6 +1,6 @@
 #include <tuple>
 
-#include "shell/cli.h"
+#include "app/cli.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/fake_service.h"
