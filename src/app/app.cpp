@@ -90,8 +90,12 @@ std::vector<int> App::bound_game_proxy_ports() const {
 }
 
 web::Credentials App::credentials() {
-    Bridge::Credentials found = bridge_.current_credentials();
-    return {std::move(found.token), std::move(found.ruleset)};
+    for (const auto& session : bridge_.sessions()) {
+        if (!session->logged_in) continue;
+        if (std::string token = session->upstream.current_token(); !token.empty())
+            return {token, session->upstream.ruleset};
+    }
+    return {};
 }
 
 std::vector<web::SessionRow> App::session_rows() {

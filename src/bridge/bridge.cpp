@@ -123,15 +123,6 @@ std::optional<Endpoint> Bridge::stun_entry(const std::string& online_id) {
     return found->second;
 }
 
-Bridge::Credentials Bridge::current_credentials() {
-    for (const auto& session : sessions()) {
-        if (!session->logged_in) continue;
-        if (std::string token = session->upstream.current_token(); !token.empty())
-            return Credentials{token, session->upstream.ruleset};
-    }
-    return {};
-}
-
 void Bridge::accept_thread(Socket listener) {
     AcceptBackoff backoff;
     while (running_) {

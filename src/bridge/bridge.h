@@ -57,14 +57,6 @@ public:
     // Null when p2p_gateway is off.
     p2p::Gateway* gateway() const { return gateway_; }
 
-    // The token and ruleset for the proxies: those of the first logged-in session that holds a
-    // token, or two empty texts.
-    struct Credentials {
-        std::string token;
-        std::string ruleset;
-    };
-    Credentials current_credentials();
-
     // The live sessions, as of now.
     std::vector<std::shared_ptr<Session>> sessions();
     void add_session(std::shared_ptr<Session> session);
