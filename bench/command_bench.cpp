@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "bridge/bridge.h"
+#include "app/app.h"
 #include "bridge/frames.h"
 #include "measure.h"
 #include "shell/net.h"
@@ -156,7 +156,7 @@ int main() {
     c.velmar_server = c.community_server = service.base_url();
     c.game_proxy_routes.clear();
     c.state_file = zq::wide_to_utf8((dir.path() / "state.json").wstring());
-    zq::Bridge bridge(c);
+    zq::App bridge(c);
     std::string error;
     if (!bridge.start(&error)) {
         std::fprintf(stderr, "bridge: %s\n", error.c_str());

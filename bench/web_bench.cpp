@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "bridge/bridge.h"
+#include "app/app.h"
 #include "child.h"
 #include "http_client.h"
 #include "measure.h"
@@ -110,7 +110,7 @@ int main() {
     const int game_port = testing_support::free_port(true, proxy_port);
     c.game_proxy_routes = {{game_port, "http://127.0.0.1:" + std::to_string(static_port)}};
     c.state_file = (dir.path() / "state.json").string();
-    zq::Bridge bridge(c);
+    zq::App bridge(c);
     std::string error;
     if (!bridge.start(&error)) {
         std::fprintf(stderr, "bridge: %s\n", error.c_str());

@@ -5,7 +5,6 @@
 
 #include "accounts/state_file.h"
 #include "http/fetch.h"
-#include "shell/commands.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 #include "shell/util.h"

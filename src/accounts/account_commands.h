@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "shell/config.h"
+
 namespace zq {
 
 // POSTs a JSON request to server + path with the account commands' own headers. True only
@@ -33,5 +35,11 @@ bool store_account_record(const std::filesystem::path& state, const std::string&
 // Tells the player on the console, never in the log, the recovery code of an account that the
 // service made but the state file could not take: once this process ends it is the only way back.
 void show_unsaved_recovery_code(const std::string& name, const std::filesystem::path& state, const std::string& code);
+
+// --create NAME, --recover NAME CODE, --sign-out NAME (operation "create", "recover" or "sign-out")
+// and --web-code NPID, with the verdict on the console; each returns the exit code.
+int run_account_command(const Config& config, const std::wstring& operation, const std::wstring& name,
+                        const std::wstring& code);
+int run_web_code(const Config& config, const std::wstring& npid);
 
 }  // namespace zq

@@ -6,7 +6,6 @@
 
 #include "accounts/account_commands.h"
 #include "accounts/state_file.h"
-#include "shell/commands.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 #include "shell/util.h"

@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "shell/config.h"
+
 namespace zq {
 
 class DeviceSignIn {
@@ -44,5 +46,8 @@ private:
     double deadline_ = 0.0;
     std::thread worker_;
 };
+
+// --link-discord: the sign-in on the console; returns the exit code.
+int run_link_discord(const Config& config);
 
 }  // namespace zq

@@ -1,13 +1,12 @@
 #include "bridge/bridge.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "bridge/session.h"
 #include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/platform.h"
-#include "web/game_proxy.h"
-#include "web/web_api.h"
 
 namespace zq {
 
@@ -22,31 +21,14 @@ bool Bridge::fail(std::string* error, const std::string& message) {
     return false;
 }
 
-// The P2P gateway comes up here, before any listener, when p2p_gateway is on.
-bool Bridge::start_gateway(std::string* error) {
-    std::string lan = config_.local_addr.empty() ? local_ipv4() : config_.local_addr;
-    gateway = std::make_unique<p2p::Gateway>(config_.p2p_port, pick_stun_server(config_), lan,
-                                             [this](const Endpoint& mapped) { on_mapped_change(mapped); });
-    gateway->stun_refresh = config_.stun_refresh;
-    gateway->port_mapping = config_.port_mapping;
-    gateway->keepalive_interval = config_.p2p_keepalive;
-    std::string text;
-    if (!gateway->start(&text)) {
-        gateway.reset();
-        return fail(error, text);
-    }
-    return true;
-}
-
-bool Bridge::start(std::string* error) {
+bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
     network_init();
     // Before any game can connect, so that no game call waits on it.
     http::prepare_for(config_.velmar_server);
     cancel_ = std::make_shared<http::CancelFlag>();
     stop_signal_.arm();
     running_ = true;
-
-    if (config_.p2p_gateway && !start_gateway(error)) return false;
+    gateway_ = gateway;
 
     const std::string& host = config_.bind_host;
     tcp_socket_ = open_tcp_socket();
@@ -57,8 +39,7 @@ bool Bridge::start(std::string* error) {
                                        host.c_str(), config_.tcp_port, last_socket_error()));
     bound_tcp_port_ = bound_endpoint(tcp_socket_).port;
     // The identity that the command port hands out carries the stored token.
-    const PeerFilter near = PeerFilter::for_bind_host(host);
-    command_peers_ = near.this_pc_only();
+    command_peers_ = PeerFilter::for_bind_host(host).this_pc_only();
     check_peer_user_ = peer_user_check_works();
     if (!check_peer_user_)
         log_line("tcp: this system does not tell which user a program on this PC runs as; the command port serves "
@@ -69,63 +50,23 @@ bool Bridge::start(std::string* error) {
         return fail(error, format_text("cannot bind udp %s:%d (error %d)", host.c_str(), config_.udp_port,
                                        last_socket_error()));
     bound_udp_port_ = bound_endpoint(udp_socket_).port;
+    return true;
+}
 
-    std::string web_error;
-    web_server_.peers = near;
-    if (!web_server_.start(host, config_.webapi_port,
-                           [this](const http::ServerRequest& request) { return web_api_handler(*this, request); },
-                           &web_error))
-        return fail(error, web_error);
-
+void Bridge::serve() {
     accept_thread_ = std::thread(&Bridge::accept_thread, this, tcp_socket_);
     stun_thread_ = std::thread(&Bridge::stun_thread, this, udp_socket_);
-
-    log_line(format_text("listening: tcp :%d  stun :%d  webapi :%d", config_.tcp_port, config_.udp_port,
-                         web_server_.port));
-
-    // The routes are a map by port, so this is ascending port order.
-    for (const auto& route : config_.game_proxy_routes) {
-        const int port = route.first;
-        const std::string url = route.second;
-        auto proxy = std::make_unique<http::Server>();
-        // A proxy adds the player's token: hosts of the network may use it only where the user
-        // chose to share the account with them.
-        proxy->peers = config_.share_account_with_network ? near : near.this_pc_only();
-        std::string proxy_error;
-        if (!proxy->start(host, port,
-                          [this, url](const http::ServerRequest& request) {
-                              return game_proxy_handler(*this, url, request);
-                          },
-                          &proxy_error))
-            return fail(error, proxy_error);
-        log_line(format_text("game proxy :%d -> %s", proxy->port, url.c_str()));
-        game_proxies_.push_back(std::move(proxy));
-    }
-    log_line("velmar server: " + config_.velmar_server);
-    log_line("community server: " + config_.community_server);
-    return true;
 }
 
 void Bridge::stop() {
     if (!running_.exchange(false)) return;
     stop_signal_.raise();
 
-    std::vector<std::shared_ptr<Session>> live;
-    {
-        std::lock_guard<std::mutex> guard(sessions_lock);
-        live = sessions;
-    }
-    // First end every upstream call in flight, so no command holds a session lock for long,
-    // and wake every blocked read and send, of connections with a session or without one yet;
-    // then take the sessions down.
+    // First end every upstream call in flight, so no command holds a session for long, and
+    // wake every blocked read and send, of connections with a session or without one yet: each
+    // connection's own thread then takes its session down.
     cancel_->cancel();
     connection_slots_.wake_all();
-    for (auto& session : live) session->shutdown();
-
-    if (gateway) gateway->stop();
-    for (auto& proxy : game_proxies_) proxy->stop();
-    game_proxies_.clear();
-    web_server_.stop();
 
     // The stop signal woke the accept and the receive; they are joined before the sockets are
     // closed, so no thread can touch a reused handle.
@@ -143,10 +84,46 @@ void Bridge::stop() {
     connection_threads_.join_all();
     stop_signal_.close();
 
-    {
-        std::lock_guard<std::mutex> guard(sessions_lock);
-        sessions.clear();
-    }
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    sessions_.clear();
+    gateway_ = nullptr;
+}
+
+std::vector<std::shared_ptr<Session>> Bridge::sessions() {
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    return sessions_;
+}
+
+void Bridge::add_session(std::shared_ptr<Session> session) {
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    sessions_.push_back(std::move(session));
+}
+
+void Bridge::remove_session(const std::shared_ptr<Session>& session) {
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    sessions_.erase(std::remove(sessions_.begin(), sessions_.end(), session), sessions_.end());
+}
+
+nlohmann::json Bridge::advertisement() {
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    return advertisement_;
+}
+
+void Bridge::set_advertisement(const nlohmann::json& advertisement) {
+    std::lock_guard<std::mutex> guard(sessions_lock_);
+    advertisement_ = advertisement;
+}
+
+std::map<std::string, Endpoint> Bridge::stun_table() {
+    std::lock_guard<std::mutex> guard(endpoints_lock_);
+    return stun_table_;
+}
+
+std::optional<Endpoint> Bridge::stun_entry(const std::string& online_id) {
+    std::lock_guard<std::mutex> guard(endpoints_lock_);
+    auto found = stun_table_.find(online_id);
+    if (found == stun_table_.end()) return std::nullopt;
+    return found->second;
 }
 
 void Bridge::accept_thread(Socket listener) {
@@ -215,10 +192,6 @@ void Bridge::connection_thread(const std::shared_ptr<TcpConn>& connection,
     connection_slots_.close(slot);
 }
 
-std::vector<int> Bridge::bound_game_proxy_ports() const {
-    std::vector<int> ports;
-    for (const auto& proxy : game_proxies_) ports.push_back(proxy->port);
-    return ports;
 }
 
 }  // namespace zq

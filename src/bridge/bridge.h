@@ -1,6 +1,6 @@
 #pragma once
-// The object that owns everything that runs while the program serves a game: the listeners,
-// the threads that serve them, and the live sessions. One per process, on the entry's stack.
+// The command port and the STUN responder, the threads that serve them, and the live sessions,
+// with what they share: the summon advertisement, the STUN table and the state file.
 
 #include <atomic>
 #include <cstddef>
@@ -16,7 +16,6 @@
 #include <nlohmann/json.hpp>
 
 #include "http/fetch.h"
-#include "http/server.h"
 #include "p2p/gateway.h"
 #include "shell/config.h"
 #include "shell/connection_threads.h"
@@ -36,10 +35,14 @@ public:
     Bridge(const Bridge&) = delete;
     Bridge& operator=(const Bridge&) = delete;
 
-    // Brings everything up in a fixed order. On failure the reason goes to *error (if given)
-    // and to the log, whatever came up is taken down again, and the result is false.
-    bool start(std::string* error);
-    // Takes everything down in the reverse order; safe at any time, any number of times.
+    // Opens the command port and the STUN socket; the sessions use the gateway (null when off),
+    // which must outlive stop. On failure the reason goes to *error (if given) and to the log,
+    // whatever came up is taken down again, and the result is false.
+    bool listen(p2p::Gateway* gateway, std::string* error);
+    // Starts the threads that serve both.
+    void serve();
+    // Ends every session, as each connection's own thread does, and closes both; safe at any
+    // time, any number of times.
     void stop();
 
     const Config& config() const { return config_; }
@@ -47,33 +50,21 @@ public:
     // The ports actually held, which differ from the settings when those ask for port 0.
     int bound_tcp_port() const { return bound_tcp_port_; }
     int bound_udp_port() const { return bound_udp_port_; }
-    int bound_webapi_port() const { return web_server_.port; }
-    // The ports that the game proxies hold, in the ascending order of their routes.
-    std::vector<int> bound_game_proxy_ports() const;
+    // Null when p2p_gateway is off.
+    p2p::Gateway* gateway() const { return gateway_; }
 
-    // The token and ruleset for the proxies: those of the first logged-in session that holds a
-    // token, or two empty texts.
-    struct Credentials {
-        std::string token;
-        std::string ruleset;
-    };
-    Credentials current_credentials();
+    // The live sessions, as of now.
+    std::vector<std::shared_ptr<Session>> sessions();
+    void add_session(std::shared_ptr<Session> session);
+    void remove_session(const std::shared_ptr<Session>& session);
 
-    // Writes the bodies of one proxied call into "captures" beside the state file. Never throws:
-    // a failure is logged and the call it records goes on.
-    void capture_traffic(const std::string& name, const std::string& request_body, std::int32_t status,
-                         const std::string& response_body, const std::string& note);
+    // The last summon advertisement that held a SessionId, which room creation uses; null before.
+    nlohmann::json advertisement();
+    void set_advertisement(const nlohmann::json& advertisement);
 
-    // Lock order: sessions_lock, endpoints_lock, state_lock; none is held while calling into a
-    // session, so whoever walks the sessions copies the list first.
-    std::mutex sessions_lock;
-    std::vector<std::shared_ptr<Session>> sessions;  // guarded by sessions_lock
-    nlohmann::json last_advertisement;               // guarded by sessions_lock
-
-    std::mutex endpoints_lock;
-    std::map<std::string, Endpoint> stun_table;  // guarded by endpoints_lock: online id -> last ping source
-
-    std::mutex state_lock;  // serialises reads and writes of the state file
+    // Online id -> where its STUN ping last came from.
+    std::map<std::string, Endpoint> stun_table();
+    std::optional<Endpoint> stun_entry(const std::string& online_id);
 
     // The whole state file, read afresh: an empty object when it is missing, the document as it
     // is otherwise (any type), and an empty object with a log line when it is corrupt.
@@ -87,9 +78,6 @@ public:
     // Tells the service our new public address, once for each logged-in session, in or out of
     // a room. Runs on a gateway thread; no lock is held over the calls.
     void on_mapped_change(const Endpoint& mapped);
-
-    // Null when p2p_gateway is off.
-    std::unique_ptr<p2p::Gateway> gateway;
 
     // For the connection threads: waits until s can be read, the deadline in steady seconds
     // passes (0: none) or stop is under way; true only for the first.
@@ -119,7 +107,6 @@ public:
 
 private:
     bool fail(std::string* error, const std::string& message);
-    bool start_gateway(std::string* error);
 
     void accept_thread(Socket listener);
     void connection_thread(const std::shared_ptr<TcpConn>& connection,
@@ -127,6 +114,7 @@ private:
     void stun_thread(Socket udp);
 
     const Config config_;
+    p2p::Gateway* gateway_ = nullptr;  // not owned
     Socket tcp_socket_ = invalid_socket;
     Socket udp_socket_ = invalid_socket;
     int bound_tcp_port_ = 0;
@@ -137,8 +125,6 @@ private:
     // Raised by stop: the accept, STUN and connection threads wait on it beside their sockets,
     // so none of them wakes while nothing happens.
     StopSignal stop_signal_;
-    http::Server web_server_;
-    std::vector<std::unique_ptr<http::Server>> game_proxies_;  // one per route that came up
 
     // The command port serves programs of this PC only, and of this user where the system tells.
     PeerFilter command_peers_;
@@ -150,6 +136,15 @@ private:
 
     std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
     ConnectionThreads connection_threads_;
+
+    // Lock order: sessions_lock_, endpoints_lock_, state_lock_; each is held only for a copy,
+    // never while calling into a session or out to the service.
+    std::mutex sessions_lock_;
+    std::vector<std::shared_ptr<Session>> sessions_;  // guarded by sessions_lock_
+    nlohmann::json advertisement_;                    // guarded by sessions_lock_
+    std::mutex endpoints_lock_;
+    std::map<std::string, Endpoint> stun_table_;  // guarded by endpoints_lock_
+    std::mutex state_lock_;                       // serialises reads and writes of the state file
 };
 
 }  // namespace zq

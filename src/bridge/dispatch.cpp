@@ -71,6 +71,11 @@ bool run_row(Session& s, std::uint16_t command, std::string_view body, CommandRe
 
 CommandResult dispatch(Session& session, std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
     std::lock_guard<std::mutex> guard(session.session_lock);
+    // Whatever the command changed, others see as soon as it is done.
+    struct Publish {
+        Session& session;
+        ~Publish() { session.publish_status_locked(); }
+    } publish{session};
     CommandResult result;
     try {
         if (!run_row(session, command, body, result)) {
@@ -95,11 +100,7 @@ CommandResult Session::cmd_logout() {
 }
 
 CommandResult Session::cmd_get_identity() {
-    std::string upstream_token;
-    {
-        std::lock_guard<std::mutex> guard(credentials_lock);
-        upstream_token = token;
-    }
+    const std::string upstream_token = upstream.current_token();
     // Before login the game still gets an id: the stable one of whatever name it has.
     std::uint64_t id = account_id ? account_id : stable_account_id(npid);
     FieldMessage m;

@@ -82,7 +82,7 @@ void Session::event_pump() {
         if (room_id != 0 && steady_seconds() - last_heartbeat >= heartbeat_every) {
             last_heartbeat = steady_seconds();
             // -1 (unreachable) counts as still in: a server that cannot be reached never evicts.
-            if (heartbeat(session_id, member_id) == 0) {
+            if (upstream.heartbeat(session_id, member_id) == 0) {
                 std::lock_guard<std::mutex> guard(session_lock);
                 log_line(format_text("server says we are no longer in room %llu",
                                      static_cast<unsigned long long>(room_id)));
@@ -90,20 +90,22 @@ void Session::event_pump() {
                 if (room.room_id == room_id) {
                     room.reset();
                     remove_all_links();
+                    publish_status_locked();
                 }
             }
         }
 
         try {
             nlohmann::json event;
-            cursor = poll_events(name, cursor, event);
+            cursor = upstream.poll_events(name, cursor, event);
             failures = 0;
             if (!event.is_null()) {
                 {
                     std::lock_guard<std::mutex> guard(session_lock);
                     translate_locked(event);
+                    publish_status_locked();
                 }
-                ack_events(name, cursor);
+                upstream.ack_events(name, cursor);
             }
         } catch (const BridgeError& e) {
             // One failure is retried at once; a run of them is logged and slowed down.
@@ -142,7 +144,7 @@ void Session::translate_locked(const nlohmann::json& event) {
         // Told first, while the member's entry can still be built.
         send_room_event(RoomMemberLeft, leave_reason(reason), event, 0);
         room.members.erase(id);
-        if (bridge->gateway) bridge->gateway->remove_member(id);
+        if (bridge->gateway()) bridge->gateway()->remove_member(id);
     } else if (name == "room_closed") {
         log_line(format_text("event: room %s closed (%s)", json_text(event, "RoomId", "").c_str(),
                              json_text(event, "Reason", "?").c_str()));
@@ -173,9 +175,9 @@ void Session::translate_locked(const nlohmann::json& event) {
                              json_text(event, "HostArea", "").c_str(), json_text(event, "HostLevel", "").c_str()));
         pending_invites.push_back(event);
         // The link to the host starts punching before the game even asks to join.
-        if (bridge->gateway && !host_id.empty()) {
+        if (bridge->gateway() && !host_id.empty()) {
             Endpoint local{json_text(host, "LocalAddr", ""), static_cast<std::int32_t>(json_int(host, "LocalPort", 0))};
-            bridge->gateway->add_member(1, host_id, best_endpoint(host), local, npid, 0, invited_room,
+            bridge->gateway()->add_member(1, host_id, best_endpoint(host), local, npid, 0, invited_room,
                                         port_side_endpoint_locked());
         }
     } else {

@@ -36,7 +36,7 @@ std::string trim_blanks(const std::string& text) {
 }  // namespace
 
 nlohmann::json Bridge::load_state() {
-    std::lock_guard<std::mutex> guard(state_lock);
+    std::lock_guard<std::mutex> guard(state_lock_);
     std::string text;
     if (!read_state_text(state_path(config().state_file), text)) return nlohmann::json::object();
     nlohmann::json doc = parse_state_text(text);
@@ -52,7 +52,7 @@ bool Bridge::save_account(const std::string& key, const nlohmann::json& record) 
     // The file is read again just before the write: another login, or a command in another
     // process, may have saved its own account since this one read the file, and that record
     // must survive.
-    std::lock_guard<std::mutex> guard(state_lock);
+    std::lock_guard<std::mutex> guard(state_lock_);
     return store_account_record(state_path(config().state_file), key, record);
 }
 
@@ -77,8 +77,8 @@ bool Session::ensure_account() {
         if (!json_text(record, "token", "").empty()) {
             std::string upstream_name = json_text(record, "online_id", "");
             if (upstream_name.empty()) upstream_name = name;
-            set_credentials(json_text(record, "token", ""), upstream_name);
-            std::optional<bool> stands = check_token(current_online_id());
+            upstream.set_credentials(json_text(record, "token", ""), upstream_name);
+            std::optional<bool> stands = upstream.check_token(upstream.current_online_id());
             if (!stands || *stands) {
                 // A server that cannot be reached does not cost the player the token.
                 log_line(format_text("velmar: using the stored token for %s%s", quote(name).c_str(),
@@ -92,14 +92,14 @@ bool Session::ensure_account() {
                 return false;
             }
             log_line(format_text("velmar: stored token for %s refused; recovering", quote(name).c_str()));
-            set_credentials("", "");
+            upstream.set_credentials("", "");
         }
 
         std::string old_code = json_text(record, "recovery_code", "");
         if (!old_code.empty()) {
             std::string new_code;
             try {
-                new_code = recover_account(name, old_code);
+                new_code = upstream.recover_account(name, old_code);
             } catch (const BridgeError& e) {
                 if (std::string(e.what()).find("refused") != std::string::npos)
                     log_line(format_text("velmar: the recovery code for %s no longer works - the account cannot be "
@@ -111,8 +111,8 @@ bool Session::ensure_account() {
             std::string code = new_code.empty() ? old_code : new_code;
             bool saved = bridge->save_account(npid, nlohmann::json{{"velmar_name", name},
                                                                    {"recovery_code", code},
-                                                                   {"token", current_token()},
-                                                                   {"online_id", current_online_id()}});
+                                                                   {"token", upstream.current_token()},
+                                                                   {"online_id", upstream.current_online_id()}});
             log_line(format_text("velmar: recovered account %s", quote(name).c_str()));
             if (!saved) report_unsaved_account(name, code);
             return true;
@@ -121,7 +121,7 @@ bool Session::ensure_account() {
         if (bridge->config().create_accounts) {
             std::string code;
             try {
-                code = create_account(npid);
+                code = upstream.create_account(npid);
             } catch (const BridgeError& e) {
                 std::string lower = e.what();
                 for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -133,8 +133,8 @@ bool Session::ensure_account() {
             }
             bool saved = bridge->save_account(npid, nlohmann::json{{"velmar_name", npid},
                                                                    {"recovery_code", code},
-                                                                   {"token", current_token()},
-                                                                   {"online_id", current_online_id()}});
+                                                                   {"token", upstream.current_token()},
+                                                                   {"online_id", upstream.current_online_id()}});
             if (saved)
                 log_line(format_text("velmar: created account %s (token and recovery code stored in "
                                      "sarnlink_state.json - keep that file)",

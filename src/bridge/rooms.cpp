@@ -22,33 +22,24 @@ constexpr std::int32_t fallback_p2p_port = 9307;
 }  // namespace
 
 std::string Session::call_online_id() const {
-    std::string name = current_online_id();
+    std::string name = upstream.current_online_id();
     return name.empty() ? npid : name;
 }
 
 OwnEndpoints Session::own_endpoints_locked() {
-    if (bridge->gateway) {
-        auto [lan, mapped] = bridge->gateway->own_endpoints();
+    if (bridge->gateway()) {
+        auto [lan, mapped] = bridge->gateway()->own_endpoints();
         return OwnEndpoints{lan, mapped};
     }
     const Config& config = bridge->config();
     std::string lan_host = config.local_addr.empty() ? local_ipv4() : config.local_addr;
-    std::optional<Endpoint> pinged;
-    {
-        std::lock_guard<std::mutex> guard(bridge->endpoints_lock);
-        auto found = bridge->stun_table.find(npid);
-        if (found != bridge->stun_table.end()) pinged = found->second;
-    }
+    std::optional<Endpoint> pinged = bridge->stun_entry(npid);
     if (pinged) return OwnEndpoints{Endpoint{lan_host, pinged->port}, *pinged};
     return OwnEndpoints{Endpoint{lan_host, fallback_p2p_port}, Endpoint{lan_host, fallback_p2p_port}};
 }
 
 std::optional<Endpoint> Session::port_side_endpoint_locked() {
-    {
-        std::lock_guard<std::mutex> guard(bridge->endpoints_lock);
-        auto found = bridge->stun_table.find(npid);
-        if (found != bridge->stun_table.end()) return found->second;
-    }
+    if (std::optional<Endpoint> pinged = bridge->stun_entry(npid)) return pinged;
     std::int32_t port = bridge->config().port_p2p_port;
     if (port >= 1) return Endpoint{"127.0.0.1", port};
     return std::nullopt;
@@ -56,9 +47,9 @@ std::optional<Endpoint> Session::port_side_endpoint_locked() {
 
 Endpoint Session::member_endpoint_locked(const nlohmann::json& record) {
     std::int32_t id = record_member_id(record);
-    if (bridge->gateway && id != 0 && id != room.member_id) {
+    if (bridge->gateway() && id != 0 && id != room.member_id) {
         Endpoint local{json_text(record, "LocalAddr", ""), static_cast<std::int32_t>(json_int(record, "LocalPort", 0))};
-        return bridge->gateway->add_member(id, json_text(record, "OnlineId", ""), best_endpoint(record), local, npid,
+        return bridge->gateway()->add_member(id, json_text(record, "OnlineId", ""), best_endpoint(record), local, npid,
                                            room.member_id, room.room_id, port_side_endpoint_locked());
     }
     return best_endpoint(record);
@@ -79,23 +70,18 @@ void Session::add_ourselves_locked() {
 }
 
 void Session::remove_all_links() {
-    if (bridge->gateway) bridge->gateway->remove_all_members();
+    if (bridge->gateway()) bridge->gateway()->remove_all_members();
 }
 
 CommandResult Session::cmd_context_start(std::string_view body) {
     auto fields = read_request(body);
     if (!fields) return bad_payload();
     context_id = number_field(*fields, 1, 0);
-    bool pinged = false;
-    {
-        std::lock_guard<std::mutex> guard(bridge->endpoints_lock);
-        pinged = bridge->stun_table.count(npid) != 0;
-    }
-    if (!pinged)
+    if (!bridge->stun_entry(npid))
         log_line(format_text("warning: no STUN ping seen for %s yet; P2P endpoint unknown", quote(npid).c_str()));
     try {
         OwnEndpoints own = own_endpoints_locked();
-        context_start(call_online_id(), own.lan, own.mapped);
+        upstream.context_start(call_online_id(), own.lan, own.mapped);
         start_event_pump();
     } catch (const BridgeError& e) {
         log_line(std::string("context_start failed: ") + e.what());
@@ -111,13 +97,8 @@ CommandResult Session::cmd_create_room(std::string_view body) {
     if (asked == 0) asked = 5;
     try {
         OwnEndpoints own = own_endpoints_locked();
-        // The session's own copy of the advertisement first; the Bridge's last one otherwise.
-        nlohmann::json advert = summon_advert;
-        if (!advert.is_object()) {
-            std::lock_guard<std::mutex> guard(bridge->sessions_lock);
-            advert = bridge->last_advertisement;
-        }
-        nlohmann::json reply = create_room(call_online_id(), own.lan, own.mapped, asked, room_attributes(advert));
+        nlohmann::json reply = upstream.create_room(call_online_id(), own.lan, own.mapped, asked,
+                                                    room_attributes(bridge->advertisement()));
 
         // An earlier room is dropped here without telling the server.
         room.reset();
@@ -150,16 +131,16 @@ CommandResult Session::cmd_join_room(std::string_view body) {
     if (room_id == 0) return CommandResult{ResultBadRoom, std::string()};
     try {
         OwnEndpoints own = own_endpoints_locked();
-        nlohmann::json reply = join_room(call_online_id(), room_id, own.lan, own.mapped);
+        nlohmann::json reply = upstream.join_room(call_online_id(), room_id, own.lan, own.mapped);
 
         room.reset();
-        if (bridge->gateway) {
+        if (bridge->gateway()) {
             // The host's link, opened when the invitation came, is already punching: keep it.
             std::set<std::string> hosts;
             for (const auto& invite : pending_invites)
                 if (static_cast<std::uint64_t>(json_int(invite, "RoomId", 0)) == room_id)
                     hosts.insert(json_text(invite, "HostOnlineId", ""));
-            bridge->gateway->retain_members(hosts);
+            bridge->gateway()->retain_members(hosts);
         }
         // A joiner is never the first member, hence defaults unlike those of create.
         room.room_id = room_id;
@@ -197,7 +178,7 @@ CommandResult Session::cmd_kick_member(std::string_view body) {
     if (!fields) return bad_payload();
     auto target = static_cast<std::int32_t>(static_cast<std::uint32_t>(number_field(*fields, 3, 0)));
     try {
-        kick_member(room.session_id, target, room.member_id);
+        upstream.kick_member(room.session_id, target, room.member_id);
     } catch (const BridgeError& e) {
         log_line(std::string("kick failed: ") + e.what());
         return CommandResult{ResultFailed, std::string()};
@@ -208,7 +189,7 @@ CommandResult Session::cmd_kick_member(std::string_view body) {
 void Session::leave_room_locked(bool farewell) {
     if (room.room_id == 0) return;
     try {
-        leave_room(room.session_id, room.member_id, farewell);
+        upstream.leave_room(room.session_id, room.member_id, farewell);
         log_line(format_text("left room %llu", static_cast<unsigned long long>(room.room_id)));
     } catch (const BridgeError& e) {
         // Local state is cleared whatever the server said.

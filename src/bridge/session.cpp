@@ -1,6 +1,5 @@
 #include "bridge/session.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "bridge/bridge.h"
@@ -45,9 +44,9 @@ void TcpConn::release() {
 }
 
 Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner)
-    : UpstreamClient(owner->config().velmar_server), connection(std::move(conn)), bridge(owner) {
-    if (!owner->config().user_agent.empty()) client_mark = owner->config().user_agent;
-    cancel = owner->cancel_flag();
+    : connection(std::move(conn)), bridge(owner), upstream(owner->config().velmar_server) {
+    if (!owner->config().user_agent.empty()) upstream.client_mark = owner->config().user_agent;
+    upstream.cancel = owner->cancel_flag();
 }
 
 Session::~Session() {
@@ -72,7 +71,21 @@ void Session::shutdown() {
     }
     std::lock_guard<std::mutex> guard(session_lock);
     // When the bridge stops, calls are cancelled; leaving the room still goes out, briefly.
-    leave_room_locked(cancel && cancel->cancelled());
+    leave_room_locked(upstream.cancel && upstream.cancel->cancelled());
+    publish_status_locked();
+}
+
+SessionStatus Session::status() const {
+    std::lock_guard<std::mutex> guard(status_lock);
+    return status_;
+}
+
+void Session::publish_status_locked() {
+    SessionStatus now{npid, call_online_id(), logged_in, room.room_id, room.session_id,
+                      room.member_id, room.owner_member_id, room.max_members, {}};
+    for (const auto& [id, record] : room.members) now.members[id] = json_text(record, "OnlineId", "");
+    std::lock_guard<std::mutex> guard(status_lock);
+    status_ = std::move(now);
 }
 
 std::string quote(const std::string& text) {
@@ -167,8 +180,7 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, Co
             slot.working();
             if (!session) {
                 session = std::make_shared<Session>(connection, &bridge);
-                std::lock_guard<std::mutex> guard(bridge.sessions_lock);
-                bridge.sessions.push_back(session);
+                bridge.add_session(session);
             }
             CommandResult result = dispatch(*session, header.command, header.packet_id, body);
             reader.settle();
@@ -189,16 +201,8 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, Co
 
     if (session) {
         session->shutdown();
-        {
-            std::lock_guard<std::mutex> guard(bridge.sessions_lock);
-            auto& list = bridge.sessions;
-            list.erase(std::remove(list.begin(), list.end(), session), list.end());
-        }
-        std::string name;
-        {
-            std::lock_guard<std::mutex> guard(session->session_lock);
-            name = session->npid;
-        }
+        bridge.remove_session(session);
+        const std::string name = session->status().npid;
         log_line(format_text("tcp: session for %s closed", name.empty() ? "?" : quote(name).c_str()));
     }
 }

@@ -1,8 +1,9 @@
 #pragma once
 // One game connection (TcpConn) and the state of the game session on it (Session).
 //
-// Lock order, outermost first: session_lock; then thread_lock, pump_lock, credentials_lock,
-// the Bridge's sessions_lock, or a TcpConn's write_lock. Never the other way round.
+// Lock order, outermost first: session_lock; then thread_lock, pump_lock, the client's
+// credentials_lock, the Bridge's locks, a TcpConn's write_lock, or status_lock. Never the other
+// way round.
 
 #include <atomic>
 #include <condition_variable>
@@ -84,16 +85,32 @@ private:
     StopSignal wake_;
 };
 
+// What others may read of a session at any time. The session publishes it under a short lock
+// of its own after anything that may change it, so that no reader waits on a command.
+struct SessionStatus {
+    std::string npid;  // the game's online id
+    std::string name;  // the upstream name, or npid while there is none
+    bool logged_in = false;
+    std::uint64_t room_id = 0;  // 0: in no room
+    std::string room_session_id;
+    std::int32_t member_id = 0;
+    std::int32_t owner_member_id = 0;
+    std::int32_t max_members = 0;
+    std::map<std::int32_t, std::string> members;  // member id -> online id
+};
+
 // One game session: created by the first Request on a connection and ended with it.
-class Session : public UpstreamClient {
+class Session {
 public:
     Session(std::shared_ptr<TcpConn> connection, Bridge* bridge);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Stops the event pump and leaves the room; on connection end and on Bridge stop alike.
+    // Stops the event pump and leaves the room, when the connection ends (also on Bridge stop).
     void shutdown();
+
+    SessionStatus status() const;
 
     // Command rows, each run by dispatch with session_lock held.
     CommandResult cmd_login(std::string_view body);
@@ -137,17 +154,8 @@ public:
     std::atomic<bool> closing{false};  // the connection ends after the current reply
     const std::shared_ptr<TcpConn> connection;
     Bridge* const bridge;  // not owning: the Bridge outlives every session
-    std::mutex session_lock;  // held for the whole of each command
-
-    // Guarded by session_lock.
-    std::string npid;
-    std::string title;
-    std::uint64_t context_id = 0;
-    std::uint64_t account_id = 0;
-    RoomState room;
-    nlohmann::json summon_advert;
-    std::vector<nlohmann::json> pending_invites;
-
+    // This session's account with the service: its token, its upstream name, its poll session.
+    UpstreamClient upstream;
     std::atomic<bool> logged_in{false};
 
     // The event pump thread; started and joined under thread_lock.
@@ -160,6 +168,24 @@ public:
     bool stop_flag = false;  // guarded by pump_lock
 
 private:
+    friend CommandResult dispatch(Session&, std::uint16_t, std::uint64_t, std::string_view);
+    void publish_status_locked();
+
+    // Held for the whole of each command and while the pump translates an event: only this
+    // session's own threads ever take it, so a command that waits on the service holds up
+    // nobody else.
+    std::mutex session_lock;
+    // Guarded by session_lock.
+    std::string npid;
+    std::string title;
+    std::uint64_t context_id = 0;
+    std::uint64_t account_id = 0;
+    RoomState room;
+    std::vector<nlohmann::json> pending_invites;
+
+    mutable std::mutex status_lock;
+    SessionStatus status_;  // guarded by status_lock
+
     void event_pump();
     // Waits up to seconds on pump_wake; true when stop_flag ended (or ends) the wait.
     bool pump_wait(double seconds);

@@ -44,15 +44,15 @@ CommandResult Session::cmd_resolve_peer(std::string_view body) {
             record.at("OnlineId").get<std::string>() == target)
             member = &record;
 
-    if (bridge->gateway) {
-        if (auto known = bridge->gateway->port_address_of(target)) return peer_reply(target, *known);
+    if (bridge->gateway()) {
+        if (auto known = bridge->gateway()->port_address_of(target)) return peer_reply(target, *known);
         if (member) return peer_reply(target, member_endpoint_locked(*member));
-        std::optional<Endpoint> resolved = resolve_peer(target);
+        std::optional<Endpoint> resolved = upstream.resolve_peer(target);
         if (!resolved) {
             log_line(format_text("signaling: %s is not registered on the server", quote(target).c_str()));
             return CommandResult{ResultPeerUnknown, std::string()};
         }
-        Endpoint inner = bridge->gateway->add_member(synthetic_member_id(target), target, *resolved, Endpoint{}, npid,
+        Endpoint inner = bridge->gateway()->add_member(synthetic_member_id(target), target, *resolved, Endpoint{}, npid,
                                                      room.member_id, room.room_id, port_side_endpoint_locked());
         log_line(format_text("signaling: %s resolved to %s (not in the room yet)", quote(target).c_str(),
                              resolved->text().c_str()));
@@ -60,30 +60,18 @@ CommandResult Session::cmd_resolve_peer(std::string_view body) {
     }
 
     // Without a gateway the service's word goes first, then the room's.
-    std::optional<Endpoint> resolved = resolve_peer(target);
+    std::optional<Endpoint> resolved = upstream.resolve_peer(target);
     Endpoint answer = resolved ? *resolved : (member ? best_endpoint(*member) : Endpoint{});
     if (!answer.usable()) return CommandResult{ResultPeerUnknown, std::string()};
     return peer_reply(target, answer);
 }
 
 void Bridge::on_mapped_change(const Endpoint& mapped) {
-    std::vector<std::shared_ptr<Session>> live;
-    {
-        std::lock_guard<std::mutex> guard(sessions_lock);
-        live = sessions;
-    }
-    for (const auto& session : live) {
-        std::string online_id, session_id;
-        std::int64_t member_id = 0;
-        {
-            std::lock_guard<std::mutex> guard(session->session_lock);
-            if (!session->logged_in || session->current_token().empty()) continue;
-            online_id = session->call_online_id();
-            session_id = session->room.session_id;
-            member_id = session->room.member_id;
-        }
+    for (const auto& session : sessions()) {
+        const SessionStatus status = session->status();
+        if (!status.logged_in || session->upstream.current_token().empty()) continue;
         // Outside any room too: the service must know where to find us before we join one.
-        session->signaling_update(online_id, mapped, session_id, member_id);
+        session->upstream.signaling_update(status.name, mapped, status.room_session_id, status.member_id);
     }
 }
 

@@ -41,14 +41,14 @@ void Bridge::stun_thread(Socket udp) {
         Endpoint sender = from_sockaddr(from);
         bool news = false, full = false;
         {
-            std::lock_guard<std::mutex> guard(endpoints_lock);
-            auto it = stun_table.find(*id);
-            if (it != stun_table.end()) {
+            std::lock_guard<std::mutex> guard(endpoints_lock_);
+            auto it = stun_table_.find(*id);
+            if (it != stun_table_.end()) {
                 news = !(it->second == sender);
                 it->second = sender;
-            } else if (stun_table.size() < stun_table_limit) {
+            } else if (stun_table_.size() < stun_table_limit) {
                 news = true;
-                stun_table.emplace(*id, sender);
+                stun_table_.emplace(*id, sender);
             } else {
                 full = true;
             }

@@ -28,7 +28,6 @@ struct UpstreamReply {
 class UpstreamClient {
 public:
     explicit UpstreamClient(std::string base);
-    virtual ~UpstreamClient() = default;
     UpstreamClient(const UpstreamClient&) = delete;
     UpstreamClient& operator=(const UpstreamClient&) = delete;
 

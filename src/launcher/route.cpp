@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "launcher/overrides.h"
-#include "shell/commands.h"
 #include "shell/deployment.h"
 #include "shell/platform.h"
 #include "shell/util.h"

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "launcher/discovery.h"
+#include "shell/config.h"
 
 namespace zq {
 
@@ -34,5 +35,8 @@ std::filesystem::path backup_path(const std::filesystem::path& path);
 
 // Copies the file to its backup unless a backup already exists; never overwrites one.
 void backup_once(const std::filesystem::path& path);
+
+// --route on|off [--orlond DIR]: anything but "on" routes off; returns the exit code.
+int run_route(const Config& config, const std::wstring& value, const std::wstring& game_dir);
 
 }  // namespace zq

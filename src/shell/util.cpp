@@ -87,7 +87,8 @@ bool shown_escaped(char32_t cp) {
 
 }  // namespace
 
-std::string printable(std::string_view text) {
+std::string printable(std::string_view text, std::size_t limit) {
+    text = text.substr(0, limit);
     std::string out;
     out.reserve(text.size());
     for (std::size_t at = 0; at < text.size();) {

@@ -33,8 +33,9 @@ std::string format_text(const char* fmt, ...)
 // stand on a console or in a log: control characters become visible escapes ("\n", "\x1B",
 // "\u009B"), so that no text can move the cursor, retitle the window or fake a line of its own,
 // and bytes that are no UTF-8 become U+FFFD. Everything else, letters of any script included,
-// stays as it is. Applying it twice changes nothing more.
-std::string printable(std::string_view text);
+// stays as it is. Applying it twice changes nothing more. Only the first `limit` bytes are
+// looked at, so that what a stranger sends cannot make a line as long as it likes.
+std::string printable(std::string_view text, std::size_t limit = std::string_view::npos);
 
 // The code point that starts at `at` in UTF-8 text, moving `at` past it. A malformed or overlong
 // sequence, a surrogate or a value above U+10FFFF gives U+FFFD and moves one byte.

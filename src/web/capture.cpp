@@ -1,5 +1,4 @@
-// Traffic capture: the bodies of selected proxied calls, written beside the state file when
-// tracing. A capture must never disturb the call that it records.
+#include "web/capture.h"
 
 #include <ctime>
 #include <exception>
@@ -8,11 +7,10 @@
 #include <string>
 
 #include "accounts/state_file.h"
-#include "bridge/bridge.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 
-namespace zq {
+namespace zq::web {
 
 namespace {
 
@@ -24,10 +22,10 @@ void write_file(const std::filesystem::path& path, const std::string& contents, 
 
 }  // namespace
 
-void Bridge::capture_traffic(const std::string& name, const std::string& request_body, std::int32_t status,
-                             const std::string& response_body, const std::string& note) {
+void capture_traffic(const std::string& state_file, const std::string& name, const std::string& request_body,
+                     std::int32_t status, const std::string& response_body, const std::string& note) {
     try {
-        const std::filesystem::path state = std::filesystem::absolute(state_path(config().state_file));
+        const std::filesystem::path state = std::filesystem::absolute(state_path(state_file));
         const std::filesystem::path folder = state.parent_path() / "captures";
         std::filesystem::create_directories(folder);
 
@@ -52,4 +50,4 @@ void Bridge::capture_traffic(const std::string& name, const std::string& request
     }
 }
 
-}  // namespace zq
+}  // namespace zq::web

@@ -4,10 +4,10 @@
 #include <cctype>
 #include <string>
 
-#include "bridge/bridge.h"
 #include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/util.h"
+#include "web/capture.h"
 #include "web/guard.h"
 #include "web/paths.h"
 
@@ -43,9 +43,9 @@ bool is_own_header(const std::string& lower_name) {
 
 }  // namespace
 
-http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_url,
+http::ServerResponse game_proxy_handler(web::Host& host, const std::string& base_url,
                                         const http::ServerRequest& request) {
-    const Config& config = bridge.config();
+    const Config& config = host.config();
 
     std::string refused = web::foreign_caller(request, config.bind_host);
     // The target is joined to base_url: it may name a path there and nothing else.
@@ -53,8 +53,8 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
     if (!refused.empty()) {
         // A window of lines per route and kind of refusal, so that one flood hides no other.
         log_limited("game refused " + base_url + " " + refused.substr(0, refused.find(' ')),
-                    format_text("game %s %s: refused (%s)", web::printable(request.method).c_str(),
-                                                web::printable(request.path).c_str(), refused.c_str()));
+                    format_text("game %s %s: refused (%s)", printable(request.method, web::stranger_text_limit).c_str(),
+                                printable(request.path, web::stranger_text_limit).c_str(), refused.c_str()));
         http::ServerResponse response;
         response.status = refused == "target" ? 400 : 403;
         return response;
@@ -80,7 +80,7 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
     }
     upstream.headers.emplace_back("User-Agent",
                                   game_agent.empty() ? config.user_agent : game_agent + " " + config.user_agent);
-    const Bridge::Credentials credentials = bridge.current_credentials();
+    const web::Credentials credentials = host.credentials();
     if (!credentials.token.empty()) upstream.headers.emplace_back("X-ZQ-Token", credentials.token);
     if (!credentials.ruleset.empty()) upstream.headers.emplace_back("X-Velmar-Ruleset", credentials.ruleset);
 
@@ -105,7 +105,8 @@ http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_
             std::string name = path.substr(1);
             for (char& c : name)
                 if (c == '/') c = '_';
-            bridge.capture_traffic(name, request.body, static_cast<std::int32_t>(answer.status), answer.body, "");
+            web::capture_traffic(config.state_file, name, request.body, static_cast<std::int32_t>(answer.status),
+                                 answer.body, "");
             break;
         }
     }

@@ -6,10 +6,9 @@
 #include <string>
 
 #include "http/server.h"
+#include "web/host.h"
 
 namespace zq {
-
-class Bridge;
 
 // Lower-case header names that are never passed on, in either direction. Besides the real
 // hop-by-hop headers it holds host, content-length and accept-encoding on purpose: the client
@@ -17,7 +16,7 @@ class Bridge;
 extern const std::set<std::string> hop_by_hop_headers;
 
 // Forwards one request to base_url followed by the request's path and query.
-http::ServerResponse game_proxy_handler(Bridge& bridge, const std::string& base_url,
+http::ServerResponse game_proxy_handler(web::Host& host, const std::string& base_url,
                                         const http::ServerRequest& request);
 
 }  // namespace zq

@@ -1,8 +1,7 @@
 #include "web/guard.h"
 
-#include <cctype>
-
 #include "shell/deployment.h"
+#include "shell/util.h"
 #include "web/paths.h"
 
 namespace zq::web {
@@ -87,7 +86,7 @@ std::string foreign_caller(const http::ServerRequest& request, const std::string
     if (fetch_metadata && !http::iequals(site, "none")) return "browser page";
     for (const auto& [name, value] : request.headers)
         if (http::iequals(name, "Host") && !value.empty() && !allowed_host(value, bind_host))
-            return "host " + printable(value);
+            return "host " + printable(value, stranger_text_limit);
     return "";
 }
 
@@ -115,13 +114,6 @@ bool has_dot_segment(std::string_view path) {
         if (plain == "." || plain == "..") return true;
     }
     return false;
-}
-
-std::string printable(std::string_view text) {
-    std::string out(text.substr(0, 80));
-    for (char& c : out)
-        if (!std::isprint(static_cast<unsigned char>(c))) c = '?';
-    return out;
 }
 
 }  // namespace zq::web

@@ -5,12 +5,16 @@
 // bind_host is not the loopback. The game's own client sends neither Origin nor Sec-Fetch-*,
 // and names the loopback or one of the deployment's hosts in Host. Pure.
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 #include "http/server.h"
 
 namespace zq::web {
+
+// How much of a stranger's text (a method, a path, a Host) a log line shows.
+inline constexpr std::size_t stranger_text_limit = 80;
 
 // Why the request is not taken as the game's own, or "" when it may pass:
 //   "browser page"  it carries Origin, or Sec-Fetch-* that a page's request carries (a request
@@ -37,9 +41,5 @@ bool safe_target(std::string_view target);
 // Whether the path has a segment "." or ".." (also percent-encoded), which a client resolves
 // before sending, so that the call reaches a path other than the one it was led to.
 bool has_dot_segment(std::string_view path);
-
-// The first 80 bytes of a text that a stranger sent, with anything unprintable as '?', for
-// a log line.
-std::string printable(std::string_view text);
 
 }  // namespace zq::web

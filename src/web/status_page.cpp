@@ -1,17 +1,10 @@
 #include "web/status_page.h"
 
-#include <cstdlib>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <vector>
 
-#include "bridge/bridge.h"
-#include "bridge/session.h"
 #include "http/headers.h"
 #include "http/service_health.h"
 #include "p2p/gateway.h"
-#include "shell/platform.h"
 #include "shell/util.h"
 #include "shell/version.h"
 #include "web/guard.h"
@@ -29,8 +22,8 @@ Json endpoint_text(const Endpoint& endpoint) {
     return endpoint.text();
 }
 
-Json service_json(Bridge& bridge, double now) {
-    Json service{{"url", bridge.config().velmar_server}, {"reachable", nullptr}, {"last_call", nullptr}};
+Json service_json(web::Host& host, double now) {
+    Json service{{"url", host.config().velmar_server}, {"reachable", nullptr}, {"last_call", nullptr}};
     if (std::optional<ServiceCall> call = last_service_call()) {
         // A 5xx is the service's own trouble, so it does not count as reached.
         bool reached = call->error.empty() && call->status >= 200 && call->status <= 499;
@@ -43,37 +36,18 @@ Json service_json(Bridge& bridge, double now) {
     return service;
 }
 
-// The session lock is held over whole upstream calls, so the page waits briefly and otherwise
-// says the session is busy rather than hang with it.
-std::unique_lock<std::mutex> lock_briefly(std::mutex& lock) {
-    std::unique_lock<std::mutex> held(lock, std::try_to_lock);
-    for (int pass = 0; pass < 20 && !held.owns_lock(); ++pass) {
-        sleep_ms(10);
-        held = std::unique_lock<std::mutex>(lock, std::try_to_lock);
-    }
-    return held;
-}
-
 // Names are whatever bytes a game or another player chose; the page shows them, escapes and
 // all, and the JSON encoder takes nothing but UTF-8.
-Json session_json(Session& session) {
-    Json row{{"name", printable(session.current_online_id())}, {"logged_in", session.logged_in.load()},
-             {"busy", false}, {"room", nullptr}};
-    std::unique_lock<std::mutex> held = lock_briefly(session.session_lock);
-    if (!held.owns_lock()) {
-        row["busy"] = true;
-        return row;
-    }
-    if (row["name"].get<std::string>().empty()) row["name"] = printable(session.npid);
-    const RoomState& room = session.room;
-    if (room.room_id == 0) return row;
+Json session_json(const web::SessionRow& session) {
+    Json row{{"name", printable(session.name)}, {"logged_in", session.logged_in}, {"room", nullptr}};
+    if (session.room_id == 0) return row;
     Json members = Json::array();
-    for (const auto& [id, record] : room.members)
+    for (const auto& [id, name] : session.members)
         members.push_back(Json{{"member_id", id},
-                               {"name", printable(json_text(record, "OnlineId", ""))},
-                               {"owner", id == room.owner_member_id},
-                               {"us", id == room.member_id}});
-    row["room"] = Json{{"id", room.room_id}, {"max_members", room.max_members}, {"members", members}};
+                               {"name", printable(name)},
+                               {"owner", id == session.owner_member_id},
+                               {"us", id == session.member_id}});
+    row["room"] = Json{{"id", session.room_id}, {"max_members", session.max_members}, {"members", members}};
     return row;
 }
 
@@ -112,18 +86,13 @@ bool status_page_caller_allowed(const http::ServerRequest& request) {
     return web::loopback_host(std::string_view(origin).substr(7));
 }
 
-Json status_snapshot(Bridge& bridge, double now) {
-    std::vector<std::shared_ptr<Session>> sessions;
-    {
-        std::lock_guard<std::mutex> guard(bridge.sessions_lock);
-        sessions = bridge.sessions;
-    }
+Json status_snapshot(web::Host& host, double now) {
     Json session_rows = Json::array();
-    for (const auto& session : sessions) session_rows.push_back(session_json(*session));
+    for (const web::SessionRow& session : host.session_rows()) session_rows.push_back(session_json(session));
 
     Json gateway = nullptr;
     Json peers = Json::array();
-    if (p2p::Gateway* g = bridge.gateway.get()) {
+    if (p2p::Gateway* g = host.gateway()) {
         std::optional<Endpoint> mapped = g->mapped_address();
         std::optional<p2p::PortMappingInfo> mapping = g->port_mapping_info();
         Json mapping_json = nullptr;
@@ -150,25 +119,23 @@ Json status_snapshot(Bridge& bridge, double now) {
                                  {"to_port", link.to_port},
                                  {"last_heard_ago", link.last_heard > 0.0 ? Json(now - link.last_heard) : Json(nullptr)}});
     }
+    const web::Ports ports = host.ports();
     return Json{{"version", kVersion},
-                {"service", service_json(bridge, now)},
-                {"listening",
-                 Json{{"tcp", bridge.bound_tcp_port()},
-                      {"udp", bridge.bound_udp_port()},
-                      {"webapi", bridge.bound_webapi_port()}}},
+                {"service", service_json(host, now)},
+                {"listening", Json{{"tcp", ports.tcp}, {"udp", ports.udp}, {"webapi", ports.webapi}}},
                 {"sessions", session_rows},
                 {"gateway", gateway},
                 {"peers", peers}};
 }
 
-http::ServerResponse status_page_handler(Bridge& bridge, const http::ServerRequest& request, const std::string& path) {
+http::ServerResponse status_page_handler(web::Host& host, const http::ServerRequest& request, const std::string& path) {
     if (!status_page_caller_allowed(request))
         return with_page_headers(
             http::json_response(Json{{"error", "the status page answers only a browser on this PC"}}, 403));
     if (request.method != "GET" && request.method != "HEAD")
         return with_page_headers(http::json_response(Json{{"error", "only GET"}}, 405));
     if (path == "/sarnlink/status.json")
-        return with_page_headers(http::json_response(status_snapshot(bridge, steady_seconds()), 200));
+        return with_page_headers(http::json_response(status_snapshot(host, steady_seconds()), 200));
     if (path == "/sarnlink" || path == "/sarnlink/") {
         http::ServerResponse page;
         page.body = std::string(status_page_html());

@@ -9,10 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include "http/server.h"
+#include "web/host.h"
 
 namespace zq {
-
-class Bridge;
 
 // True for the paths that belong to the status page ("/sarnlink" and below).
 bool is_status_page_path(std::string_view path);
@@ -23,10 +22,10 @@ bool is_status_page_path(std::string_view path);
 bool status_page_caller_allowed(const http::ServerRequest& request);
 
 // Serves the page, its JSON, or a refusal; path is the request's path without its query.
-http::ServerResponse status_page_handler(Bridge& bridge, const http::ServerRequest& request, const std::string& path);
+http::ServerResponse status_page_handler(web::Host& host, const http::ServerRequest& request, const std::string& path);
 
 // What the JSON route answers, as of now (steady seconds).
-nlohmann::ordered_json status_snapshot(Bridge& bridge, double now);
+nlohmann::ordered_json status_snapshot(web::Host& host, double now);
 
 // The page itself.
 std::string_view status_page_html();

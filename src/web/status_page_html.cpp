@@ -145,7 +145,6 @@ function render(s) {
   for (const x of s.sessions) {
     const line = el("div");
     line.append(dotted(x.name || "(not signed in)", x.logged_in ? "good" : "warn"));
-    if (x.busy) line.append(el("span", "busy", "tag"));
     sessions.append(line);
   }
 

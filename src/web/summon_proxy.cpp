@@ -1,17 +1,13 @@
 #include "web/summon_proxy.h"
 
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "bridge/bridge.h"
-#include "bridge/session.h"
 #include "http/fetch.h"
 #include "shell/log.h"
 #include "shell/util.h"
+#include "web/capture.h"
 #include "web/guard.h"
 #include "web/paths.h"
 
@@ -21,35 +17,21 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Keeps the advertisement in the Bridge and pushes a copy into every live session. The two
-// locks are never held together, and the network isn't touched under either.
-void store_advertisement(Bridge& bridge, const nlohmann::json& advertisement) {
-    std::vector<std::shared_ptr<Session>> live;
-    {
-        std::lock_guard<std::mutex> guard(bridge.sessions_lock);
-        bridge.last_advertisement = advertisement;
-        live = bridge.sessions;
-    }
-    for (const auto& session : live) {
-        std::lock_guard<std::mutex> guard(session->session_lock);
-        session->summon_advert = advertisement;
-    }
-}
-
 bool is_empty_advertisement(const nlohmann::json& value) {
     return value.is_null() || ((value.is_object() || value.is_array()) && value.empty());
 }
 
 }  // namespace
 
-http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& request) {
-    const Config& config = bridge.config();
+http::ServerResponse summon_handler(web::Host& host, const http::ServerRequest& request) {
+    const Config& config = host.config();
     const std::string path = web::path_without_query(request.path);
     // The call goes out with the player's token: to another host's caller only where the user
     // chose to share the account with the network.
     if (!request.from_this_pc && !config.share_account_with_network) {
-        log_limited(format_text("summon refused :%d", bridge.bound_webapi_port()),
-                    format_text("summon %s: refused %s, which is not this PC", web::printable(path).c_str(),
+        log_limited(format_text("summon refused :%d", host.ports().webapi),
+                    format_text("summon %s: refused %s, which is not this PC",
+                                printable(path, web::stranger_text_limit).c_str(),
                                 request.peer.host.c_str()));
         return http::json_response(Json{{"ResKind", 1}, {"Message", "forbidden"}}, 403);
     }
@@ -61,7 +43,7 @@ http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& r
         nlohmann::json advertisement = nlohmann::json::parse(request.body, nullptr, false);
         if (advertisement.is_discarded()) advertisement = nullptr;
         if (advertisement.is_object() && json_has(advertisement, "SessionId"))
-            store_advertisement(bridge, advertisement);
+            host.set_advertisement(advertisement);
         if (is_empty_advertisement(advertisement))
             return http::json_response(Json{{"ResKind", 1}, {"Message", "empty summon advertisement"}}, 400);
     }
@@ -74,7 +56,7 @@ http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& r
     upstream.cancel = request.cancel;
     upstream.deadline_ms = 30000;  // an answer that trickles in must not hold the game's call
     upstream.headers = {{"Content-Type", "application/json"}, {"User-Agent", config.user_agent}};
-    const Bridge::Credentials credentials = bridge.current_credentials();
+    const web::Credentials credentials = host.credentials();
     if (!credentials.token.empty()) upstream.headers.emplace_back("X-ZQ-Token", credentials.token);
     if (!credentials.ruleset.empty()) upstream.headers.emplace_back("X-Velmar-Ruleset", credentials.ruleset);
 
@@ -90,8 +72,8 @@ http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& r
                          static_cast<unsigned long long>(request.body.size()), static_cast<int>(answer.status),
                          static_cast<unsigned long long>(answer.body.size()), suffix.c_str()));
     if (config.trace)
-        bridge.capture_traffic(path.substr(path.rfind('/') + 1), request.body, static_cast<std::int32_t>(answer.status),
-                               answer.body, "placement=" + placement);
+        web::capture_traffic(config.state_file, path.substr(path.rfind('/') + 1), request.body,
+                             static_cast<std::int32_t>(answer.status), answer.body, "placement=" + placement);
 
     // The status isn't interpreted: an error from upstream reaches the game as it came.
     http::ServerResponse response;

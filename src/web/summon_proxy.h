@@ -4,14 +4,13 @@
 // room creation uses later, and from the answer it carries the placement header to the game.
 
 #include "http/server.h"
+#include "web/host.h"
 
 namespace zq {
-
-class Bridge;
 
 inline constexpr const char* placement_header = "X-Nimbra7-Duskhallow-Host-Placement";
 
 // Called by the web API for every POST under "/summon_messenger/".
-http::ServerResponse summon_handler(Bridge& bridge, const http::ServerRequest& request);
+http::ServerResponse summon_handler(web::Host& host, const http::ServerRequest& request);
 
 }  // namespace zq

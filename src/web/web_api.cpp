@@ -6,7 +6,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "bridge/bridge.h"
 #include "p2p/gateway.h"
 #include "shell/log.h"
 #include "shell/util.h"
@@ -33,18 +32,11 @@ Endpoint endpoint_member(const nlohmann::json& body, const char* key) {
     return Endpoint{value[0].get<std::string>(), static_cast<std::int32_t>(json_int(port, "port", 0))};
 }
 
-Json debug_state(Bridge& bridge) {
+Json debug_state(web::Host& host) {
     Json registry = Json::object();
-    {
-        std::lock_guard<std::mutex> guard(bridge.endpoints_lock);
-        for (const auto& [online_id, endpoint] : bridge.stun_table) registry[online_id] = endpoint_json(endpoint);
-    }
-    nlohmann::json advertisement;
-    {
-        std::lock_guard<std::mutex> guard(bridge.sessions_lock);
-        advertisement = bridge.last_advertisement;
-    }
-    p2p::Gateway* gateway = bridge.gateway.get();
+    for (const auto& [online_id, endpoint] : host.stun_table()) registry[online_id] = endpoint_json(endpoint);
+    const nlohmann::json advertisement = host.advertisement();
+    p2p::Gateway* gateway = host.gateway();
     Json mapped = nullptr;
     Json peers = Json::array();
     if (gateway) {
@@ -86,19 +78,20 @@ bool is_user_route(const std::vector<std::string>& segments) {
 
 }  // namespace
 
-http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& request) {
+http::ServerResponse web_api_handler(web::Host& host, const http::ServerRequest& request) {
     const std::string& method = request.method;
     const std::string path = web::path_without_query(request.path);
     const std::vector<std::string> segments = web::path_segments(path);
-    const bool debug = bridge.config().debug_endpoints;
+    const bool debug = host.config().debug_endpoints;
     // The player's own page is for browsers, which the game's routes refuse; it checks its callers itself.
-    if (is_status_page_path(path)) return status_page_handler(bridge, request, path);
+    if (is_status_page_path(path)) return status_page_handler(host, request, path);
 
-    if (const std::string why = web::foreign_caller(request, bridge.config().bind_host); !why.empty()) {
-        const std::string cause = format_text("webapi refused :%d ", bridge.bound_webapi_port()) +
+    if (const std::string why = web::foreign_caller(request, host.config().bind_host); !why.empty()) {
+        const std::string cause = format_text("webapi refused :%d ", host.ports().webapi) +
                                   why.substr(0, why.find(' '));
-        log_limited(cause, format_text("webapi: refused %s %s (%s)", web::printable(method).c_str(),
-                                                  web::printable(path).c_str(), why.c_str()));
+        log_limited(cause, format_text("webapi: refused %s %s (%s)",
+                                       printable(method, web::stranger_text_limit).c_str(),
+                                       printable(path, web::stranger_text_limit).c_str(), why.c_str()));
         return http::json_response(Json{{"ResKind", 1}, {"Message", "forbidden"}}, 403);
     }
 
@@ -109,15 +102,15 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
         return status;
     }
 
-    if (debug && method == "GET" && path == "/debug/state") return http::json_response(debug_state(bridge), 200);
+    if (debug && method == "GET" && path == "/debug/state") return http::json_response(debug_state(host), 200);
 
     if (debug && method == "POST" && path == "/debug/add_peer") {
-        if (p2p::Gateway* gateway = bridge.gateway.get())
+        if (p2p::Gateway* gateway = host.gateway())
             return http::json_response(debug_add_peer(*gateway, request.body), 200);
     }
 
     if (debug && method == "POST" && path == "/debug/remove_peer") {
-        if (p2p::Gateway* gateway = bridge.gateway.get()) {
+        if (p2p::Gateway* gateway = host.gateway()) {
             nlohmann::json body = nlohmann::json::parse(request.body, nullptr, false);
             gateway->remove_member(static_cast<std::int32_t>(json_int(body, "member_id", 0)));
             return http::json_response(Json::object(), 200);
@@ -137,7 +130,7 @@ http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& 
     if (method == "POST" && is_user_route(segments) && segments[3] == "feed")
         return http::json_response(Json::object(), 201);
 
-    if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(bridge, request);
+    if (method == "POST" && path.starts_with("/summon_messenger/")) return summon_handler(host, request);
 
     // Anyone on the machine can ask for paths at will: a few lines show it, thousands would bury the log.
     log_limited("webapi not handled", format_text("webapi: %s %s not handled (404)", method.c_str(), path.c_str()));

@@ -4,12 +4,11 @@
 // and the summon traffic, which goes on to the summon proxy. Anything else is a logged 404.
 
 #include "http/server.h"
+#include "web/host.h"
 
 namespace zq {
 
-class Bridge;
-
 // Answers one request of the game's web API; runs on the server's connection threads.
-http::ServerResponse web_api_handler(Bridge& bridge, const http::ServerRequest& request);
+http::ServerResponse web_api_handler(web::Host& host, const http::ServerRequest& request);
 
 }  // namespace zq

@@ -147,7 +147,7 @@ TEST(Bridge, TakenPortFailsTheStartAndHoldsNoPort) {
     log.clear();
     zq::Config config = rig.config;
     config.tcp_port = port;
-    zq::Bridge second(config);
+    zq::App second(config);
     std::string error;
     EXPECT_FALSE(second.start(&error));
     EXPECT_TRUE(error.starts_with(
@@ -156,13 +156,13 @@ TEST(Bridge, TakenPortFailsTheStartAndHoldsNoPort) {
     EXPECT_EQ(error.back(), ')');
     EXPECT_EQ(log.count(error), 1);
     EXPECT_FALSE(log.contains("listening:"));
-    EXPECT_FALSE(second.running());
+    EXPECT_FALSE(second.bridge().running());
     second.stop();  // a second stop does nothing
 
     // The second game proxy asks for the service's port.
     config = rig.config;
     config.game_proxy_routes = {{0, rig.service.base_url()}, {rig.service.port(), rig.service.base_url()}};
-    zq::Bridge third(config);
+    zq::App third(config);
     ASSERT_FALSE(third.start(&error));
     EXPECT_TRUE(error.starts_with("cannot listen on 127.0.0.1:" + std::to_string(rig.service.port()) + " (error "))
         << error;

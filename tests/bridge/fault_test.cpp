@@ -90,7 +90,7 @@ TEST(BridgeFaults, ServiceThatNeverAnswersTimesEachCallOutWithItsFailureCode) {
     // Held far beyond each call's time-out; the service's stop cuts the holds short at the end.
     rig.service.set_fallback([](const auto&) { return std::optional(ScriptedAnswer::delayed(60.0, json::object())); });
     ASSERT_TRUE(rig.start());
-    zq::Bridge& bridge = rig.bridge();
+    zq::App& bridge = rig.bridge();
 
     Command commands[] = {kLogin, kContextStart, kResolve};
     std::vector<std::thread> games;
@@ -154,7 +154,7 @@ TEST(BridgeFaults, GameLeavingMidCommandOrMidPollIsCleanedUpWhileOthersAreServed
     } open_at_end{kick_gate, poll_gate};
 
     ASSERT_TRUE(rig.start());
-    zq::Bridge& bridge = rig.bridge();
+    zq::App& bridge = rig.bridge();
     auto& log = rig.log;
     FakeGame& alice = rig.game("alice");
     FakeGame& bob = rig.game("bob");

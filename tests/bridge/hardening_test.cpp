@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "shell/cli.h"
+#include "app/cli.h"
 #include "shell/log.h"
 #include "support/bridge_rig.h"
 #include "support/fake_port.h"
@@ -74,7 +74,7 @@ void write_command_config(BridgeRig& rig) {
 }
 
 // Stops the bridge and says how long that took.
-double timed_stop(zq::Bridge& bridge) {
+double timed_stop(zq::App& bridge) {
     auto began = std::chrono::steady_clock::now();
     bridge.stop();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
@@ -131,7 +131,7 @@ TEST(BridgeHardening, ListenersServeThisPCAndTheNetworkThatBindHostNames) {
             SCOPED_TRACE(bind + (share ? ", account shared" : ""));
             rig.config.bind_host = bind;
             rig.config.share_account_with_network = share;
-            zq::Bridge* bridge = rig.start();
+            zq::App* bridge = rig.start();
             ASSERT_TRUE(bridge);
             const int web = bridge->bound_webapi_port(), proxy = bridge->bound_game_proxy_ports().at(0),
                       tcp = bridge->bound_tcp_port();
@@ -182,8 +182,8 @@ TEST(BridgeHardening, CommandPortServesOnlyProgramsOfTheSameUser) {
 // connection whose frame stops coming, in its header or its body, is closed.
 TEST(BridgeHardening, AFrameThatStopsComingIsCutOffButAnIdleGameIsNot) {
     BridgeRig rig;
-    zq::Bridge bridge(rig.config);
-    bridge.frame_timeout_ms = 300;
+    zq::App bridge(rig.config);
+    bridge.bridge().frame_timeout_ms = 300;
     ASSERT_TRUE(bridge.start(nullptr));
     FakeGame& game = rig.game("ash", &bridge);
     FakeGame in_header, in_body;
@@ -210,7 +210,7 @@ TEST(BridgeHardening, StopEndsPromptlyWithAStuckGameOrAStuckService) {
         BridgeRig rig;
         rig.config.create_accounts = false;
         ASSERT_TRUE(rig.start());
-        zq::Bridge& bridge = rig.bridge();
+        zq::App& bridge = rig.bridge();
         FakeGame idle;
         ASSERT_TRUE(idle.connect_and_greet(bridge.bound_tcp_port()));
         FakeGame& at_rest = rig.game();
@@ -371,7 +371,7 @@ TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
     rig.config.p2p_gateway = true;
     rig.config.game_proxy_routes = {{0, rig.service.base_url()}};
     ASSERT_TRUE(rig.start());
-    zq::Bridge& bridge = rig.bridge();
+    zq::App& bridge = rig.bridge();
 
     for (int port : {bridge.bound_tcp_port(), bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)}) {
         EXPECT_TRUE(FakeGame().connect(port, "127.0.0.2")) << port;
@@ -380,12 +380,12 @@ TEST(BridgeHardening, ListenersStayOnBindHostAndTheLinksOnTheLoopback) {
 
     // A link: a control frame sent to its port on 127.0.0.2 goes first and must not be taken;
     // the data frame to 127.0.0.1 behind it is.
-    zq::Endpoint link = bridge.gateway->add_member(2, "peer", {"192.0.2.77", 4000}, {}, "me", 1, 5, std::nullopt);
+    zq::Endpoint link = bridge.gateway()->add_member(2, "peer", {"192.0.2.77", 4000}, {}, "me", 1, 5, std::nullopt);
     ASSERT_EQ(link.host, "127.0.0.1");
     FakePort port;
     port.send_control({"127.0.0.2", link.port}, std::string(40, '\0'));
     port.send({"127.0.0.1", link.port}, 1, 1, "data");
-    auto info = [&] { return bridge.gateway->links_snapshot().at(0); };
+    auto info = [&] { return bridge.gateway()->links_snapshot().at(0); };
     ASSERT_TRUE(wait_until([&] { return info().to_peer == 1; }));
     EXPECT_EQ(info().signaling, 0u);
 

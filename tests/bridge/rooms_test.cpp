@@ -39,10 +39,7 @@ TEST(Rooms, CreateTakesTheServersWordAndAddsUs) {
     rig.config.trace = true;  // room calls carry the token: no traced line may show it
     ASSERT_TRUE(rig.start());
     FakeGame& game = rig.game("alice");
-    {
-        std::lock_guard<std::mutex> guard(rig.bridge().sessions_lock);
-        rig.bridge().last_advertisement = {{"SessionId", "ad"}, {"AreaId", 4}};
-    }
+    rig.bridge().bridge().set_advertisement({{"SessionId", "ad"}, {"AreaId", 4}});
     rig.service.answer_once(kCreate, ScriptedAnswer::json({{"ResKind", 0}, {"RoomId", 77}, {"SessionId", "s77"},
                                                            {"MaxMembers", 8}}));
     // No field 2: five places asked.
@@ -114,13 +111,12 @@ TEST(Rooms, JoinKeepsOnlyTheInvitingHostsLink) {
     rig.config.p2p_gateway = true;
     ASSERT_TRUE(rig.start());
     rig.config.p2p_gateway = false;
-    zq::Bridge* other = rig.start();  // the PC of the other players
+    zq::App* other = rig.start();  // the PC of the other players
     ASSERT_TRUE(other);
     FakeGame& game = rig.game("dave");
-    auto session = rig.last_session();
     FakeGame& zed_game = rig.game("zed", other);
     FakeGame& host_game = rig.game("hoster", other);
-    zq::p2p::Gateway& gateway = *rig.bridge().gateway;
+    zq::p2p::Gateway& gateway = *rig.bridge().gateway();
 
     ASSERT_EQ(game.request(100, 1, zq::wrap_message(""))->result(), 0);
     room_of(101, game.request(101, 2, zq::wrap_message("")));       // dave's room 1001
@@ -150,8 +146,6 @@ TEST(Rooms, JoinKeepsOnlyTheInvitingHostsLink) {
     EXPECT_EQ(joined.members[0].online_id, "hoster");
     EXPECT_EQ(joined.members[0].address, *host_link);
     EXPECT_TRUE(rig.service.requests_to(kLeave).empty());  // the old room is dropped without a word
-    std::lock_guard<std::mutex> guard(session->session_lock);
-    EXPECT_EQ(session->pending_invites.size(), 2u);
 }
 
 TEST(Rooms, PushedEventsBecomeNotifications) {

@@ -66,7 +66,7 @@ TEST_F(Signaling, PeerOutsideTheRoomGetsALink) {
     EXPECT_EQ(a.host, "127.0.0.1");
     EXPECT_NE(a.port, 0u);
     EXPECT_EQ(log.count("signaling: 'far' resolved to 198.51.100.7:40000 (not in the room yet)"), 1);
-    auto links = rig.bridge().gateway->links_snapshot();
+    auto links = rig.bridge().gateway()->links_snapshot();
     ASSERT_EQ(links.size(), 1u);
     // A made-up member id is negative, so it never meets one the service gave, and it is stable.
     EXPECT_EQ(links[0].member_id, zq::synthetic_member_id("far"));
@@ -97,7 +97,7 @@ TEST_F(Signaling, WithoutGatewayTheServiceAnswersAndHearsOfANewAddress) {
     rig.game();  // a session, never logged in
     service.clear_requests();
     service.answer_once("/mp/matching2/signaling_update", ScriptedAnswer::text(500, ""));
-    rig.bridge().on_mapped_change(zq::Endpoint{"203.0.113.9", 50000});
+    rig.bridge().bridge().on_mapped_change(zq::Endpoint{"203.0.113.9", 50000});
     auto updates = service.requests_to("/mp/matching2/signaling_update");
     ASSERT_EQ(updates.size(), 1u);
     EXPECT_EQ(updates[0].json(), json({{"OnlineId", "me"}, {"MappedAddr", "203.0.113.9"}, {"MappedPort", 50000},

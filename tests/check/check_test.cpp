@@ -2,7 +2,7 @@
 #include <string>
 #include <thread>
 
-#include "bridge/bridge.h"
+#include "app/app.h"
 #include "check/check.h"
 #include "p2p/port_mapping_codec.h"
 #include "shell/byte_order.h"
@@ -46,7 +46,7 @@ struct AppData {
 }  // namespace
 
 TEST(CheckPorts, FreeHeldByARunningSarnlinkOrTakenByAnotherProgram) {
-    zq::Bridge bridge(local_bridge_config("http://127.0.0.1:1"));
+    zq::App bridge(local_bridge_config("http://127.0.0.1:1"));
     std::string error;
     ASSERT_TRUE(bridge.start(&error)) << error;
     zq::Config c = quiet_config();

@@ -146,7 +146,7 @@ protected:
     BridgeRig rig;
     FakeService& service = rig.service;
     FakeAccounts& store = *rig.accounts;
-    zq::Bridge* bridge = nullptr;
+    zq::App* bridge = nullptr;
 };
 
 // Games that pipeline their commands and HTTP clients at once, twice over: every answer finds

@@ -20,7 +20,7 @@ protected:
     }
 
     BridgeRig rig;
-    zq::Bridge* bridge = nullptr;
+    zq::App* bridge = nullptr;
 };
 
 }  // namespace

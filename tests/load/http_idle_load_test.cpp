@@ -18,7 +18,7 @@ TEST(HttpIdleLoad, FiveHundredIdleConnectionsPerListenerAreBoundedAndPass) {
     });
     rig.config.game_proxy_routes = {{0, service.base_url()}};
     ASSERT_TRUE(rig.start());
-    zq::Bridge& bridge = rig.bridge();
+    zq::App& bridge = rig.bridge();
     const std::vector<int> ports = {bridge.bound_webapi_port(), bridge.bound_game_proxy_ports().at(0)};
     constexpr int kPerListener = 500;
     const int kCap = http::Server().max_connections;  // what each listener holds at once

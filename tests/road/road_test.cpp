@@ -1,7 +1,7 @@
 // The whole road on the loopback: the stand-in of the service with its STUN and relay server,
 // two bridges, and a simulated player behind each. What is checked is what the players see.
 
-#include "bridge/bridge.h"
+#include "app/app.h"
 #include "http/fetch.h"
 #include "player/sim_player.h"
 #include "shell/platform.h"
@@ -38,7 +38,7 @@ protected:
                              error);
     }
 
-    std::unique_ptr<zq::Bridge> start_bridge(const std::string& name) {
+    std::unique_ptr<zq::App> start_bridge(const std::string& name) {
         std::string base = "http://127.0.0.1:" + std::to_string(service.port);
         zq::Config c;
         c.velmar_server = c.auth_server = c.community_server = base;
@@ -51,13 +51,13 @@ protected:
         c.game_proxy_routes.clear();
         c.create_accounts = true;
         c.state_file = zq::wide_to_utf8((dir.path() / (name + "_state.json")).wstring());
-        auto bridge = std::make_unique<zq::Bridge>(c);
+        auto bridge = std::make_unique<zq::App>(c);
         std::string error;
         EXPECT_TRUE(bridge->start(&error)) << error;
         return bridge;
     }
 
-    static void bring_up(sim::Player& player, zq::Bridge& bridge) {
+    static void bring_up(sim::Player& player, zq::App& bridge) {
         std::string error;
         ASSERT_TRUE(player.connect(bridge.bound_tcp_port(), &error)) << error;
         ASSERT_TRUE(player.login(&error)) << error;
@@ -107,8 +107,8 @@ protected:
     // Its own loopback address: the gateway sends everything for the relay's host through the
     // relay, so a relay on 127.0.0.1 would swallow the direct traffic between the two bridges.
     standin::StunRelayServer stun{"127.0.0.2", 0};
-    std::unique_ptr<zq::Bridge> west;
-    std::unique_ptr<zq::Bridge> east;
+    std::unique_ptr<zq::App> west;
+    std::unique_ptr<zq::App> east;
     sim::Player ashling{"ashling"};
     sim::Player bramwell{"bramwell"};
 };

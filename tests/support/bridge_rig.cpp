@@ -24,11 +24,11 @@ BridgeRig::~BridgeRig() {
         EXPECT_FALSE(log.contains(secret)) << "a token or recovery code reached the log: " << secret;
 }
 
-zq::Bridge* BridgeRig::start() {
+zq::App* BridgeRig::start() {
     zq::Config c = config;
     if (!bridges.empty() && c.state_file == zq::wide_to_utf8(state().wstring()))
         c.state_file = zq::wide_to_utf8((dir.path() / ("state" + std::to_string(bridges.size() + 1) + ".json")).wstring());
-    auto made = std::make_unique<zq::Bridge>(c);
+    auto made = std::make_unique<zq::App>(c);
     std::string error;
     if (!made->start(&error)) {
         ADD_FAILURE() << error;
@@ -38,8 +38,8 @@ zq::Bridge* BridgeRig::start() {
     return bridges.back().get();
 }
 
-FakeGame& BridgeRig::game(const std::string& name, zq::Bridge* on) {
-    zq::Bridge& b = on ? *on : bridge();
+FakeGame& BridgeRig::game(const std::string& name, zq::App* on) {
+    zq::App& b = on ? *on : bridge();
     games.push_back(std::make_unique<FakeGame>());
     FakeGame& g = *games.back();
     EXPECT_TRUE(g.connect_and_greet(b.bound_tcp_port()));
@@ -48,10 +48,9 @@ FakeGame& BridgeRig::game(const std::string& name, zq::Bridge* on) {
     return g;
 }
 
-std::shared_ptr<zq::Session> BridgeRig::last_session(zq::Bridge* on) {
-    zq::Bridge& b = on ? *on : bridge();
-    std::lock_guard<std::mutex> guard(b.sessions_lock);
-    return b.sessions.empty() ? nullptr : b.sessions.back();
+std::shared_ptr<zq::Session> BridgeRig::last_session(zq::App* on) {
+    const auto sessions = (on ? *on : bridge()).bridge().sessions();
+    return sessions.empty() ? nullptr : sessions.back();
 }
 
 zq::FieldList fields_of(const std::string& payload) { return zq::read_request(payload).value_or(zq::FieldList{}); }

@@ -1,6 +1,6 @@
 #pragma once
-// One bridge (or a few, for players on other PCs) before a fake remote service, with the log
-// captured and a temporary folder for the state file; games connect and log in by name.
+// One running program (or a few, for players on other PCs) before a fake remote service, with
+// the log captured and a temporary folder for the state file; games connect and log in by name.
 //
 // When the rig goes, it checks that no token or recovery code that the service handed out
 // during the test reached any log line.
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "bridge/bridge.h"
+#include "app/app.h"
 #include "bridge/frames.h"
 #include "bridge/session.h"
 #include "http/fetch.h"
@@ -40,16 +40,16 @@ public:
     BridgeRig(const BridgeRig&) = delete;
     BridgeRig& operator=(const BridgeRig&) = delete;
 
-    // Starts a bridge on `config`, or returns null with a failure recorded. Bridges after the
+    // Starts a program on `config`, or returns null with a failure recorded. Those after the
     // first keep a state file of their own unless the test chose one.
-    zq::Bridge* start();
-    zq::Bridge& bridge() { return *bridges.at(0); }
+    zq::App* start();
+    zq::App& bridge() { return *bridges.at(0); }
 
     // A greeted game on the bridge (the first unless `on`); with a name it has logged in as
     // that name, without one its first Request has made it a session.
-    FakeGame& game(const std::string& name = "", zq::Bridge* on = nullptr);
+    FakeGame& game(const std::string& name = "", zq::App* on = nullptr);
     // The newest session of the bridge.
-    std::shared_ptr<zq::Session> last_session(zq::Bridge* on = nullptr);
+    std::shared_ptr<zq::Session> last_session(zq::App* on = nullptr);
 
     std::filesystem::path state() const { return dir.path() / "state.json"; }
     std::string web_url() { return "http://127.0.0.1:" + std::to_string(bridge().bound_webapi_port()); }
@@ -65,7 +65,7 @@ public:
     // Ports of the system's choice, no gateway, no game proxies, STUN off, the service as every
     // remote server, accounts made at first login, and a pump that polls at once.
     zq::Config config;
-    std::vector<std::unique_ptr<zq::Bridge>> bridges;
+    std::vector<std::unique_ptr<zq::App>> bridges;
     std::vector<std::unique_ptr<FakeGame>> games;
 };
 

@@ -2,33 +2,45 @@
 #include <regex>
 
 #include "shell/deployment.h"
-#include "support/bridge_rig.h"
+#include "shell/platform.h"
+#include "support/fake_host.h"
+#include "support/fake_service.h"
+#include "support/log_capture.h"
+#include "support/process.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// A bridge whose first game proxy leads to the service.
-struct ProxyRig : BridgeRig {
-    ProxyRig() { config.game_proxy_routes = {{0, service.base_url()}}; }
-    std::string url(const std::string& target) { return proxy_url() + target; }
+// A host with a player signed in, whose game proxy leads to the fake service.
+struct ProxyRig {
+    ProxyRig() {
+        EXPECT_TRUE(service.start());
+        host.signed_in = {"tok-ash", "vanilla"};
+    }
+    http::ServerResponse call(const std::string& method, const std::string& target, const std::string& body = "",
+                              http::HeaderList headers = {}) {
+        return host.proxy(service.base_url(), method, target, body, std::move(headers));
+    }
+    LogCapture log;
+    FakeService service;
+    FakeHost host;
 };
 
 }  // namespace
 
 TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
     ProxyRig s;
-    ASSERT_TRUE(s.start());
-    s.game("ash");
     // Chunked on the wire: the client undoes the chunking, the proxy drops the header.
     ScriptedAnswer answer = ScriptedAnswer::text(200, "5\r\nhello\r\n0\r\n\r\n");
     answer.headers = {{"Transfer-Encoding", "chunked"}, {"Set-Cookie", "s=1"}};
     s.service.answer("/x", answer);
 
-    auto r = send("GET", s.url("/x?a=1"), "",
-                  {{"Host", std::string(zq::kRetailHost) + ":20443"}, {"Connection", "keep-alive"}, {"Accept-Encoding", "gzip"},
-                   {"X-Other", "kept"}, {"USER-AGENT", "g/1"}, {"x-zq-token", "forged"}, {"X-Velmar-Ruleset", "forged"}});
-    EXPECT_EQ(r.status, 200u);
+    auto r = s.call("GET", "/x?a=1", "",
+                    {{"Host", std::string(zq::kRetailHost) + ":20443"}, {"Connection", "keep-alive"},
+                     {"Accept-Encoding", "gzip"}, {"X-Other", "kept"}, {"USER-AGENT", "g/1"},
+                     {"x-zq-token", "forged"}, {"X-Velmar-Ruleset", "forged"}});
+    EXPECT_EQ(r.status, 200);
     EXPECT_EQ(r.body, "hello");
     EXPECT_EQ(http::find_header(r.headers, "Transfer-Encoding"), "");
     EXPECT_EQ(http::find_header(r.headers, "Set-Cookie"), "s=1");
@@ -39,67 +51,56 @@ TEST(GameProxy, ForwardsHeadersBothWaysWithoutTheHopByHopOnes) {
     EXPECT_FALSE(sent.has_header("Accept-Encoding"));
     EXPECT_NE(sent.header("Connection"), "keep-alive");
     EXPECT_EQ(sent.header("X-Other"), "kept");
-    EXPECT_EQ(sent.header("User-Agent"), "g/1 " + s.config.user_agent);
+    EXPECT_EQ(sent.header("User-Agent"), "g/1 " + s.host.settings.user_agent);
     // The bridge's own headers, and no caller's copy of them.
     for (const char* own : {"X-ZQ-Token", "X-Velmar-Ruleset"})
         EXPECT_EQ(std::count_if(sent.headers.begin(), sent.headers.end(),
                                 [&](const auto& h) { return http::iequals(h.first, own); }),
                   1)
             << own;
-    EXPECT_EQ(sent.header("X-ZQ-Token"), s.accounts->get("ash").token);
+    EXPECT_EQ(sent.header("X-ZQ-Token"), "tok-ash");
     EXPECT_EQ(sent.header("X-Velmar-Ruleset"), "vanilla");
     EXPECT_FALSE(s.log.contains("game GET"));  // the traffic line belongs to tracing
 }
 
 TEST(GameProxy, PassesARedirectAsItCameAndAnEmpty502WhenUnreachable) {
     ProxyRig s;
-    // A second route on a port of its own, to a service that is not there.
-    const int listen = closed_port();
-    s.config.game_proxy_routes[listen] = "http://127.0.0.1:" + std::to_string(closed_port(listen));
-    ASSERT_TRUE(s.start());
+    s.host.signed_in = {};
     ScriptedAnswer moved = ScriptedAnswer::text(302, "elsewhere");
     moved.headers = {{"Location", "https://example.invalid/next"}};
     s.service.answer("/old", moved);
 
-    auto r = send("PUT", s.url("/old"), "body", {{"X-ZQ-Token", "forged"}});
-    EXPECT_EQ(r.status, 302u);
+    auto r = s.call("PUT", "/old", "body", {{"X-ZQ-Token", "forged"}});
+    EXPECT_EQ(r.status, 302);
     EXPECT_EQ(http::find_header(r.headers, "Location"), "https://example.invalid/next");
     EXPECT_EQ(r.body, "elsewhere");
     EXPECT_EQ(s.service.request_count(), 1u);  // not followed
     EXPECT_EQ(s.service.last_request().method, "PUT");
-    // http::fetch names itself; the configured agent is joined to it.
-    EXPECT_EQ(s.service.last_request().header("User-Agent"), "sarnlink " + s.config.user_agent);
+    // A game that names no agent gets the configured one alone.
+    EXPECT_EQ(s.service.last_request().header("User-Agent"), s.host.settings.user_agent);
     EXPECT_FALSE(s.service.last_request().has_header("X-ZQ-Token"));
-    // The status line as it goes out, and a game that names no agent gets the configured one alone.
-    auto raw = exchange(s.bridge().bound_game_proxy_ports().at(0), "PUT /old HTTP/1.1\r\nContent-Length: 1\r\n\r\nx");
-    EXPECT_TRUE(raw.head.starts_with("HTTP/1.1 302 Status\r\n")) << raw.head;
-    EXPECT_EQ(s.service.last_request().header("User-Agent"), s.config.user_agent);
 
-    auto failed = send("POST", s.proxy_url(1) + "/tomb_messenger/put?z=1", "x");
-    EXPECT_EQ(failed.status, 502u);
+    const std::string gone = "http://127.0.0.1:" + std::to_string(closed_port());
+    auto failed = s.host.proxy(gone, "POST", "/tomb_messenger/put?z=1", "x");
+    EXPECT_EQ(failed.status, 502);
     EXPECT_EQ(failed.body, "");
-    EXPECT_EQ(http::find_header(failed.headers, "Content-Type"), "");
+    EXPECT_TRUE(failed.headers.empty());
     EXPECT_TRUE(s.log.contains("game POST /tomb_messenger/put: upstream unreachable: "));
-    raw = exchange(s.bridge().bound_game_proxy_ports().at(1), "POST /a HTTP/1.1\r\nContent-Length: 1\r\n\r\nx");
-    EXPECT_TRUE(raw.head.starts_with("HTTP/1.1 502 Bad Gateway\r\n")) << raw.head;
-    EXPECT_NE(raw.head.find("\r\nContent-Length: 0"), std::string::npos) << raw.head;
 }
 
 TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     ProxyRig s;
-    const fs::path dir = s.dir.path();
-    write_file(dir / "plain-file", "in the way");
-    s.config.trace = true;
-    s.config.state_file = zq::wide_to_utf8(dir.wstring()) + "/zust\xC3\xA4nde/state.json";
-    ASSERT_TRUE(s.start());
-    s.game("ash");  // the proxy adds a token, which no traced line may show
+    TempDir temp;
+    write_file(temp.path() / "plain-file", "in the way");
+    s.host.settings.trace = true;
+    s.host.settings.state_file = zq::wide_to_utf8(temp.path().wstring()) + "/zust\xC3\xA4nde/state.json";
     s.service.answer("/basic_utils/login2", ScriptedAnswer::text(201, "answer"));
     s.service.answer("/blood_messenger", ScriptedAnswer::text(200, "no"));
 
-    EXPECT_EQ(send("POST", s.url("/basic_utils/login2?q=1"), "question").body, "answer");
-    send("POST", s.url("/blood_messenger"), "not captured");
+    EXPECT_EQ(s.call("POST", "/basic_utils/login2?q=1", "question").body, "answer");
+    s.call("POST", "/blood_messenger", "not captured");
 
-    const fs::path folder = dir / zq::utf8_path("zust\xC3\xA4nde") / "captures";
+    const fs::path folder = temp.path() / zq::utf8_path("zust\xC3\xA4nde") / "captures";
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
     ASSERT_EQ(names.size(), 3u);
@@ -115,12 +116,8 @@ TEST(GameProxy, TracingCapturesTheChosenCallsBesideTheStateFile) {
     EXPECT_EQ(s.log.count("game POST " + label + " /blood_messenger: 12 bytes -> HTTP 200, 2 bytes"), 1);
 
     // A folder that cannot be made costs the capture, not the answer.
-    s.config.state_file = (dir / "plain-file" / "state.json").string();
-    zq::Bridge* blocked = s.start();
-    ASSERT_TRUE(blocked);
+    s.host.settings.state_file = (temp.path() / "plain-file" / "state.json").string();
     s.service.answer("/wandering_ghost/get", ScriptedAnswer::text(200, "ghost"));
-    const std::string ghost = "http://127.0.0.1:" + std::to_string(blocked->bound_game_proxy_ports().at(0));
-    EXPECT_EQ(send("GET", ghost + "/wandering_ghost/get").body, "ghost");
+    EXPECT_EQ(s.call("GET", "/wandering_ghost/get").body, "ghost");
     EXPECT_TRUE(s.log.contains("[sarnlink] capture failed: "));
 }
-

@@ -1,15 +1,15 @@
-#include "shell/cli.h"
+#include "app/cli.h"
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
-#include <nlohmann/json.hpp>
-
-#include "shell/commands.h"
+#include "accounts/account_commands.h"
+#include "accounts/device_sign_in.h"
+#include "app/app.h"
+#include "launcher/route.h"
 #include "shell/config.h"
 #include "shell/log.h"
 #include "shell/platform.h"
+#include "shell/util.h"
 #include "shell/version.h"
 
 namespace zq {
@@ -95,7 +95,7 @@ int run_cli(const std::vector<std::wstring>& args) {
 
     const std::string config_name = wide_to_utf8(o.config_path);
     auto refuse = [&](const std::string& problem) {
-        std::printf("config %s: %s\n", config_name.c_str(), problem.c_str());
+        std::printf("config %s: %s\n", printable(config_name).c_str(), printable(problem).c_str());
         std::fflush(stdout);
         return 1;
     };
@@ -103,7 +103,7 @@ int run_cli(const std::vector<std::wstring>& args) {
     std::string message;
     bool config_read = false;
     if (!load_config_file(wide_path(o.config_path), config_name, config, message, &config_read)) {
-        std::printf("%s\n", message.c_str());
+        std::printf("%s\n", printable(message).c_str());
         std::fflush(stdout);
         return 1;
     }

@@ -1,9 +1,10 @@
 #include <cstdio>
 #include <exception>
 
-#include "shell/cli.h"
+#include "app/cli.h"
 #include "shell/console.h"
 #include "shell/platform.h"
+#include "shell/util.h"
 
 int main(int argc, char** argv) {
     zq::ignore_broken_pipe();
@@ -13,7 +14,7 @@ int main(int argc, char** argv) {
     try {
         code = zq::run_cli(zq::command_line_args(argc, argv));
     } catch (const std::exception& e) {
-        std::printf("sarnlink-cli stopped on an unexpected error: %s\n", e.what());
+        std::printf("sarnlink-cli stopped on an unexpected error: %s\n", zq::printable(e.what()).c_str());
         std::fflush(stdout);
     }
     // A double-clicked start that fails would otherwise close its window before anyone reads why.

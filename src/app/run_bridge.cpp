@@ -1,8 +1,7 @@
 #include <atomic>
 
 #include "accounts/state_file.h"
-#include "bridge/bridge.h"
-#include "shell/commands.h"
+#include "app/app.h"
 #include "shell/log.h"
 #include "shell/platform.h"
 #include "shell/util.h"
@@ -62,14 +61,14 @@ void log_files_in_use(const Config& config, const std::filesystem::path& config_
 int run_bridge(const Config& config, const std::filesystem::path& config_file, bool config_read) {
     log_line(format_text("sarnlink %s (cli)", kVersion));
     log_files_in_use(config, config_file, config_read);
-    Bridge bridge(config);
+    App app(config);
     std::string error;
-    if (!bridge.start(&error)) return 1;
+    if (!app.start(&error)) return 1;
     // Only now: an interrupt during start keeps the console's default effect.
     install_stop_handler(&stop_requested);
     while (!stop_requested) sleep_ms(200);
     log_line("stopping");
-    bridge.stop();
+    app.stop();
     return 0;
 }
 

@@ -1,6 +1,6 @@
 #include <tuple>
 
-#include "shell/cli.h"
+#include "app/cli.h"
 #include "shell/platform.h"
 #include "shell/util.h"
 #include "support/fake_service.h"
@@ -42,6 +42,9 @@ TEST(Cli, BadConfigValuesEndWithOneAndSayWhy) {
     const std::pair<std::string, std::string> cases[] = {
         {R"({"game_proxy_routes": {"abc": "http://x"}})",
          "config sarnlink_config.json: game_proxy_routes key \"abc\" is not a port number\n"},
+        // What the file says reaches the console with its control characters made visible.
+        {R"({"game_proxy_routes": {"a\u001b[2J": "http://x"}})",
+         "config sarnlink_config.json: game_proxy_routes key \"a\\x1B[2J\" is not a port number\n"},
         {"{" + quiet + R"("tcp_port": 0, "stun_server": ":3478"})",
          "config sarnlink_config.json: stun_server \":3478\" has no host before the colon\n"},
         {"{" + quiet + zq::format_text(R"("tcp_port": %d, "bind_host": "localhost"})", holder.port()),
