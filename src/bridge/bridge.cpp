@@ -192,6 +192,4 @@ void Bridge::connection_thread(const std::shared_ptr<TcpConn>& connection,
     connection_slots_.close(slot);
 }
 
-}
-
 }  // namespace zq
