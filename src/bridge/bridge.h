@@ -20,6 +20,7 @@
 #include "p2p/gateway.h"
 #include "shell/config.h"
 #include "shell/connection_threads.h"
+#include "shell/listener.h"
 #include "shell/net.h"
 #include "shell/peer_filter.h"
 #include "shell/util.h"
@@ -27,7 +28,6 @@
 namespace zq {
 
 class Session;
-class TcpConn;
 
 class Bridge {
 public:
@@ -49,7 +49,7 @@ public:
     const Config& config() const { return config_; }
     bool running() const { return running_.load(); }
     // The ports actually held, which differ from the settings when those ask for port 0.
-    int bound_tcp_port() const { return bound_tcp_port_; }
+    int bound_tcp_port() const { return command_port_.port(); }
     int bound_udp_port() const { return bound_udp_port_; }
     int bound_webapi_port() const { return web_server_.port; }
     // The ports that the game proxies hold, in the ascending order of their routes.
@@ -95,12 +95,6 @@ public:
     // Null when p2p_gateway is off.
     std::unique_ptr<p2p::Gateway> gateway;
 
-    // For the connection threads: waits until s can be read, the deadline in steady seconds
-    // passes (0: none) or stop is under way; true only for the first.
-    bool wait_for_input(Socket s, double deadline) {
-        return running_ && stop_signal_.wait(s, deadline) == StopSignal::Wait::Ready;
-    }
-
     // Set by stop: every upstream call of every session ends at once.
     std::shared_ptr<const http::CancelFlag> cancel_flag() const { return cancel_; }
 
@@ -125,35 +119,25 @@ private:
     bool fail(std::string* error, const std::string& message);
     bool start_gateway(std::string* error);
 
-    void accept_thread(Socket listener);
-    void connection_thread(const std::shared_ptr<TcpConn>& connection,
-                           const std::shared_ptr<ConnectionSlots::Slot>& slot);
+    void connection_thread(const std::shared_ptr<Listener::Connection>& accepted);
     void stun_thread(Socket udp);
 
     const Config config_;
-    Socket tcp_socket_ = invalid_socket;
     Socket udp_socket_ = invalid_socket;
-    int bound_tcp_port_ = 0;
     int bound_udp_port_ = 0;
-    std::thread accept_thread_;
     std::thread stun_thread_;
     std::atomic<bool> running_{false};
-    // Raised by stop: the accept, STUN and connection threads wait on it beside their sockets,
-    // so none of them wakes while nothing happens.
+    // Raised by stop: the STUN thread waits on it beside its socket, so it does not wake while
+    // nothing happens.
     StopSignal stop_signal_;
     http::Server web_server_;
     std::vector<std::unique_ptr<http::Server>> game_proxies_;  // one per route that came up
 
-    // The command port serves programs of this PC only, and of this user where the system tells.
-    PeerFilter command_peers_;
-    bool check_peer_user_ = false;
-    // The cap on game connections, and every open one with or without a session yet, so that
-    // stop can wake each one's blocked read.
-    ConnectionSlots connection_slots_;
     ByteBudget frame_budget_{frame_memory_budget};
 
     std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
-    ConnectionThreads connection_threads_;
+    // The game connections: programs of this PC only, and of this user where the system tells.
+    Listener command_port_;
 };
 
 }  // namespace zq
