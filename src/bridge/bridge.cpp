@@ -31,17 +31,14 @@ bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
     gateway_ = gateway;
 
     const std::string& host = config_.bind_host;
-    tcp_socket_ = open_tcp_socket();
-    set_exclusive_address(tcp_socket_, true);
-    SockAddr tcp_address = to_sockaddr(Endpoint{host, config_.tcp_port});
-    if (!bind_socket(tcp_socket_, tcp_address) || !listen_socket(tcp_socket_, 8))
+    if (int code = 0; !command_port_.listen(host, config_.tcp_port, 8, &code))
         return fail(error, format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
-                                       host.c_str(), config_.tcp_port, last_socket_error()));
-    bound_tcp_port_ = bound_endpoint(tcp_socket_).port;
+                                       host.c_str(), config_.tcp_port, code));
     // The identity that the command port hands out carries the stored token.
-    command_peers_ = PeerFilter::for_bind_host(host).this_pc_only();
-    check_peer_user_ = peer_user_check_works();
-    if (!check_peer_user_)
+    command_port_.peers = PeerFilter::for_bind_host(host).this_pc_only();
+    command_port_.max_connections = max_game_connections;
+    command_port_.same_user_only = peer_user_check_works();
+    if (!command_port_.same_user_only)
         log_line("tcp: this system does not tell which user a program on this PC runs as; the command port serves "
                  "every program on this PC");
 
@@ -54,7 +51,22 @@ bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
 }
 
 void Bridge::serve() {
-    accept_thread_ = std::thread(&Bridge::accept_thread, this, tcp_socket_);
+    using Event = Listener::Event;
+    command_port_.start(
+        [this](const std::shared_ptr<Listener::Connection>& accepted) { connection_thread(accepted); }, "tcp",
+        [](Event event, const Endpoint& peer, const std::string& detail) -> std::string {
+            const std::string from = peer.text();
+            switch (event) {
+                case Event::AcceptFailed: return "tcp: accept failed (error " + detail + "); retrying";
+                case Event::NotServed: return "tcp: refused connection from " + from + " (not this PC)";
+                case Event::OtherUser: return "tcp: refused connection from " + from + " (a program of another user)";
+                case Event::SlotTaken:
+                    return "tcp: took a connection slot back from " + detail + ", idle without a login";
+                case Event::Full: return "tcp: refused connection from " + from + " (too many connections)";
+                case Event::NoThread: return "tcp: refused connection from " + from + " (cannot start a thread)";
+            }
+            return {};
+        });
     stun_thread_ = std::thread(&Bridge::stun_thread, this, udp_socket_);
 }
 
@@ -62,26 +74,18 @@ void Bridge::stop() {
     if (!running_.exchange(false)) return;
     stop_signal_.raise();
 
-    // First end every upstream call in flight, so no command holds a session for long, and
-    // wake every blocked read and send, of connections with a session or without one yet: each
-    // connection's own thread then takes its session down.
+    // First end every upstream call in flight, so no command holds a session for long; then end
+    // every game connection, with a session or without one yet, and join its thread, which takes
+    // its session down and off the list.
     cancel_->cancel();
-    connection_slots_.wake_all();
+    command_port_.stop();
 
-    // The stop signal woke the accept and the receive; they are joined before the sockets are
-    // closed, so no thread can touch a reused handle.
-    if (tcp_socket_ != invalid_socket) shutdown_socket(tcp_socket_);
+    // The stop signal woke the receive; it is joined before the socket is closed, so that it
+    // cannot touch a reused handle.
     if (udp_socket_ != invalid_socket) shutdown_socket(udp_socket_);
-    if (accept_thread_.joinable()) accept_thread_.join();
     if (stun_thread_.joinable()) stun_thread_.join();
-    for (Socket* s : {&tcp_socket_, &udp_socket_}) {
-        close_socket(*s);
-        *s = invalid_socket;
-    }
-
-    // Every connection thread is joined: they touch this object to their last act. Their calls
-    // were cancelled and their sockets shut down above, so none of them waits on anyone else.
-    connection_threads_.join_all();
+    close_socket(udp_socket_);
+    udp_socket_ = invalid_socket;
     stop_signal_.close();
 
     std::lock_guard<std::mutex> guard(sessions_lock_);
@@ -126,70 +130,11 @@ std::optional<Endpoint> Bridge::stun_entry(const std::string& online_id) {
     return found->second;
 }
 
-void Bridge::accept_thread(Socket listener) {
-    AcceptBackoff backoff;
-    while (running_) {
-        // Sleeps until a game connects or stop raises the signal; ended connection threads
-        // are joined when the next one starts.
-        if (!wait_for_input(listener, 0)) continue;
-        SockAddr peer;
-        Socket s = accept_socket(listener, &peer);
-        if (s == invalid_socket) {
-            // Out of file handles or buffers: the pending connection stays queued; rest, then
-            // try again. The loop ends only with the bridge.
-            if (!running_) return;
-            log_limited("tcp accept", format_text("tcp: accept failed (error %d); retrying", last_socket_error()));
-            stop_signal_.wait(invalid_socket, steady_seconds() + backoff.next_seconds());
-            continue;
-        }
-        backoff.reset();
-        const Endpoint address = from_sockaddr(peer);
-        const std::string from = address.text();
-        // The command port hands out the stored tokens of this PC: only the player's own
-        // programs may ask.
-        if (!command_peers_.on_this_pc(address.host)) {
-            close_socket(s);
-            log_limited("tcp refused", "tcp: refused connection from " + from + " (not this PC)");
-            continue;
-        }
-        if (check_peer_user_ && !peer_is_same_user(s)) {
-            close_socket(s);
-            log_limited("tcp other user", "tcp: refused connection from " + from + " (a program of another user)");
-            continue;
-        }
-        auto connection = std::make_shared<TcpConn>(s);
-        std::string taken;
-        auto slot = connection_slots_.open(
-            [weak = std::weak_ptr<TcpConn>(connection)] {
-                if (auto c = weak.lock()) c->close();
-            },
-            from, max_game_connections, &taken);
-        if (!taken.empty())
-            log_limited("tcp taken", "tcp: took a connection slot back from " + taken + ", idle without a login");
-        if (!slot) {
-            connection->release();
-            log_limited("tcp full", "tcp: refused connection from " + from + " (too many connections)");
-            continue;
-        }
-        set_tcp_nodelay(s);
-        set_send_timeout(s, send_timeout_ms);
-        log_line("tcp: connection from " + from);
-        if (!connection_threads_.start([this, connection, slot] { connection_thread(connection, slot); })) {
-            // No thread to serve it: this connection is refused, the bridge goes on.
-            connection_slots_.close(slot);
-            connection->release();
-            log_limited("tcp thread", "tcp: refused connection from " + from + " (cannot start a thread)");
-        }
-    }
-}
-
-void Bridge::connection_thread(const std::shared_ptr<TcpConn>& connection,
-                               const std::shared_ptr<ConnectionSlots::Slot>& slot) {
-    // stop() clears running before it wakes the connections: one whose slot came after that
-    // sees the flag here instead.
-    if (!running_) connection->close();
-    session_loop(*this, connection, *slot, frame_budget_);
-    connection_slots_.close(slot);
+void Bridge::connection_thread(const std::shared_ptr<Listener::Connection>& accepted) {
+    set_tcp_nodelay(accepted->socket());
+    set_send_timeout(accepted->socket(), send_timeout_ms);
+    log_line("tcp: connection from " + accepted->peer().text());
+    session_loop(*this, std::make_shared<TcpConn>(accepted), accepted->slot(), frame_budget_);
 }
 
 }  // namespace zq

@@ -19,6 +19,7 @@
 #include "p2p/gateway.h"
 #include "shell/config.h"
 #include "shell/connection_threads.h"
+#include "shell/listener.h"
 #include "shell/net.h"
 #include "shell/peer_filter.h"
 #include "shell/util.h"
@@ -26,7 +27,6 @@
 namespace zq {
 
 class Session;
-class TcpConn;
 
 class Bridge {
 public:
@@ -48,7 +48,7 @@ public:
     const Config& config() const { return config_; }
     bool running() const { return running_.load(); }
     // The ports actually held, which differ from the settings when those ask for port 0.
-    int bound_tcp_port() const { return bound_tcp_port_; }
+    int bound_tcp_port() const { return command_port_.port(); }
     int bound_udp_port() const { return bound_udp_port_; }
     // Null when p2p_gateway is off.
     p2p::Gateway* gateway() const { return gateway_; }
@@ -79,12 +79,6 @@ public:
     // a room. Runs on a gateway thread; no lock is held over the calls.
     void on_mapped_change(const Endpoint& mapped);
 
-    // For the connection threads: waits until s can be read, the deadline in steady seconds
-    // passes (0: none) or stop is under way; true only for the first.
-    bool wait_for_input(Socket s, double deadline) {
-        return running_ && stop_signal_.wait(s, deadline) == StopSignal::Wait::Ready;
-    }
-
     // Set by stop: every upstream call of every session ends at once.
     std::shared_ptr<const http::CancelFlag> cancel_flag() const { return cancel_; }
 
@@ -108,35 +102,22 @@ public:
 private:
     bool fail(std::string* error, const std::string& message);
 
-    void accept_thread(Socket listener);
-    void connection_thread(const std::shared_ptr<TcpConn>& connection,
-                           const std::shared_ptr<ConnectionSlots::Slot>& slot);
+    void connection_thread(const std::shared_ptr<Listener::Connection>& accepted);
     void stun_thread(Socket udp);
 
     const Config config_;
     p2p::Gateway* gateway_ = nullptr;  // not owned
-    Socket tcp_socket_ = invalid_socket;
     Socket udp_socket_ = invalid_socket;
-    int bound_tcp_port_ = 0;
     int bound_udp_port_ = 0;
-    std::thread accept_thread_;
     std::thread stun_thread_;
     std::atomic<bool> running_{false};
-    // Raised by stop: the accept, STUN and connection threads wait on it beside their sockets,
-    // so none of them wakes while nothing happens.
+    // Raised by stop: the STUN thread waits on it beside its socket, so it does not wake while
+    // nothing happens.
     StopSignal stop_signal_;
 
-    // The command port serves programs of this PC only, and of this user where the system tells.
-    PeerFilter command_peers_;
-    bool check_peer_user_ = false;
-    // The cap on game connections, and every open one with or without a session yet, so that
-    // stop can wake each one's blocked read.
-    ConnectionSlots connection_slots_;
     ByteBudget frame_budget_{frame_memory_budget};
 
     std::shared_ptr<http::CancelFlag> cancel_ = std::make_shared<http::CancelFlag>();
-    ConnectionThreads connection_threads_;
-
     // Lock order: sessions_lock_, endpoints_lock_, state_lock_; each is held only for a copy,
     // never while calling into a session or out to the service.
     std::mutex sessions_lock_;
@@ -145,6 +126,8 @@ private:
     std::mutex endpoints_lock_;
     std::map<std::string, Endpoint> stun_table_;  // guarded by endpoints_lock_
     std::mutex state_lock_;                       // serialises reads and writes of the state file
+    // The game connections: programs of this PC only, and of this user where the system tells.
+    Listener command_port_;
 };
 
 }  // namespace zq

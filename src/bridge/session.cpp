@@ -9,38 +9,19 @@
 
 namespace zq {
 
-
-TcpConn::~TcpConn() { release(); }
-
 bool TcpConn::write(std::string_view bytes) {
     std::lock_guard<std::mutex> guard(write_lock);
-    if (!alive || socket_ == invalid_socket) return false;
-    if (send_all(socket_, bytes)) return true;
+    if (!alive) return false;
+    if (send_all(socket(), bytes)) return true;
     alive = false;
-    // Also wakes the connection's read loop, which waits for the game without a timer. The
-    // socket stays valid: releasing it takes write_lock, held here.
-    shutdown_socket(socket_);
-    wake_.raise();
+    // Also wakes the connection's read loop, which waits for the game without a timer.
+    accepted_->end();
     return false;
-}
-
-// Not under write_lock: a send blocked on a game that stopped reading holds that lock, and
-// shutting the socket down is what ends such a send.
-void TcpConn::close() {
-    alive = false;
-    wake_.raise();
-    std::lock_guard<std::mutex> guard(socket_lock_);
-    if (socket_ != invalid_socket) shutdown_socket(socket_);
 }
 
 void TcpConn::release() {
     alive = false;
-    std::lock_guard<std::mutex> writing(write_lock);
-    std::lock_guard<std::mutex> guard(socket_lock_);
-    if (socket_ != invalid_socket) {
-        close_socket(socket_);
-        socket_ = invalid_socket;
-    }
+    accepted_->end();
 }
 
 Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner)

@@ -23,6 +23,7 @@
 #include "bridge/room_state.h"
 #include "http/upstream.h"
 #include "shell/connection_threads.h"
+#include "shell/listener.h"
 #include "shell/net.h"
 
 namespace zq {
@@ -52,37 +53,29 @@ struct CommandResult {
 // who writes notifications to it.
 class TcpConn {
 public:
-    explicit TcpConn(Socket socket) : socket_(socket) { wake_.arm(); }
-    ~TcpConn();
+    explicit TcpConn(std::shared_ptr<Listener::Connection> accepted) : accepted_(std::move(accepted)) {}
     TcpConn(const TcpConn&) = delete;
     TcpConn& operator=(const TcpConn&) = delete;
 
     // Sends the whole buffer under the write lock, so frames of two threads never interleave.
     // False (and the connection is dead) when a send fails; false at once when already dead.
     bool write(std::string_view bytes);
-    // For Bridge stop, and for a slot taken back: marks the connection dead and wakes the
-    // blocked read of its loop.
-    void close();
     // For the read loop: waits until the socket can be read, the deadline in steady seconds
-    // passes (0: none) or the connection is closed; true only for the first.
-    bool wait_readable(double deadline) { return wake_.wait(socket_, deadline) == StopSignal::Wait::Ready; }
-    // For the read loop's end: marks it dead and releases the socket.
+    // passes (0: none) or the connection is ended; true only for the first.
+    bool wait_readable(double deadline) { return accepted_->wait_readable(deadline); }
+    // For the read loop's end: marks it dead and ends it. The socket is closed with the
+    // accepted connection's last owner, so a writer never meets a reused handle.
     void release();
 
     bool is_alive() const { return alive.load(); }
-    // Only the read loop reads from the socket, and only it releases it.
-    Socket socket() const { return socket_; }
+    // Only the read loop reads from the socket.
+    Socket socket() const { return accepted_->socket(); }
 
     std::atomic<bool> alive{true};
     std::mutex write_lock;
 
 private:
-    // Released only with both write_lock and socket_lock_ held: a writer holds the first, a
-    // closer the second, so neither ever meets a handle that was closed (and perhaps reused).
-    std::mutex socket_lock_;
-    Socket socket_;
-    // Raised by close: a shut-down socket does not wake a wait on every system.
-    StopSignal wake_;
+    const std::shared_ptr<Listener::Connection> accepted_;
 };
 
 // What others may read of a session at any time. The session publishes it under a short lock

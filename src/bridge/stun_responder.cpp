@@ -29,7 +29,7 @@ std::string stun_reply(const Endpoint& sender) {
 void Bridge::stun_thread(Socket udp) {
     char buffer[4096];
     while (running_) {
-        if (!wait_for_input(udp, 0)) continue;
+        if (stop_signal_.wait(udp, 0) != StopSignal::Wait::Ready) continue;
         SockAddr from;
         int n = recv_from(udp, buffer, sizeof buffer, &from);
         if (n < 0) {

@@ -125,111 +125,47 @@ http::ServerResponse error_response(const char* message, int status) {
 }  // namespace
 
 bool Server::start(const std::string& host, int port_wanted, Handler handler_in, std::string* error) {
-    zq::network_init();
     handler = std::move(handler_in);
-    zq::Socket s = zq::open_tcp_socket();
-    // Exclusive: a second copy of the program must fail to bind instead of sharing the port.
-    zq::set_exclusive_address(s, true);
-    bool ok = zq::bind_socket(s, zq::to_sockaddr(zq::Endpoint{host, port_wanted})) && zq::listen_socket(s, 16);
-    if (!ok) {
-        int code = zq::last_socket_error();
+    if (int code = 0; !listener_.listen(host, port_wanted, 16, &code)) {
         if (error) *error = zq::format_text("cannot listen on %s:%d (error %d)", host.c_str(), port_wanted, code);
-        zq::close_socket(s);
-        listener = zq::invalid_socket;
         return false;
     }
-    port = zq::bound_endpoint(s).port;
-    if (port == 0) port = port_wanted;
-    listener = s;
-    stop_signal_.arm();
+    port = listener_.port();
     cancel_ = std::make_shared<CancelFlag>();
     budget_ = std::make_unique<zq::ByteBudget>(max_buffered);
-    running = true;
-    accept_thread = std::thread([this, s] { accept_loop(s); });
+    listener_.peers = peers;
+    listener_.max_connections = max_connections;
+    using Event = zq::Listener::Event;
+    auto describe = [this](Event event, const zq::Endpoint& peer, const std::string& detail) -> std::string {
+        const char* d = detail.c_str();
+        switch (event) {
+            case Event::AcceptFailed:
+                return zq::format_text("http :%d: accept failed (error %s), trying again", port, d);
+            case Event::NotServed:
+            case Event::OtherUser:
+                return zq::format_text("http :%d: refused connection from %s, which it does not serve", port,
+                                       peer.host.c_str());
+            case Event::SlotTaken:
+                return zq::format_text("http :%d: took a connection slot back from %s, which kept it waiting", port, d);
+            case Event::Full:
+                return zq::format_text("http :%d: %d connections open, refused another", port, max_connections);
+            case Event::NoThread: return zq::format_text("http :%d: refused a connection, no thread: %s", port, d);
+        }
+        return {};
+    };
+    listener_.start([this](const std::shared_ptr<zq::Listener::Connection>& c) { connection_thread(*c); },
+                    zq::format_text("http :%d", port), describe);
     return true;
 }
 
 void Server::stop() {
-    if (!running.exchange(false)) return;
     // Upstream calls end first, so that the handlers that made them return soon.
     if (cancel_) cancel_->cancel();
-    stop_signal_.raise();
-    zq::shutdown_socket(listener);
-    if (accept_thread.joinable()) accept_thread.join();
-    // Closed only now: a socket number closed under a waiting thread may come back as another.
-    zq::close_socket(listener);
-    listener = zq::invalid_socket;
-    // Wakes every recv and send; each connection thread closes its own socket.
-    slots_.wake_all();
-    threads_.join_all();
-    stop_signal_.close();
+    listener_.stop();
 }
 
-bool Server::wait_for(zq::StopSignal& signal, zq::Socket s, double deadline) {
-    return running && signal.wait(s, deadline) == zq::StopSignal::Wait::Ready && running;
-}
-
-void Server::accept_loop(zq::Socket listening) {
-    zq::AcceptBackoff backoff;
-    while (running) {
-        // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
-        // since ended connection threads are joined when the next one starts.
-        if (!wait_for(stop_signal_, listening, 0)) continue;
-        zq::SockAddr from;
-        zq::Socket s = zq::accept_socket(listening, &from);
-        if (s == zq::invalid_socket) {
-            if (!running) return;
-            // Out of descriptors or buffers: the connection waits in the backlog, and the loop
-            // tries again a little later instead of spinning or giving up.
-            const int code = zq::last_socket_error();
-            zq::log_limited(zq::format_text("http accept :%d", port),
-                            zq::format_text("http :%d: accept failed (error %d), trying again", port, code));
-            wait_for(stop_signal_, zq::invalid_socket, zq::steady_seconds() + backoff.next_seconds());
-            continue;
-        }
-        backoff.reset();
-        const zq::Endpoint peer = zq::from_sockaddr(from);
-        if (!peers.admits(peer.host)) {
-            zq::close_socket(s);
-            zq::log_limited(zq::format_text("http refused :%d", port),
-                            zq::format_text("http :%d: refused connection from %s, which it does not serve", port,
-                                            peer.host.c_str()));
-            continue;
-        }
-        std::string taken;
-        // The connection waits on a signal of its own: a shut-down socket does not wake a wait on
-        // every system. Safe until the connection thread closes its slot, which it does before
-        // its socket.
-        auto wake = std::make_shared<zq::StopSignal>();
-        wake->arm();
-        auto slot = slots_.open(
-            [s, wake] {
-                wake->raise();
-                zq::shutdown_socket(s);
-            },
-            peer.text(), max_connections, &taken);
-        if (!taken.empty())
-            zq::log_limited(zq::format_text("http taken :%d", port),
-                            zq::format_text("http :%d: took a connection slot back from %s, which kept it waiting",
-                                            port, taken.c_str()));
-        if (!slot) {
-            zq::log_limited(zq::format_text("http full :%d", port),
-                            zq::format_text("http :%d: %d connections open, refused another", port, max_connections));
-            zq::close_socket(s);
-            continue;
-        }
-        if (std::string why;
-            !threads_.start([this, s, peer, slot, wake] { connection_thread(s, peer, slot, wake); }, &why)) {
-            slots_.close(slot);
-            zq::close_socket(s);
-            zq::log_limited(zq::format_text("http thread :%d", port),
-                            zq::format_text("http :%d: refused a connection, no thread: %s", port, why.c_str()));
-        }
-    }
-}
-
-void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
-                               std::shared_ptr<zq::StopSignal> wake) {
+void Server::connection_thread(zq::Listener::Connection& connection) {
+    const zq::Socket s = connection.socket();
     // Large blocks, because every receive costs a wait beside it (a round trip to the
     // wineserver under Wine) and a head may be a megabyte.
     // Not cleared: the pages are touched only as far as receives fill them.
@@ -240,11 +176,11 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
     bool over_budget = false;
     bool keep_alive = true;
     bool first = true;
-    const bool from_this_pc = peers.on_this_pc(peer.host);
+    const bool from_this_pc = peers.on_this_pc(connection.peer().host);
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
     // passed, the budget has no room for it, or the server is stopping.
     auto receive = [&](double deadline) {
-        if (!wait_for(*wake, s, deadline)) return false;
+        if (!connection.wait_readable(deadline)) return false;
         int n = zq::recv_some(s, block.get(), block_size);
         if (n < 1) return false;
         over_budget = !buffer.append(block.get(), static_cast<std::size_t>(n));
@@ -252,7 +188,7 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
     };
     auto seconds_from_now = [](int ms) { return zq::steady_seconds() + ms / 1000.0; };
     auto send = [&](const std::string& bytes) {
-        slot->waiting();
+        connection.slot().waiting();
         return zq::send_all(s, bytes, seconds_from_now(send_timeout_ms));
     };
     // Answers a request that cannot be taken, then ends the connection: what follows it on the
@@ -262,16 +198,16 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
             // Reads on for a moment, so that closing with unread bytes does not reset the
             // connection before the client has read the answer.
             const double linger = seconds_from_now(1000);
-            while (wait_for(*wake, s, linger) && zq::recv_some(s, block.get(), block_size) > 0) {
+            while (connection.wait_readable(linger) && zq::recv_some(s, block.get(), block_size) > 0) {
             }
         }
     };
-    while (keep_alive && running) {
+    while (keep_alive && !cancel_->cancelled()) {
         // A new connection owes its head from the start; a kept-alive one may sit idle longer,
         // but once its next request has begun, the head is due within the same time.
         bool begun = first || buffer.size() > 0;
         first = false;
-        slot->waiting();
+        connection.slot().waiting();
         double deadline = seconds_from_now(begun ? head_timeout_ms : idle_timeout_ms);
         std::size_t searched = 0;
         std::size_t end;
@@ -330,14 +266,14 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
         request.headers = std::move(head.headers);
         request.body = buffer.bytes().substr(0, static_cast<std::size_t>(length.bytes));
         request.cancel = cancel_;
-        request.peer = peer;
+        request.peer = connection.peer();
         request.from_this_pc = from_this_pc;
         buffer.consume(static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")
             keep_alive = false;
 
-        slot->working();
+        connection.slot().working();
         ServerResponse response;
         try {
             response = handler(request);  // an empty handler throws bad_function_call
@@ -350,8 +286,6 @@ void Server::connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<
 
         if (!send(format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
     }
-    slots_.close(slot);
-    zq::close_socket(s);
 }
 
 }  // namespace http

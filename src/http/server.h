@@ -15,19 +15,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "http/fetch.h"
 #include "http/headers.h"
 #include "shell/connection_threads.h"
+#include "shell/listener.h"
 #include "shell/net.h"
 #include "shell/peer_filter.h"
 
@@ -116,7 +113,7 @@ public:
 
     // Closes every open connection at once, without an answer; for stop, and for a test double
     // that drops its callers.
-    void drop_connections() { slots_.wake_all(); }
+    void drop_connections() { listener_.end_all(); }
 
     // Limits, set before start. Times in milliseconds.
     zq::PeerFilter peers = zq::PeerFilter::everyone();  // who may connect; the others are closed at once
@@ -130,30 +127,17 @@ public:
     // gets 503, a head is dropped.
     std::size_t max_buffered = 16u << 20;
 
-    zq::Socket listener = zq::invalid_socket;
     int port = 0;  // the port actually bound
     Handler handler;
-    std::thread accept_thread;
-    std::atomic<bool> running{false};
 
 private:
-    // Raised by stop: every connection and the accept loop wait on it beside their own socket.
-    zq::StopSignal stop_signal_;
-    zq::ConnectionSlots slots_;
-    zq::ConnectionThreads threads_;
+    zq::Listener listener_;
     std::shared_ptr<CancelFlag> cancel_;
     std::unique_ptr<zq::ByteBudget> budget_;
+    void connection_thread(zq::Listener::Connection& connection);
 
 public:
-    std::atomic<std::int32_t>& active_connections = threads_.active;  // connection threads serving now
-
-private:
-    void accept_loop(zq::Socket listening);
-    void connection_thread(zq::Socket s, zq::Endpoint peer, std::shared_ptr<zq::ConnectionSlots::Slot> slot,
-                           std::shared_ptr<zq::StopSignal> wake);
-    // Waits on s (or only on the signal when s is invalid) until it is readable, the deadline
-    // (steady seconds) passes, the signal is raised or stop is under way; true only for the first.
-    bool wait_for(zq::StopSignal& signal, zq::Socket s, double deadline);
+    std::atomic<std::int32_t>& active_connections = listener_.active_connections();  // connection threads serving now
 };
 
 }  // namespace http

@@ -1,10 +1,9 @@
 #pragma once
-// What a listener that serves each connection on a thread of its own needs, shared by the
-// command port and the HTTP servers: a stop signal that wakes every waiting thread at once, the
-// connection threads owned and joined as they end, the slots that cap the connections, the
-// memory budget of their receive buffers, and the rest after a failed accept. Waiting threads
-// sleep until something arrives or stop is under way: an idle listener or connection does not
-// wake on a timer.
+// What a listener that serves each connection on a thread of its own needs (shell/listener.h
+// puts it together): a stop signal that wakes every waiting thread at once, the connection
+// threads owned and joined as they end, the slots that cap the connections, and the memory
+// budget of their receive buffers. Waiting threads sleep until something arrives or stop is
+// under way: an idle listener or connection does not wake on a timer.
 
 #include <atomic>
 #include <cstddef>
@@ -161,21 +160,6 @@ private:
     char* data_ = nullptr;  // from the heap up to the allowance, from the system's pages beyond
     std::size_t size_ = 0;
     std::size_t capacity_ = 0;
-};
-
-// The rest after a failed accept (out of descriptors or buffers, with the connection still
-// queued): from 50 ms, doubling up to a second, and back to the start after an accept works.
-class AcceptBackoff {
-public:
-    double next_seconds() {
-        const double now = current_;
-        current_ = current_ * 2 < 1.0 ? current_ * 2 : 1.0;
-        return now;
-    }
-    void reset() { current_ = 0.05; }
-
-private:
-    double current_ = 0.05;
 };
 
 }  // namespace zq

@@ -31,6 +31,12 @@ bool send_all(Socket s, std::string_view bytes, double deadline) {
     return true;
 }
 
+bool serve_local_peer(PeerUser user, std::optional<std::uint32_t> their_session,
+                      std::optional<std::uint32_t> our_session) {
+    if (user != PeerUser::Unreadable) return user == PeerUser::Same;
+    return their_session && our_session && *their_session == *our_session;
+}
+
 bool peer_user_check_works() {
     network_init();
     Socket listener = open_tcp_socket();

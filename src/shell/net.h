@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -96,6 +97,13 @@ int interface_prefix_length(const std::string& address);
 // uid in /proc/net/tcp; Windows: the user of the owning process in the TCP table). False when
 // it runs as another user, and also when the table has no row for it.
 bool peer_is_same_user(Socket s);
+// What the system tells of the user of such a program, and whether it is served. A program of
+// this user that runs elevated (a game started as administrator beside a bridge that is not)
+// keeps its token from us; then the logon session decides: ours is the same desk, so it is
+// served, another (a user switched in, a service) is not. Session ids are nullopt when unknown.
+enum class PeerUser { Same, Other, Unreadable };
+bool serve_local_peer(PeerUser user, std::optional<std::uint32_t> their_session,
+                      std::optional<std::uint32_t> our_session);
 // Whether peer_is_same_user can tell on this system: it is asked about a loopback connection of
 // this process's own, which must come out as the same user.
 bool peer_user_check_works();

@@ -263,15 +263,25 @@ bool peer_is_same_user(Socket s) {
     const DWORD pid = owning_process(as_in(theirs), as_in(mine));
     if (pid == 0) return false;
     if (pid == GetCurrentProcessId()) return true;
-    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
-    // A process that this user may not even look at is not this user's.
-    if (!process) return false;
-    std::vector<unsigned char> theirs_user = process_user(process);
-    CloseHandle(process);
+    std::vector<unsigned char> theirs_user;
+    if (HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid)) {
+        theirs_user = process_user(process);
+        CloseHandle(process);
+    }
     std::vector<unsigned char> own_user = process_user(GetCurrentProcess());
-    if (theirs_user.empty() || own_user.empty()) return false;
-    return EqualSid(reinterpret_cast<TOKEN_USER*>(theirs_user.data())->User.Sid,
-                    reinterpret_cast<TOKEN_USER*>(own_user.data())->User.Sid) != FALSE;
+    PeerUser user = PeerUser::Unreadable;
+    if (!theirs_user.empty())
+        user = !own_user.empty() && EqualSid(reinterpret_cast<TOKEN_USER*>(theirs_user.data())->User.Sid,
+                                             reinterpret_cast<TOKEN_USER*>(own_user.data())->User.Sid)
+                   ? PeerUser::Same
+                   : PeerUser::Other;
+    // Read without a handle to the process, so it is known even where the token is not.
+    auto session_of = [](DWORD process) -> std::optional<std::uint32_t> {
+        DWORD session = 0;
+        if (!ProcessIdToSessionId(process, &session)) return std::nullopt;
+        return session;
+    };
+    return serve_local_peer(user, session_of(pid), session_of(GetCurrentProcessId()));
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {

@@ -23,3 +23,15 @@ TEST(PeerFilter, TellsThisPCItsNetworkAndTheRest) {
     EXPECT_EQ(zq::interface_prefix_length("127.0.0.1"), 8);
     EXPECT_EQ(zq::interface_prefix_length("192.0.2.123"), -1);
 }
+
+// A readable token decides alone; an unreadable one (an elevated game) is served only from our
+// own logon session, and never when either session is unknown.
+TEST(PeerFilter, SameUserCheckFallsBackToTheLogonSession) {
+    using zq::PeerUser;
+    EXPECT_TRUE(zq::serve_local_peer(PeerUser::Same, 2, 1));
+    EXPECT_FALSE(zq::serve_local_peer(PeerUser::Other, 1, 1));
+    EXPECT_TRUE(zq::serve_local_peer(PeerUser::Unreadable, 1, 1));
+    EXPECT_FALSE(zq::serve_local_peer(PeerUser::Unreadable, 0, 1));
+    EXPECT_FALSE(zq::serve_local_peer(PeerUser::Unreadable, std::nullopt, 1));
+    EXPECT_FALSE(zq::serve_local_peer(PeerUser::Unreadable, 1, std::nullopt));
+}

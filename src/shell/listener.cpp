@@ -1,0 +1,105 @@
+#include "shell/listener.h"
+
+#include <algorithm>
+
+#include "shell/log.h"
+
+namespace zq {
+
+Listener::Connection::~Connection() { close_socket(socket_); }
+
+void Listener::Connection::end() {
+    wake_.raise();
+    shutdown_socket(socket_);
+}
+
+bool Listener::listen(const std::string& host, int port, int backlog, int* error) {
+    network_init();
+    Socket s = open_tcp_socket();
+    set_exclusive_address(s, true);
+    if (!bind_socket(s, to_sockaddr(Endpoint{host, port})) || !listen_socket(s, backlog)) {
+        if (error) *error = last_socket_error();
+        close_socket(s);
+        return false;
+    }
+    socket_ = s;
+    port_ = bound_endpoint(s).port;
+    if (port_ == 0) port_ = port;
+    return true;
+}
+
+void Listener::start(Serve serve, std::string cause, Describe describe) {
+    serve_ = std::move(serve);
+    cause_ = std::move(cause);
+    describe_ = std::move(describe);
+    stop_signal_.arm();
+    accept_thread_ = std::thread(&Listener::accept_thread, this);
+}
+
+void Listener::stop() {
+    stop_signal_.raise();
+    if (accept_thread_.joinable()) accept_thread_.join();
+    // Closed only now: a socket number closed under a waiting thread may come back as another.
+    close_socket(socket_);
+    socket_ = invalid_socket;
+    // No connection comes any more, so none escapes this.
+    slots_.wake_all();
+    threads_.join_all();
+    stop_signal_.close();
+}
+
+void Listener::say(Event event, const Endpoint& peer, const std::string& detail) {
+    log_limited(cause_ + " " + std::to_string(static_cast<int>(event)), describe_(event, peer, detail));
+}
+
+void Listener::accept_thread() {
+    // After a failed accept: from 50 ms, doubling up to a second, and back once one works.
+    double rest = 0.05;
+    for (;;) {
+        // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
+        // since ended connection threads are joined when the next one starts.
+        const StopSignal::Wait woke = stop_signal_.wait(socket_, 0);
+        if (woke == StopSignal::Wait::Stopped) return;
+        if (woke != StopSignal::Wait::Ready) continue;
+        SockAddr from;
+        const Socket s = accept_socket(socket_, &from);
+        if (s == invalid_socket) {
+            // Out of descriptors or buffers: the connection waits in the backlog, and the loop
+            // tries again a little later instead of spinning or giving up.
+            say(Event::AcceptFailed, {}, std::to_string(last_socket_error()));
+            stop_signal_.wait(invalid_socket, steady_seconds() + rest);
+            rest = std::min(rest * 2, 1.0);
+            continue;
+        }
+        rest = 0.05;
+        const Endpoint peer = from_sockaddr(from);
+        const bool admitted = peers.admits(peer.host);
+        if (!admitted || (same_user_only && !peer_is_same_user(s))) {
+            close_socket(s);
+            say(admitted ? Event::OtherUser : Event::NotServed, peer);
+            continue;
+        }
+        const auto connection = std::shared_ptr<Connection>(new Connection(s, peer));
+        std::string taken;
+        // Called under the slots' lock, which the slot is closed under before the connection
+        // (and its socket) can go.
+        connection->slot_ = slots_.open([c = connection.get()] { c->end(); }, peer.text(), max_connections, &taken);
+        if (!taken.empty()) say(Event::SlotTaken, peer, taken);
+        if (!connection->slot_) {
+            say(Event::Full, peer);
+            continue;
+        }
+        std::string why;
+        if (!threads_.start(
+                [this, connection] {
+                    serve_(connection);
+                    slots_.close(connection->slot_);
+                },
+                &why)) {
+            slots_.close(connection->slot_);
+            say(Event::NoThread, peer, why);
+        }
+    }
+}
+
+}  // namespace zq
