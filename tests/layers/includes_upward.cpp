@@ -1,0 +1,2 @@
+// Built as part of the lowest folder: a header of a folder above it must not be found.
+#include "bridge/bridge.h"
