@@ -43,6 +43,10 @@ bool App::start(std::string* error) {
     const PeerFilter near = PeerFilter::for_bind_host(host);
     std::string text;
     web_server_.peers = near;
+    // The proxies and the summon route send with the player's token, and the status page shows
+    // the player's room: not for programs of another user of this PC.
+    const bool same_user = peer_user_check_works();
+    web_server_.same_user_only = same_user;
     if (!web_server_.start(host, settings.webapi_port,
                            [this](const http::ServerRequest& request) { return web_api_handler(*this, request); },
                            &text))
@@ -58,6 +62,7 @@ bool App::start(std::string* error) {
         // A proxy adds the player's token: hosts of the network may use it only where the user
         // chose to share the account with them.
         proxy->peers = settings.share_account_with_network ? near : near.this_pc_only();
+        proxy->same_user_only = same_user;
         if (!proxy->start(host, route.first,
                           [this, url](const http::ServerRequest& request) {
                               return game_proxy_handler(*this, url, request);

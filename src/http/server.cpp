@@ -134,6 +134,7 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
     cancel_ = std::make_shared<CancelFlag>();
     budget_ = std::make_unique<zq::ByteBudget>(max_buffered);
     listener_.peers = peers;
+    listener_.same_user_only = same_user_only;
     listener_.max_connections = max_connections;
     using Event = zq::Listener::Event;
     auto describe = [this](Event event, const zq::Endpoint& peer, const std::string& detail) -> std::string {

@@ -117,6 +117,7 @@ public:
 
     // Limits, set before start. Times in milliseconds.
     zq::PeerFilter peers = zq::PeerFilter::everyone();  // who may connect; the others are closed at once
+    bool same_user_only = false;  // also closes programs of this PC that run as another user
     int max_connections = 64;      // slots; see ConnectionSlots for who loses one when all are held
     int head_timeout_ms = 10000;   // for a whole request head, from its first byte (or the accept)
     int idle_timeout_ms = 30000;   // for the first byte of the next request on a kept-alive one

@@ -74,7 +74,7 @@ void Listener::accept_thread() {
         rest = 0.05;
         const Endpoint peer = from_sockaddr(from);
         const bool admitted = peers.admits(peer.host);
-        if (!admitted || (same_user_only && !peer_is_same_user(s))) {
+        if (!admitted || (same_user_only && peers.on_this_pc(peer.host) && !peer_is_same_user(s))) {
             close_socket(s);
             say(admitted ? Event::OtherUser : Event::NotServed, peer);
             continue;
