@@ -33,11 +33,7 @@ bool App::start(std::string* error) {
         std::string text;
         if (!gateway_->start(&text)) return fail(error, text);
     }
-    // The bridge has said why already.
-    if (!bridge_.listen(gateway_.get(), error)) {
-        stop();
-        return false;
-    }
+    if (std::string why = bridge_.listen(gateway_.get()); !why.empty()) return fail(error, why);
 
     const std::string& host = settings.bind_host;
     const PeerFilter near = PeerFilter::for_bind_host(host);

@@ -14,14 +14,7 @@ Bridge::Bridge(Config config) : config_(std::move(config)) {}
 
 Bridge::~Bridge() { stop(); }
 
-bool Bridge::fail(std::string* error, const std::string& message) {
-    if (error) *error = message;
-    log_line(message);
-    stop();
-    return false;
-}
-
-bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
+std::string Bridge::listen(p2p::Gateway* gateway) {
     network_init();
     // Before any game can connect, so that no game call waits on it.
     http::prepare_for(config_.velmar_server);
@@ -32,8 +25,8 @@ bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
 
     const std::string& host = config_.bind_host;
     if (int code = 0; !command_port_.listen(host, config_.tcp_port, 8, &code))
-        return fail(error, format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
-                                       host.c_str(), config_.tcp_port, code));
+        return format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)", host.c_str(),
+                           config_.tcp_port, code);
     // The identity that the command port hands out carries the stored token.
     command_port_.peers = PeerFilter::for_bind_host(host).this_pc_only();
     command_port_.max_connections = max_game_connections;
@@ -44,10 +37,9 @@ bool Bridge::listen(p2p::Gateway* gateway, std::string* error) {
 
     udp_socket_ = open_udp_socket();
     if (!bind_socket(udp_socket_, to_sockaddr(Endpoint{host, config_.udp_port})))
-        return fail(error, format_text("cannot bind udp %s:%d (error %d)", host.c_str(), config_.udp_port,
-                                       last_socket_error()));
+        return format_text("cannot bind udp %s:%d (error %d)", host.c_str(), config_.udp_port, last_socket_error());
     bound_udp_port_ = bound_endpoint(udp_socket_).port;
-    return true;
+    return {};
 }
 
 void Bridge::serve() {

@@ -36,9 +36,9 @@ public:
     Bridge& operator=(const Bridge&) = delete;
 
     // Opens the command port and the STUN socket; the sessions use the gateway (null when off),
-    // which must outlive stop. On failure the reason goes to *error (if given) and to the log,
-    // whatever came up is taken down again, and the result is false.
-    bool listen(p2p::Gateway* gateway, std::string* error);
+    // which must outlive stop. Returns why it failed, or nothing; the owner reports it and
+    // stops.
+    std::string listen(p2p::Gateway* gateway);
     // Starts the threads that serve both.
     void serve();
     // Ends every session, as each connection's own thread does, and closes both; safe at any
@@ -100,7 +100,6 @@ public:
     static constexpr int send_timeout_ms = 5000;
 
 private:
-    bool fail(std::string* error, const std::string& message);
 
     void connection_thread(const std::shared_ptr<Listener::Connection>& accepted);
     void stun_thread(Socket udp);
