@@ -41,7 +41,9 @@ bool FakeGame::connect_and_greet(int port, const std::string& host, const std::s
     return hello && hello->kind == 3;
 }
 
-bool FakeGame::send_raw(std::string_view bytes) { return zq::send_all(socket_, bytes); }
+bool FakeGame::send_raw(std::string_view bytes, double seconds) {
+    return zq::send_all(socket_, bytes, zq::steady_seconds() + seconds);
+}
 
 bool FakeGame::send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
     return send_raw(frame_header(kind, command, static_cast<std::uint32_t>(body.size() + 15), packet_id).append(body));

@@ -37,7 +37,8 @@ public:
     // Connects and reads the Hello frame; false if either fails or the first frame is not Hello.
     bool connect_and_greet(int port, const std::string& host = "127.0.0.1", const std::string& from = "");
 
-    bool send_raw(std::string_view bytes);
+    // False once a send fails or the bytes are still not all sent after the deadline.
+    bool send_raw(std::string_view bytes, double seconds = 30.0);
     bool send_frame(std::uint8_t kind, std::uint16_t command, std::uint64_t packet_id, std::string_view body);
     bool send_request(std::uint16_t command, std::uint64_t packet_id, std::string_view body) {
         return send_frame(0, command, packet_id, body);
