@@ -2,15 +2,11 @@
 
 #include <algorithm>
 
+#include "shell/byte_order.h"
+
 namespace zq {
 
 namespace {
-
-std::uint64_t read_le(const unsigned char* bytes, int count) {
-    std::uint64_t v = 0;
-    for (int i = count - 1; i >= 0; --i) v = (v << 8) | bytes[i];
-    return v;
-}
 
 void put_le(std::string& out, std::uint64_t value, int count) {
     for (int i = 0; i < count; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
@@ -32,10 +28,11 @@ bool read_varint(std::string_view bytes, std::size_t& pos, std::uint64_t& value)
 
 CommandHeader parse_header(const unsigned char* bytes) {
     CommandHeader h;
+    const std::string_view header(reinterpret_cast<const char*>(bytes), header_size);
     h.kind = bytes[0];
-    h.command = static_cast<std::uint16_t>(read_le(bytes + 1, 2));
-    h.total_size = static_cast<std::uint32_t>(read_le(bytes + 3, 4));
-    h.packet_id = read_le(bytes + 7, 8);
+    h.command = static_cast<std::uint16_t>(le_at(header, 1, 2));
+    h.total_size = static_cast<std::uint32_t>(le_at(header, 3, 4));
+    h.packet_id = le_at(header, 7, 8);
     return h;
 }
 
@@ -93,7 +90,7 @@ bool decode(std::string_view bytes, FieldList& list) {
             case 5: {
                 std::size_t width = r.wire_type == 1 ? 8 : 4;
                 if (bytes.size() - pos < width) return false;
-                r.value = read_le(reinterpret_cast<const unsigned char*>(bytes.data()) + pos, static_cast<int>(width));
+                r.value = le_at(bytes, pos, static_cast<int>(width));
                 pos += width;
                 break;
             }
@@ -137,7 +134,7 @@ std::string wrap_message(std::string_view field_message) {
 
 bool unwrap_message(std::string_view body, std::string& field_message) {
     if (body.size() < 4) return false;
-    auto count = read_le(reinterpret_cast<const unsigned char*>(body.data()), 4);
+    auto count = le_at(body, 0, 4);
     std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(count, body.size() - 4));
     field_message.assign(body.substr(4, take));
     return true;

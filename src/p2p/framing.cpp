@@ -9,12 +9,6 @@ namespace zq::p2p {
 
 namespace {
 
-std::uint64_t le_at(std::string_view s, std::size_t at, int size) {
-    std::uint64_t v = 0;
-    for (int i = size - 1; i >= 0; --i) v = v << 8 | byte_at(s, at + static_cast<std::size_t>(i));
-    return v;
-}
-
 // Writes a little-endian integer into a fixed-size frame.
 void put_le(std::string& frame, std::size_t at, std::uint64_t v, int size) {
     for (int i = 0; i < size; ++i) frame[at + static_cast<std::size_t>(i)] = static_cast<char>(v >> (8 * i));

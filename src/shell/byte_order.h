@@ -1,6 +1,7 @@
 #pragma once
-// Big-endian integers in byte strings, as STUN, port frames, relay frames and the routers'
-// port-mapping protocols carry them. Readers do not check the length: their callers have.
+// Integers in byte strings: big-endian as STUN, port frames, relay frames and the routers'
+// port-mapping protocols carry them, little-endian as the command frames and the gateway's
+// control payloads do. Readers do not check the length: their callers have.
 
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +18,13 @@ inline std::uint16_t be16(std::string_view s, std::size_t at) {
 
 inline std::uint32_t be32(std::string_view s, std::size_t at) {
     return static_cast<std::uint32_t>(be16(s, at)) << 16 | be16(s, at + 2);
+}
+
+// size bytes (at most 8) from at, lowest first.
+inline std::uint64_t le_at(std::string_view s, std::size_t at, int size) {
+    std::uint64_t v = 0;
+    for (int i = size - 1; i >= 0; --i) v = v << 8 | byte_at(s, at + static_cast<std::size_t>(i));
+    return v;
 }
 
 // The low 16 bits of v into at[0] and at[1].
