@@ -11,6 +11,7 @@
 #include "launcher/discovery.h"
 #include "launcher/route.h"
 #include "p2p/stun.h"
+#include "shell/listener.h"
 #include "shell/net.h"
 #include "shell/platform.h"
 #include "shell/version.h"
@@ -26,14 +27,8 @@ std::string reach_host(const Config& config) {
     return config.bind_host == "0.0.0.0" || config.bind_host.empty() ? "127.0.0.1" : config.bind_host;
 }
 
-bool tcp_port_free(const std::string& host, int port) {
-    Socket s = open_tcp_socket();
-    if (s == invalid_socket) return false;
-    set_exclusive_address(s, true);
-    bool free = bind_socket(s, to_sockaddr(Endpoint{host, port})) && listen_socket(s, 1);
-    close_socket(s);
-    return free;
-}
+// Bound as the bridge binds it, and closed again at once.
+bool tcp_port_free(const std::string& host, int port) { return Listener().listen(host, port, 1, nullptr); }
 
 bool udp_port_free(const std::string& host, int port) {
     Socket s = open_udp_socket();
