@@ -1,7 +1,6 @@
 #include "bridge/stun_responder.h"
 
 #include <cstring>
-#include <vector>
 
 #include "bridge/bridge.h"
 #include "bridge/session.h"

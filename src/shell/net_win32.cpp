@@ -11,7 +11,6 @@
 #include <iphlpapi.h>
 
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <vector>
 
