@@ -8,22 +8,6 @@
 
 namespace http {
 
-ServerResponse json_response(const nlohmann::json& value, int status) {
-    ServerResponse r;
-    r.status = status;
-    r.headers.emplace_back("Content-Type", "application/json");
-    r.body = value.dump();
-    return r;
-}
-
-ServerResponse json_response(const nlohmann::ordered_json& value, int status) {
-    ServerResponse r;
-    r.status = status;
-    r.headers.emplace_back("Content-Type", "application/json");
-    r.body = value.dump();
-    return r;
-}
-
 const char* reason_phrase(int status) {
     switch (status) {
         case 200: return "OK";
@@ -261,14 +245,13 @@ void Server::connection_thread(zq::Listener::Connection& connection) {
             break;
         }
 
-        ServerRequest request;
-        request.method = std::move(head.method);
-        request.path = std::move(head.path);
-        request.headers = std::move(head.headers);
-        request.body = buffer.bytes().substr(0, static_cast<std::size_t>(length.bytes));
-        request.cancel = cancel_;
-        request.peer = connection.peer();
-        request.from_this_pc = from_this_pc;
+        ServerRequest request{.method = std::move(head.method),
+                              .path = std::move(head.path),
+                              .headers = std::move(head.headers),
+                              .body = std::string(buffer.bytes().substr(0, static_cast<std::size_t>(length.bytes))),
+                              .cancel = cancel_,
+                              .peer = connection.peer(),
+                              .from_this_pc = from_this_pc};
         buffer.consume(static_cast<std::size_t>(length.bytes));
 
         if (iequals(find_header(request.headers, "Connection"), "close") || head.version == "HTTP/1.0")
@@ -279,10 +262,7 @@ void Server::connection_thread(zq::Listener::Connection& connection) {
         try {
             response = handler(request);  // an empty handler throws bad_function_call
         } catch (const std::exception& e) {
-            nlohmann::ordered_json body;
-            body["ResKind"] = 1;
-            body["Message"] = std::string("bridge error: ") + e.what();
-            response = json_response(body, 500);
+            response = error_response((std::string("bridge error: ") + e.what()).c_str(), 500);
         }
 
         if (!send(format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;

@@ -50,9 +50,12 @@ struct ServerResponse {
 
 using Handler = std::function<ServerResponse(const ServerRequest&)>;
 
-// A response with the compact JSON text of value and the one header Content-Type: application/json.
-ServerResponse json_response(const nlohmann::json& value, int status);
-ServerResponse json_response(const nlohmann::ordered_json& value, int status);
+// A response with the compact JSON text of value (either kind of JSON document) and the one
+// header Content-Type: application/json.
+template <class Json>
+ServerResponse json_response(const Json& value, int status) {
+    return {status, {{"Content-Type", "application/json"}}, value.dump()};
+}
 
 // The reason text of the status line; "Status" for any code it does not know.
 const char* reason_phrase(int status);
@@ -100,10 +103,7 @@ std::string format_response(const ServerResponse& response, bool keep_alive, boo
 
 class Server {
 public:
-    Server() = default;
     ~Server();
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
 
     // Listens on host (dotted IPv4, no name look-up) and port (0 picks a free one, see port).
     bool start(const std::string& host, int port, Handler handler, std::string* error);
