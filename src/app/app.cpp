@@ -99,13 +99,9 @@ web::Credentials App::credentials() {
     return {};
 }
 
-std::vector<web::SessionRow> App::session_rows() {
-    std::vector<web::SessionRow> rows;
-    for (const auto& session : bridge_.sessions()) {
-        SessionStatus s = session->status();
-        rows.push_back({std::move(s.name), s.logged_in, s.room_id, s.member_id, s.owner_member_id, s.max_members,
-                        std::move(s.members)});
-    }
+std::vector<SessionStatus> App::session_rows() {
+    std::vector<SessionStatus> rows;
+    for (const auto& session : bridge_.sessions()) rows.push_back(session->status());
     return rows;
 }
 

@@ -21,8 +21,6 @@ class App final : private web::Host {
 public:
     explicit App(Config config);
     ~App() override;
-    App(const App&) = delete;
-    App& operator=(const App&) = delete;
 
     // Brings everything up. On failure the reason goes to *error (if given) and to the log,
     // whatever came up is taken down again, and the result is false.
@@ -46,7 +44,7 @@ private:
     nlohmann::json advertisement() override { return bridge_.advertisement(); }
     void set_advertisement(const nlohmann::json& advertisement) override { bridge_.set_advertisement(advertisement); }
     std::map<std::string, Endpoint> stun_table() override { return bridge_.stun_table(); }
-    std::vector<web::SessionRow> session_rows() override;
+    std::vector<SessionStatus> session_rows() override;
     web::Ports ports() override { return {bound_tcp_port(), bound_udp_port(), bound_webapi_port()}; }
 
     // Declared in the order of start, so that each is destroyed before what it uses.

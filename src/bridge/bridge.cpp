@@ -25,8 +25,8 @@ std::string Bridge::listen(p2p::Gateway* gateway) {
 
     const std::string& host = config_.bind_host;
     if (int code = 0; !command_port_.listen(host, config_.tcp_port, 8, &code))
-        return format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)", host.c_str(),
-                           config_.tcp_port, code);
+        return format_text("cannot listen on tcp %s:%d - is another bridge running? (error %d)",
+                           host.c_str(), config_.tcp_port, code);
     // The identity that the command port hands out carries the stored token.
     command_port_.peers = PeerFilter::for_bind_host(host).this_pc_only();
     command_port_.max_connections = max_game_connections;
@@ -45,7 +45,8 @@ std::string Bridge::listen(p2p::Gateway* gateway) {
 void Bridge::serve() {
     using Event = Listener::Event;
     command_port_.start(
-        [this](const std::shared_ptr<Listener::Connection>& accepted) { connection_thread(accepted); }, "tcp",
+        [this](const std::shared_ptr<Listener::Connection>& accepted) { session_loop(*this, accepted, frame_budget_); },
+        "tcp",
         [](Event event, const Endpoint& peer, const std::string& detail) -> std::string {
             const std::string from = peer.text();
             switch (event) {
@@ -120,13 +121,6 @@ std::optional<Endpoint> Bridge::stun_entry(const std::string& online_id) {
     auto found = stun_table_.find(online_id);
     if (found == stun_table_.end()) return std::nullopt;
     return found->second;
-}
-
-void Bridge::connection_thread(const std::shared_ptr<Listener::Connection>& accepted) {
-    set_tcp_nodelay(accepted->socket());
-    set_send_timeout(accepted->socket(), send_timeout_ms);
-    log_line("tcp: connection from " + accepted->peer().text());
-    session_loop(*this, std::make_shared<TcpConn>(accepted), accepted->slot(), frame_budget_);
 }
 
 }  // namespace zq

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,7 +20,6 @@
 #include "shell/connection_threads.h"
 #include "shell/listener.h"
 #include "shell/net.h"
-#include "shell/peer_filter.h"
 #include "shell/util.h"
 
 namespace zq {
@@ -32,12 +30,10 @@ class Bridge {
 public:
     explicit Bridge(Config config);
     ~Bridge();
-    Bridge(const Bridge&) = delete;
-    Bridge& operator=(const Bridge&) = delete;
 
     // Opens the command port and the STUN socket; the sessions use the gateway (null when off),
-    // which must outlive stop. Returns why it failed, or nothing; the owner reports it and
-    // stops.
+    // which must outlive stop. Empty when both are open, otherwise the reason, and the caller
+    // stops what came up.
     std::string listen(p2p::Gateway* gateway);
     // Starts the threads that serve both.
     void serve();
@@ -96,12 +92,10 @@ public:
     // menus it says nothing). Set before start.
     int frame_timeout_ms = 10000;
     // A game that stops reading fails a send after this long, instead of holding its
-    // connection's write lock for ever.
+    // connection's send lock for ever.
     static constexpr int send_timeout_ms = 5000;
 
 private:
-
-    void connection_thread(const std::shared_ptr<Listener::Connection>& accepted);
     void stun_thread(Socket udp);
 
     const Config config_;

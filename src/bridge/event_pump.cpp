@@ -63,7 +63,7 @@ void Session::event_pump() {
     for (;;) {
         if (pump_wait(0.0)) return;
         // A session that started its context before login has no pump.
-        if (!connection->is_alive() || !logged_in) {
+        if (connection->ended() || !logged_in) {
             pump_running = false;
             return;
         }
@@ -126,7 +126,7 @@ void Session::send_room_event(RoomEventCode code, RoomEventReason reason, const 
         entry = member_entry(record, room.owner_member_id, member_endpoint_locked(record));
     std::string body = room_event_message(context_id, room.room_id, code, reason, extra, entry);
     // A failed write marks the connection dead, which ends the pump on its next tick.
-    connection->write(build_frame(FrameKind::Notification, notification_command, 0, body));
+    connection->send(build_frame(FrameKind::Notification, notification_command, 0, body));
 }
 
 void Session::translate_locked(const nlohmann::json& event) {

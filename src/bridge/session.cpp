@@ -1,7 +1,5 @@
 #include "bridge/session.h"
 
-#include <vector>
-
 #include "bridge/bridge.h"
 #include "bridge/dispatch.h"
 #include "bridge/frames.h"
@@ -9,22 +7,7 @@
 
 namespace zq {
 
-bool TcpConn::write(std::string_view bytes) {
-    std::lock_guard<std::mutex> guard(write_lock);
-    if (!alive) return false;
-    if (send_all(socket(), bytes)) return true;
-    alive = false;
-    // Also wakes the connection's read loop, which waits for the game without a timer.
-    accepted_->end();
-    return false;
-}
-
-void TcpConn::release() {
-    alive = false;
-    accepted_->end();
-}
-
-Session::Session(std::shared_ptr<TcpConn> conn, Bridge* owner)
+Session::Session(std::shared_ptr<Listener::Connection> conn, Bridge* owner)
     : connection(std::move(conn)), bridge(owner), upstream(owner->config().velmar_server) {
     if (!owner->config().user_agent.empty()) upstream.client_mark = owner->config().user_agent;
     upstream.cancel = owner->cancel_flag();
@@ -41,11 +24,7 @@ Session::~Session() {
 }
 
 void Session::shutdown() {
-    {
-        std::lock_guard<std::mutex> guard(pump_lock);
-        stop_flag = true;
-    }
-    pump_wake.notify_all();
+    request_pump_stop();
     {
         std::lock_guard<std::mutex> guard(thread_lock);
         if (pump_thread.joinable() && pump_thread.get_id() != std::this_thread::get_id()) pump_thread.join();
@@ -62,19 +41,14 @@ SessionStatus Session::status() const {
 }
 
 void Session::publish_status_locked() {
-    SessionStatus now{npid, call_online_id(), logged_in, room.room_id, room.session_id,
-                      room.member_id, room.owner_member_id, room.max_members, {}};
+    SessionStatus now{call_online_id(), logged_in, room.room_id, room.member_id, room.owner_member_id,
+                      room.max_members, {}, npid, room.session_id};
     for (const auto& [id, record] : room.members) now.members[id] = json_text(record, "OnlineId", "");
     std::lock_guard<std::mutex> guard(status_lock);
     status_ = std::move(now);
 }
 
-std::string quote(const std::string& text) {
-    std::string out = "'";
-    out += printable(text);
-    out += '\'';
-    return out;
-}
+std::string quote(const std::string& text) { return "'" + printable(text) + "'"; }
 
 namespace {
 
@@ -83,7 +57,7 @@ namespace {
 // and a large one is let go once its frame is done.
 class FrameReader {
 public:
-    FrameReader(Bridge& bridge, TcpConn& connection, ByteBudget& budget)
+    FrameReader(Bridge& bridge, Listener::Connection& connection, ByteBudget& budget)
         : bridge_(bridge), connection_(connection), buffer_(budget, block_size) {}
 
     // Makes size unread bytes available. False on end of stream or error, after the deadline
@@ -91,7 +65,7 @@ public:
     // or the bridge is being closed.
     bool need(std::size_t size, double deadline) {
         while (buffer_.size() - read_ < size) {
-            if (!bridge_.running() || !connection_.wait_readable(deadline) || !connection_.is_alive()) return false;
+            if (!bridge_.running() || !connection_.wait_readable(deadline) || connection_.ended()) return false;
             if (!block_) block_.reset(new char[block_size]);  // not cleared: receives fill it
             const int n = recv_some(connection_.socket(), block_.get(), block_size);
             if (n < 1) return false;
@@ -122,7 +96,7 @@ public:
 private:
     static constexpr int block_size = 0x10000;
     Bridge& bridge_;
-    TcpConn& connection_;
+    Listener::Connection& connection_;
     ReceiveBuffer buffer_;
     std::size_t read_ = 0;  // bytes of buffer_ already taken
     std::unique_ptr<char[]> block_;
@@ -131,17 +105,20 @@ private:
 
 }  // namespace
 
-void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, ConnectionSlots::Slot& slot,
-                  ByteBudget& budget) {
+void session_loop(Bridge& bridge, const std::shared_ptr<Listener::Connection>& connection, ByteBudget& budget) {
+    set_tcp_nodelay(connection->socket());
+    set_send_timeout(connection->socket(), Bridge::send_timeout_ms);
+    log_line("tcp: connection from " + connection->peer().text());
+    ConnectionSlots::Slot& slot = connection->slot();
     std::shared_ptr<Session> session;
-    if (connection->write(hello_frame())) {
+    if (connection->send(hello_frame())) {
         FrameReader reader(bridge, *connection, budget);
         std::string reply;
         const double frame_seconds = bridge.frame_timeout_ms / 1000.0;
         // The first frame is due from the accept, every later one from its first byte: a game
         // may sit idle between frames for as long as it likes, never in the middle of one.
         double deadline = steady_seconds() + frame_seconds;
-        while (bridge.running() && connection->is_alive()) {
+        while (bridge.running() && !connection->ended()) {
             slot.waiting();
             if (!reader.need(1, deadline)) break;
             if (deadline == 0) deadline = steady_seconds() + frame_seconds;
@@ -171,14 +148,14 @@ void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, Co
             reply.clear();
             reply.push_back(static_cast<char>(result.code));
             reply += result.payload;
-            if (!connection->write(build_frame(FrameKind::Reply, header.command, header.packet_id, reply))) break;
+            if (!connection->send(build_frame(FrameKind::Reply, header.command, header.packet_id, reply))) break;
             if (session->closing) break;
         }
         if (reader.over_budget())
             log_limited("tcp frame memory", "tcp: closed a connection whose frame did not fit in the memory left for "
                                             "frames");
     }
-    connection->release();
+    connection->end();
 
     if (session) {
         session->shutdown();

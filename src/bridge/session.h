@@ -1,15 +1,14 @@
 #pragma once
-// One game connection (TcpConn) and the state of the game session on it (Session).
+// The state of the game session on one game connection (Session), and the loop that serves
+// the connection.
 //
 // Lock order, outermost first: session_lock; then thread_lock, pump_lock, the client's
-// credentials_lock, the Bridge's locks, a TcpConn's write_lock, or status_lock. Never the other
-// way round.
+// credentials_lock, the Bridge's locks, the connection's send lock, or status_lock. Never the
+// other way round.
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -25,6 +24,7 @@
 #include "shell/connection_threads.h"
 #include "shell/listener.h"
 #include "shell/net.h"
+#include "shell/session_status.h"
 
 namespace zq {
 
@@ -49,60 +49,17 @@ struct CommandResult {
     std::string payload;
 };
 
-// The accepted socket of one game connection. Shared by its read loop, its Session and anyone
-// who writes notifications to it.
-class TcpConn {
-public:
-    explicit TcpConn(std::shared_ptr<Listener::Connection> accepted) : accepted_(std::move(accepted)) {}
-    TcpConn(const TcpConn&) = delete;
-    TcpConn& operator=(const TcpConn&) = delete;
-
-    // Sends the whole buffer under the write lock, so frames of two threads never interleave.
-    // False (and the connection is dead) when a send fails; false at once when already dead.
-    bool write(std::string_view bytes);
-    // For the read loop: waits until the socket can be read, the deadline in steady seconds
-    // passes (0: none) or the connection is ended; true only for the first.
-    bool wait_readable(double deadline) { return accepted_->wait_readable(deadline); }
-    // For the read loop's end: marks it dead and ends it. The socket is closed with the
-    // accepted connection's last owner, so a writer never meets a reused handle.
-    void release();
-
-    bool is_alive() const { return alive.load(); }
-    // Only the read loop reads from the socket.
-    Socket socket() const { return accepted_->socket(); }
-
-    std::atomic<bool> alive{true};
-    std::mutex write_lock;
-
-private:
-    const std::shared_ptr<Listener::Connection> accepted_;
-};
-
-// What others may read of a session at any time. The session publishes it under a short lock
-// of its own after anything that may change it, so that no reader waits on a command.
-struct SessionStatus {
-    std::string npid;  // the game's online id
-    std::string name;  // the upstream name, or npid while there is none
-    bool logged_in = false;
-    std::uint64_t room_id = 0;  // 0: in no room
-    std::string room_session_id;
-    std::int32_t member_id = 0;
-    std::int32_t owner_member_id = 0;
-    std::int32_t max_members = 0;
-    std::map<std::int32_t, std::string> members;  // member id -> online id
-};
-
 // One game session: created by the first Request on a connection and ended with it.
 class Session {
 public:
-    Session(std::shared_ptr<TcpConn> connection, Bridge* bridge);
+    Session(std::shared_ptr<Listener::Connection> connection, Bridge* bridge);
     ~Session();
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
 
     // Stops the event pump and leaves the room, when the connection ends (also on Bridge stop).
     void shutdown();
 
+    // Published under a short lock of its own after anything that may change it, so that no
+    // reader waits on a command.
     SessionStatus status() const;
 
     // Command rows, each run by dispatch with session_lock held.
@@ -145,7 +102,9 @@ public:
                          std::int64_t extra);
 
     std::atomic<bool> closing{false};  // the connection ends after the current reply
-    const std::shared_ptr<TcpConn> connection;
+    // Shared with the read loop and anyone who writes notifications to it. The socket is closed
+    // with its last owner, so a writer never meets a reused handle.
+    const std::shared_ptr<Listener::Connection> connection;
     Bridge* const bridge;  // not owning: the Bridge outlives every session
     // This session's account with the service: its token, its upstream name, its poll session.
     UpstreamClient upstream;
@@ -189,9 +148,8 @@ private:
 std::string quote(const std::string& text);
 
 // The body of each connection thread: Hello, then frames until the connection or the Bridge
-// ends. The slot learns when the connection waits on the game and whether a game is logged in;
-// what a frame holds beyond a small allowance is paid for from the budget.
-void session_loop(Bridge& bridge, const std::shared_ptr<TcpConn>& connection, ConnectionSlots::Slot& slot,
-                  ByteBudget& budget);
+// ends. The connection's slot learns when it waits on the game and whether a game is logged
+// in; what a frame holds beyond a small allowance is paid for from the budget.
+void session_loop(Bridge& bridge, const std::shared_ptr<Listener::Connection>& connection, ByteBudget& budget);
 
 }  // namespace zq

@@ -36,7 +36,6 @@ public:
     // to looking at the flag once in a while.
     void arm();
     void raise();
-    bool raised() const { return raised_.load(); }
     // Only once no thread waits on it any more.
     void close();
 

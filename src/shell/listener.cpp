@@ -9,8 +9,18 @@ namespace zq {
 Listener::Connection::~Connection() { close_socket(socket_); }
 
 void Listener::Connection::end() {
+    ended_ = true;
     wake_.raise();
     shutdown_socket(socket_);
+}
+
+bool Listener::Connection::send(std::string_view bytes) {
+    std::lock_guard<std::mutex> guard(send_lock_);
+    if (ended_) return false;
+    if (send_all(socket_, bytes)) return true;
+    // Also wakes the connection's reader, which waits for its peer without a timer.
+    end();
+    return false;
 }
 
 bool Listener::listen(const std::string& host, int port, int backlog, int* error) {

@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "shell/connection_threads.h"
@@ -32,6 +34,11 @@ public:
         // Ends every wait and every send and receive on it, for good; from any thread. The
         // socket itself is closed with this object, so no caller meets a reused handle.
         void end();
+        bool ended() const { return ended_.load(); }
+        // Sends the whole buffer under a lock of its own, so that the messages of two threads
+        // never interleave. False, and the connection is ended, when a send fails; false at once
+        // when it has ended.
+        bool send(std::string_view bytes);
 
     private:
         friend class Listener;
@@ -41,6 +48,8 @@ public:
         std::shared_ptr<ConnectionSlots::Slot> slot_;
         // A shut-down socket does not wake a wait on every system.
         StopSignal wake_;
+        std::atomic<bool> ended_{false};
+        std::mutex send_lock_;
     };
 
     // What the log is told, rate-limited; each listener has its own words for them.

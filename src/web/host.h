@@ -2,7 +2,6 @@
 // What the web API, the proxies and the status page need of the program that runs them, and
 // no more: copies taken as of the call, so that no handler ever waits on a game's command.
 
-#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -11,6 +10,7 @@
 
 #include "p2p/gateway.h"
 #include "shell/config.h"
+#include "shell/session_status.h"
 #include "shell/util.h"
 
 namespace zq::web {
@@ -20,17 +20,6 @@ namespace zq::web {
 struct Credentials {
     std::string token;
     std::string ruleset;
-};
-
-// One game session as the status page shows it.
-struct SessionRow {
-    std::string name;
-    bool logged_in = false;
-    std::uint64_t room_id = 0;  // 0: in no room
-    std::int32_t member_id = 0;
-    std::int32_t owner_member_id = 0;
-    std::int32_t max_members = 0;
-    std::map<std::int32_t, std::string> members;  // member id -> online id
 };
 
 // The ports actually held, which differ from the settings when those ask for port 0.
@@ -50,7 +39,7 @@ public:
     virtual void set_advertisement(const nlohmann::json& advertisement) = 0;
     // Online id -> where its STUN ping last came from.
     virtual std::map<std::string, Endpoint> stun_table() = 0;
-    virtual std::vector<SessionRow> session_rows() = 0;
+    virtual std::vector<SessionStatus> session_rows() = 0;
     // Null when the gateway is off; it guards its own state.
     virtual p2p::Gateway* gateway() = 0;
     virtual Ports ports() = 0;

@@ -38,7 +38,7 @@ Json service_json(web::Host& host, double now) {
 
 // Names are whatever bytes a game or another player chose; the page shows them, escapes and
 // all, and the JSON encoder takes nothing but UTF-8.
-Json session_json(const web::SessionRow& session) {
+Json session_json(const SessionStatus& session) {
     Json row{{"name", printable(session.name)}, {"logged_in", session.logged_in}, {"room", nullptr}};
     if (session.room_id == 0) return row;
     Json members = Json::array();
@@ -88,7 +88,7 @@ bool status_page_caller_allowed(const http::ServerRequest& request) {
 
 Json status_snapshot(web::Host& host, double now) {
     Json session_rows = Json::array();
-    for (const web::SessionRow& session : host.session_rows()) session_rows.push_back(session_json(session));
+    for (const SessionStatus& session : host.session_rows()) session_rows.push_back(session_json(session));
 
     Json gateway = nullptr;
     Json peers = Json::array();

@@ -22,7 +22,7 @@ struct FakeHost : zq::web::Host {
     zq::web::Credentials signed_in;
     json advert;
     std::map<std::string, zq::Endpoint> stun;
-    std::vector<zq::web::SessionRow> rows;
+    std::vector<zq::SessionStatus> rows;
     zq::p2p::Gateway* gate = nullptr;
     zq::web::Ports bound{31313, 31314, 31315};
 
@@ -31,7 +31,7 @@ struct FakeHost : zq::web::Host {
     json advertisement() override { return advert; }
     void set_advertisement(const json& advertisement) override { advert = advertisement; }
     std::map<std::string, zq::Endpoint> stun_table() override { return stun; }
-    std::vector<zq::web::SessionRow> session_rows() override { return rows; }
+    std::vector<zq::SessionStatus> session_rows() override { return rows; }
     zq::p2p::Gateway* gateway() override { return gate; }
     zq::web::Ports ports() override { return bound; }
 
