@@ -48,7 +48,7 @@ void Session::publish_status_locked() {
     status_ = std::move(now);
 }
 
-std::string quote(const std::string& text) { return "'" + printable(text) + "'"; }
+std::string quote(const std::string& text) { return std::string("'").append(printable(text)).append("'"); }
 
 namespace {
 
