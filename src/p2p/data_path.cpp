@@ -88,6 +88,11 @@ struct Gateway::Route {
     std::vector<SockAddr> known;
     SockAddr port_address;
     bool port_known = false;
+    // The last sender that was no program of this user, and when the next new sender may be
+    // looked up: each look-up reads the system's socket table.
+    SockAddr refused;
+    bool refused_known = false;
+    double next_lookup = 0.0;
     bool peer_heard = false;
     // This batch's tally, handed to the link before anything of the batch is sent.
     std::uint64_t counted = 0;
@@ -370,6 +375,21 @@ void Gateway::port_thread() {
                 UdpMessage& m = in.messages()[i];
                 // That is how the gateway learns, or relearns, where the port really is.
                 if (!route.port_known || !same_address(m.address, route.port_address)) {
+                    // Programs of other users of this PC reach the loopback too: the game's
+                    // side is learned only from a program of this user, where the system tells.
+                    if (check_port_users) {
+                        if (route.refused_known && same_address(m.address, route.refused)) continue;
+                        const double now = steady_seconds();
+                        if (now < route.next_lookup) continue;
+                        route.next_lookup = now + 0.05;
+                        if (!datagram_sender_is_same_user(m.address)) {
+                            route.refused = m.address;
+                            route.refused_known = true;
+                            log_limited("p2p other user", "p2p: ignored datagrams from " + from_sockaddr(m.address).text() +
+                                                              ", a program of another user");
+                            continue;
+                        }
+                    }
                     std::lock_guard<std::mutex> guard(mutex);
                     route.link->port_address = from_sockaddr(m.address);
                     routes_changed_locked();

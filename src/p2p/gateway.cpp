@@ -64,6 +64,7 @@ bool Gateway::start(std::string* error) {
         return false;
     }
     public_socket = s;
+    check_port_users = datagram_user_check_works();
     {
         std::lock_guard<std::mutex> guard(mutex);
         port = bound.port;
@@ -106,6 +107,9 @@ bool Gateway::start(std::string* error) {
         ready_signal.wait(guard, [&] { return started == count; });
     }
     log_line(format_text("p2p: gateway on udp :%d (velmar framing)", bound.port));
+    if (!check_port_users)
+        log_line("p2p: this system does not tell which user a program on this PC runs as; a link learns the "
+                 "game's side from any program on this PC");
     return true;
 }
 

@@ -123,6 +123,9 @@ public:
     // long where it was: while it speaks there, nobody else at its host can take the link.
     double rebind_silence = 2.0;
     double stun_refresh = 15.0;  // overwritten by the owner before start
+    // Whether a link learns the game's side only from programs of this user; start sets it to
+    // whether the system can tell.
+    bool check_port_users = false;
     std::int32_t port = 0;       // asked for; start replaces it with the port bound
     // Port mapping on the home router, turned on by the owner before start. It runs only with a
     // STUN server: what STUN sees of us decides whether a mapping is worth reporting.

@@ -52,6 +52,15 @@ bool peer_user_check_works() {
     return works;
 }
 
+bool datagram_user_check_works() {
+    network_init();
+    Socket s = open_udp_socket();
+    const bool works = s != invalid_socket && bind_socket(s, to_sockaddr(Endpoint{"127.0.0.1", 0})) &&
+                       datagram_sender_is_same_user(to_sockaddr(bound_endpoint(s)));
+    close_socket(s);
+    return works;
+}
+
 std::string local_ipv4() {
     network_init();
     Socket s = open_udp_socket();

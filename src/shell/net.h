@@ -107,6 +107,11 @@ bool serve_local_peer(PeerUser user, std::optional<std::uint32_t> their_session,
 // Whether peer_is_same_user can tell on this system: it is asked about a loopback connection of
 // this process's own, which must come out as the same user.
 bool peer_user_check_works();
+// The same for a datagram from a program on this PC: whether the UDP socket it came from (bound
+// to its address or to every address) belongs to a program of this user, by the same rule.
+bool datagram_sender_is_same_user(const SockAddr& from);
+// Whether datagram_sender_is_same_user can tell: asked about a socket of this process's own.
+bool datagram_user_check_works();
 
 // One datagram of a batch, in a buffer of the caller's: a receive fills size and address, a send
 // reads data, size and address.

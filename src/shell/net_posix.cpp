@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zq {
 
@@ -250,7 +251,7 @@ std::string table_text(const unsigned char* address, std::size_t size, std::uint
     return out + port_text;
 }
 
-// The uid column of the row whose two ends are local and remote, or -1. The table is the one
+// The uid column of the row whose two ends are local and remote (any, when empty), or -1. The table is the one
 // of this thread's network namespace, where its sockets are (/proc/net is the main thread's).
 long table_uid(const char* table, const std::string& local, const std::string& remote) {
     std::ifstream in(std::string("/proc/thread-self/net/") + table);
@@ -263,7 +264,7 @@ long table_uid(const char* table, const std::string& local, const std::string& r
         // sl local_address rem_address st tx_queue:rx_queue tr:tm->when retrnsmt uid ...
         if (std::sscanf(line.c_str(), " %*s %63s %63s %*s %*s %*s %*s %lu", row_local, row_remote, &uid) != 3)
             continue;
-        if (local == row_local && remote == row_remote) return static_cast<long>(uid);
+        if (local == row_local && (remote.empty() || remote == row_remote)) return static_cast<long>(uid);
     }
     return -1;
 }
@@ -290,6 +291,23 @@ bool peer_is_same_user(Socket s) {
         uid = table_uid("tcp6", mapped(b), mapped(a));
     }
     return uid >= 0 && static_cast<uid_t>(uid) == ::geteuid();
+}
+
+bool datagram_sender_is_same_user(const SockAddr& from) {
+    const sockaddr_in& in = as_in(from);
+    const std::uint16_t port = ntohs(in.sin_port);
+    unsigned char mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    std::memcpy(mapped + 12, &in.sin_addr, 4);
+    const unsigned char any[16] = {};
+    // Bound to the address itself or to every address, as an IPv4 or an IPv6 socket.
+    const std::pair<const char*, std::string> rows[] = {
+        {"udp", table_text(reinterpret_cast<const unsigned char*>(&in.sin_addr), 4, port)},
+        {"udp", table_text(any, 4, port)},
+        {"udp6", table_text(mapped, 16, port)},
+        {"udp6", table_text(any, 16, port)}};
+    for (const auto& [table, local] : rows)
+        if (const long uid = table_uid(table, local, ""); uid >= 0) return static_cast<uid_t>(uid) == ::geteuid();
+    return false;
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {

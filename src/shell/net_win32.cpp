@@ -194,12 +194,14 @@ int interface_prefix_length(const std::string& address) {
 
 namespace {
 
-// The TCP table of one address family, with the owning process of each row.
-std::vector<unsigned char> owner_table(ULONG family) {
+// The TCP (or UDP) table of one address family, with the owning process of each row.
+std::vector<unsigned char> owner_table(ULONG family, bool udp = false) {
     std::vector<unsigned char> table(16384);
     for (int attempt = 0; attempt < 4; ++attempt) {
         DWORD size = static_cast<DWORD>(table.size());
-        const DWORD result = GetExtendedTcpTable(table.data(), &size, FALSE, family, TCP_TABLE_OWNER_PID_CONNECTIONS, 0);
+        const DWORD result =
+            udp ? GetExtendedUdpTable(table.data(), &size, FALSE, family, UDP_TABLE_OWNER_PID, 0)
+                : GetExtendedTcpTable(table.data(), &size, FALSE, family, TCP_TABLE_OWNER_PID_CONNECTIONS, 0);
         if (result == NO_ERROR) return table;
         if (result != ERROR_INSUFFICIENT_BUFFER) break;
         table.resize(size + 4096);
@@ -254,12 +256,36 @@ std::vector<unsigned char> process_user(HANDLE process) {
     return user;
 }
 
-}  // namespace
+// The process that owns the UDP socket bound to from's port and its address (or every address).
+DWORD udp_owning_process(const sockaddr_in& from) {
+    const auto same_port = [](DWORD field, u_short port) { return static_cast<u_short>(field & 0xFFFF) == port; };
+    std::vector<unsigned char> v4 = owner_table(AF_INET, true);
+    if (!v4.empty()) {
+        const auto* t = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(v4.data());
+        for (DWORD i = 0; i < t->dwNumEntries; ++i) {
+            const MIB_UDPROW_OWNER_PID& row = t->table[i];
+            if (same_port(row.dwLocalPort, from.sin_port) &&
+                (row.dwLocalAddr == from.sin_addr.s_addr || row.dwLocalAddr == INADDR_ANY))
+                return row.dwOwningPid;
+        }
+    }
+    std::vector<unsigned char> v6 = owner_table(AF_INET6, true);
+    if (!v6.empty()) {
+        static const unsigned char any[16] = {};
+        unsigned char mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+        std::memcpy(mapped + 12, &from.sin_addr, 4);
+        const auto* t = reinterpret_cast<const MIB_UDP6TABLE_OWNER_PID*>(v6.data());
+        for (DWORD i = 0; i < t->dwNumEntries; ++i) {
+            const MIB_UDP6ROW_OWNER_PID& row = t->table[i];
+            if (same_port(row.dwLocalPort, from.sin_port) &&
+                (std::memcmp(row.ucLocalAddr, mapped, 16) == 0 || std::memcmp(row.ucLocalAddr, any, 16) == 0))
+                return row.dwOwningPid;
+        }
+    }
+    return 0;
+}
 
-bool peer_is_same_user(Socket s) {
-    SockAddr mine, theirs;
-    if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
-    const DWORD pid = owning_process(as_in(theirs), as_in(mine));
+bool process_is_same_user(DWORD pid) {
     if (pid == 0) return false;
     if (pid == GetCurrentProcessId()) return true;
     std::vector<unsigned char> theirs_user;
@@ -281,6 +307,18 @@ bool peer_is_same_user(Socket s) {
         return session;
     };
     return serve_local_peer(user, session_of(pid), session_of(GetCurrentProcessId()));
+}
+
+}  // namespace
+
+bool peer_is_same_user(Socket s) {
+    SockAddr mine, theirs;
+    if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
+    return process_is_same_user(owning_process(as_in(theirs), as_in(mine)));
+}
+
+bool datagram_sender_is_same_user(const SockAddr& from) {
+    return process_is_same_user(udp_owning_process(as_in(from)));
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {

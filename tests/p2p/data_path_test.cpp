@@ -2,8 +2,10 @@
 #include "p2p/gateway.h"
 #include "p2p/stun.h"
 #include "support/fake_port.h"
+#include "support/host.h"
 #include "support/log_capture.h"
 #include "support/prelude.h"
+#include "support/process.h"
 #include "support/stun_relay_server.h"
 
 using zq::Endpoint;
@@ -229,4 +231,25 @@ TEST_F(OneGateway, StrangersAndAmbiguousSendersNeverReachThePort) {
     from(stranger, "\xFE" "zqhp\0\0\0"s);
     from(dave, peer_frame("dave"));
     EXPECT_TRUE(next_is(port, port_frame("dave"), dave_sees));
+}
+
+// The link sockets are on the loopback, where programs of other users of this PC can send too:
+// the game's side of a link is learned only from a program of this user.
+TEST_F(OneGateway, ALinkLearnsTheGameOnlyFromAProgramOfThisUser) {
+    std::string why;
+    const std::vector<std::string> as_other = as_another_user(&why);
+    if (as_other.empty()) GTEST_SKIP() << why;
+    const std::filesystem::path bash = find_program("bash");
+    if (bash.empty()) GTEST_SKIP() << "no bash to send a datagram with";
+    ASSERT_TRUE(g.start(nullptr));
+    FakePort bob;
+    const Endpoint link = add(2, "bob", bob.address());
+    std::vector<std::string> args(as_other.begin() + 1, as_other.end());
+    args.insert(args.end(), {bash.string(), "-c",
+                             zq::format_text("printf 'xxxxevil' > /dev/udp/127.0.0.1/%d", link.port)});
+    run_process(as_other[0], args, {});
+    ASSERT_TRUE(wait_until([&] { return log.contains(", a program of another user"); }, 10.0));
+    // Had the other program taken the link, bob's frame would go to it.
+    from(bob, peer_frame("bob"));
+    EXPECT_TRUE(next_is(port, port_frame("bob")));
 }
