@@ -6,6 +6,9 @@
 #include <cstring>
 #include <fstream>
 #include <ifaddrs.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -269,6 +272,42 @@ long table_uid(const char* table, const std::string& local, const std::string& r
     return -1;
 }
 
+// The uid of the TCP socket whose own end is `own` and whose other end is `other` (raw addresses
+// of the family's size, ports in host order), asked of the kernel's socket diagnostics: one exact
+// look-up, where the tables above walk every socket of the system (milliseconds on a busy PC,
+// paid on every accept). -1 when it has no such socket or cannot be asked.
+long diag_uid(int family, const void* own, std::uint16_t own_port, const void* other, std::uint16_t other_port) {
+    const int fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd < 0) return -1;
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 request;
+    } ask{};
+    ask.header.nlmsg_len = sizeof ask;
+    ask.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    ask.header.nlmsg_flags = NLM_F_REQUEST;
+    ask.request.sdiag_family = static_cast<std::uint8_t>(family);
+    ask.request.sdiag_protocol = IPPROTO_TCP;
+    ask.request.idiag_states = ~0u;
+    const std::size_t size = family == AF_INET ? 4 : 16;
+    std::memcpy(ask.request.id.idiag_src, own, size);
+    std::memcpy(ask.request.id.idiag_dst, other, size);
+    ask.request.id.idiag_sport = htons(own_port);
+    ask.request.id.idiag_dport = htons(other_port);
+    ask.request.id.idiag_cookie[0] = ask.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+    long uid = -1;
+    alignas(nlmsghdr) char answer[1024];
+    if (::send(fd, &ask, sizeof ask, 0) == static_cast<ssize_t>(sizeof ask)) {
+        const ssize_t n = ::recv(fd, answer, sizeof answer, 0);
+        const auto* reply = reinterpret_cast<const nlmsghdr*>(answer);
+        if (n > 0 && NLMSG_OK(reply, static_cast<unsigned>(n)) && reply->nlmsg_type == SOCK_DIAG_BY_FAMILY &&
+            reply->nlmsg_len >= NLMSG_LENGTH(sizeof(inet_diag_msg)))
+            uid = static_cast<long>(static_cast<const inet_diag_msg*>(NLMSG_DATA(reply))->idiag_uid);
+    }
+    ::close(fd);
+    return uid;
+}
+
 }  // namespace
 
 bool peer_is_same_user(Socket s) {
@@ -276,19 +315,21 @@ bool peer_is_same_user(Socket s) {
     if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
     const sockaddr_in& a = as_in(mine);
     const sockaddr_in& b = as_in(theirs);
-    // The peer's own socket is the row seen from its side: its address local, ours remote.
-    const auto v4 = [](const sockaddr_in& in) {
-        return table_text(reinterpret_cast<const unsigned char*>(&in.sin_addr), 4, ntohs(in.sin_port));
-    };
-    long uid = table_uid("tcp", v4(b), v4(a));
+    unsigned char mapped_a[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    unsigned char mapped_b[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    std::memcpy(mapped_a + 12, &a.sin_addr, 4);
+    std::memcpy(mapped_b + 12, &b.sin_addr, 4);
+    // The peer's own socket: its address its own end, ours the other. A program with an IPv6
+    // socket reaches an IPv4 listener by a mapped address.
+    long uid = diag_uid(AF_INET, &b.sin_addr, ntohs(b.sin_port), &a.sin_addr, ntohs(a.sin_port));
+    if (uid < 0) uid = diag_uid(AF_INET6, mapped_b, ntohs(b.sin_port), mapped_a, ntohs(a.sin_port));
     if (uid < 0) {
-        // A program with an IPv6 socket reaches an IPv4 listener by a mapped address.
-        const auto mapped = [](const sockaddr_in& in) {
-            unsigned char address[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-            std::memcpy(address + 12, &in.sin_addr, 4);
-            return table_text(address, 16, ntohs(in.sin_port));
+        // Where the kernel cannot be asked, its tables: the peer's row.
+        const auto row = [](const void* address, std::size_t size, const sockaddr_in& in) {
+            return table_text(static_cast<const unsigned char*>(address), size, ntohs(in.sin_port));
         };
-        uid = table_uid("tcp6", mapped(b), mapped(a));
+        uid = table_uid("tcp", row(&b.sin_addr, 4, b), row(&a.sin_addr, 4, a));
+        if (uid < 0) uid = table_uid("tcp6", row(mapped_b, 16, b), row(mapped_a, 16, a));
     }
     return uid >= 0 && static_cast<uid_t>(uid) == ::geteuid();
 }
