@@ -136,6 +136,18 @@ public:
                                                    MappingProtocol::Upnp};
     // Whom to ask: empty, the default gateway when it has a private address, at kPortMappingServerPort.
     std::optional<Endpoint> mapping_router;
+    // What a broken or hostile router (or STUN server) can make us do. Honest ones never reach
+    // these bounds; tests lower them.
+    // A home router keeps even an idle UDP mapping for two minutes or more, and grants leases of
+    // minutes to hours (we ask for 7200 s). A lease under a minute is a broken or hostile
+    // router's: it is renewed no sooner than this, however short, so the router cannot set our pace.
+    double mapping_renew_floor = 30.0;
+    // Each new public address costs one call to the service per logged-in game. The first few
+    // are told at once (STUN's first answer and a fresh mapping come seconds apart); beyond them,
+    // one per announce_interval, the latest address winning: as often as the floor above lets a
+    // mapping move.
+    double announce_interval = 30.0;
+    int announce_burst = 3;
     const std::optional<Endpoint> stun_server;
     const std::string lan_host;
     const std::function<void(const Endpoint&)> on_mapped_change;
@@ -226,7 +238,8 @@ private:
     // timer_thread sleeps on it, with the mutex, until a pass is due or the links change.
     std::condition_variable timer_signal;
 
-    // New public addresses for report_thread to hand to on_mapped_change, in order. stun_thread,
+    // New public addresses for report_thread to hand to on_mapped_change, in order while
+    // announce_burst allows, else only the latest. stun_thread,
     // report_thread and mapping_thread sleep on stun_signal with stun_lock, which is never held
     // together with the mutex.
     std::mutex stun_lock;

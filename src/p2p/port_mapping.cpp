@@ -118,10 +118,10 @@ void Gateway::mapping_thread() {
             set_port_mapping(mapper.grant());
         }
         if (!mapper.grant()) break;  // stopping
-        // Renewed at half the lifetime, and looked at in between.
+        // Renewed at half the lifetime, though never sooner than the floor, and looked at in between.
         const std::uint32_t lifetime = mapper.grant()->lifetime;
         double wait = check_every;
-        if (lifetime > 0) wait = std::min(wait, lifetime / 2.0);
+        if (lifetime > 0) wait = std::min(wait, std::max(lifetime / 2.0, mapping_renew_floor));
         next = steady_seconds() + wait;
     }
     if (mapper.grant()) {

@@ -71,8 +71,9 @@ void Gateway::on_stun_answer(std::string_view datagram) {
 void Gateway::tell_owner(const Endpoint& address) {
     if (!on_mapped_change) return;
     std::lock_guard<std::mutex> guard(stun_lock);
-    // Every change is told, in order. Only a server that moves our address faster than the
-    // owner can take it in would fill this; then the oldest untold ones give way.
+    // Changes are told in order while report_thread's pace allows. Only a server that moves our
+    // address faster than the owner can take it in would fill this; then the oldest untold ones
+    // give way.
     if (mapped_changes.size() == kMaxMappedChanges) mapped_changes.pop_front();
     mapped_changes.push_back(address);
     stun_signal.notify_all();
@@ -98,14 +99,34 @@ void Gateway::stun_thread() {
 }
 
 void Gateway::report_thread() {
+    // A token bucket: announce_burst calls at once, refilled at one per announce_interval.
+    const double interval = std::max(announce_interval, 0.001);
+    const double burst = std::max(announce_burst, 1);
+    double tokens = burst;
+    double filled = steady_seconds();
+    std::optional<Endpoint> told;
     std::unique_lock<std::mutex> lock(stun_lock);
     while (!stopping) {
         if (mapped_changes.empty()) {
             stun_signal.wait(lock);
             continue;
         }
+        const double now = steady_seconds();
+        tokens = std::min(tokens + (now - filled) / interval, burst);
+        filled = now;
+        if (tokens < 1.0) {
+            // Held back: what the owner will be told is where we are by then.
+            while (mapped_changes.size() > 1) mapped_changes.pop_front();
+            stun_signal.wait_for(lock, std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                           std::chrono::duration<double>((1.0 - tokens) * interval)));
+            continue;
+        }
         const Endpoint address = mapped_changes.front();
         mapped_changes.pop_front();
+        // An address that moved away and back while held costs no call.
+        if (address == told) continue;
+        told = address;
+        tokens -= 1.0;
         lock.unlock();
         try {
             on_mapped_change(address);

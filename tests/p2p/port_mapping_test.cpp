@@ -29,6 +29,38 @@ std::string natpmp_answer(int opcode, const std::string& rest, std::uint32_t epo
     return bytes({0, 128 + opcode, 0, 0}) + zq::be32_bytes(epoch) + rest;
 }
 
+// A gateway whose STUN server sees it at 198.51.100.7:5555 and whose router is a fake that
+// speaks PCP as each test scripts it; every public address told to the owner is kept.
+class PortMapping : public ::testing::Test {
+protected:
+    PortMapping() {
+        stun.set_grant(false);
+        stun.set_reported(Endpoint{"198.51.100.7", 5555});
+        g.stun_refresh = 0.1;
+        g.port_mapping = true;
+        g.mapping_router = router.address();
+        g.mapping_protocols = {MappingProtocol::Pcp};
+    }
+    std::vector<Endpoint> told_so_far() {
+        std::lock_guard<std::mutex> guard(told_lock);
+        return told;
+    }
+    Endpoint last_told() {
+        auto all = told_so_far();
+        return all.empty() ? Endpoint{} : all.back();
+    }
+
+    LogCapture log;
+    StunRelayServer stun;
+    FakePort router;
+    std::mutex told_lock;
+    std::vector<Endpoint> told;  // guarded by told_lock
+    Gateway g{0, stun.address(), "127.0.0.1", [this](const Endpoint& e) {
+                  std::lock_guard<std::mutex> guard(told_lock);
+                  told.push_back(e);
+              }};
+};
+
 }  // namespace
 
 TEST(PortMappingCodec, RequestsAndAnswersOfBothProtocols) {
@@ -125,26 +157,7 @@ TEST(PortMapper, FallsBackToNatPmpWhenTheRouterAnswersPcpWithItsOwnVersion) {
 // The gateway reports a mapping as its public address only when it is public and STUN sees the
 // same address, whatever port STUN sees; otherwise STUN's address, with the reason in the log.
 // The mapping is released at stop.
-TEST(PortMapping, TheGatewayReportsAMappingOnlyWhereSTUNAgrees) {
-    LogCapture log;
-    StunRelayServer stun;
-    stun.set_grant(false);
-    stun.set_reported(Endpoint{"198.51.100.7", 5555});
-    FakePort router;
-    std::mutex told_lock;
-    std::vector<Endpoint> told;  // guarded by told_lock
-    auto last_told = [&] {
-        std::lock_guard<std::mutex> guard(told_lock);
-        return told.empty() ? Endpoint{} : told.back();
-    };
-    Gateway g(0, stun.address(), "127.0.0.1", [&](const Endpoint& e) {
-        std::lock_guard<std::mutex> guard(told_lock);
-        told.push_back(e);
-    });
-    g.stun_refresh = 0.1;
-    g.port_mapping = true;
-    g.mapping_router = router.address();
-    g.mapping_protocols = {MappingProtocol::Pcp};
+TEST_F(PortMapping, TheGatewayReportsAMappingOnlyWhereSTUNAgrees) {
     g.mapping_check = 0.2;
     ASSERT_TRUE(g.start(nullptr));
     ASSERT_TRUE(wait_until([&] { return g.mapped_address().has_value(); }, 10.0));
@@ -184,4 +197,46 @@ TEST(PortMapping, TheGatewayReportsAMappingOnlyWhereSTUNAgrees) {
     ASSERT_TRUE(release);
     EXPECT_EQ(release->bytes.substr(4, 4), std::string(4, '\0'));
     EXPECT_TRUE(log.contains("p2p: port mapping by PCP released"));
+}
+
+// A router that grants 1 s leases on a port that moves with every answer, its epoch going back
+// now and then, sets the pace of neither the renewals nor the addresses told: a renewal comes no
+// sooner than the floor, announcements beyond the first few no more often than their interval,
+// and the last mapping is the one told in the end, however late.
+TEST_F(PortMapping, AFlappingRouterSetsThePaceOfNeitherRenewalsNorAnnouncements) {
+    g.mapping_renew_floor = 1.0;  // above the half-lifetime of a 1 s lease
+    g.announce_interval = 3.0;
+    const double began = zq::steady_seconds();
+    ASSERT_TRUE(g.start(nullptr));
+
+    // The next request, past any resend of the one before (a slow answer brings one).
+    std::string previous;
+    auto next_request = [&]() -> std::optional<Datagram> {
+        for (auto d = router.receive(); d; d = router.receive())
+            if (d->bytes != previous) {
+                previous = d->bytes;
+                return d;
+            }
+        return std::nullopt;
+    };
+    const std::string host = "198.51.100.7";
+    double asked = 0.0;
+    for (int i = 0; i < 5; ++i) {
+        auto request = next_request();
+        ASSERT_TRUE(request);
+        const double now = zq::steady_seconds();
+        if (i > 0) EXPECT_GE(now - asked, g.mapping_renew_floor - 0.05) << "renewal " << i;
+        asked = now;
+        router.send_raw(request->from, pcp_answer(request->bytes, host, 40000 + i % 2, 1, i % 3 == 2 ? 1 : 100 + i));
+    }
+    const Endpoint last{host, 40002};
+    auto request = next_request();
+    ASSERT_TRUE(request);
+    router.send_raw(request->from, pcp_answer(request->bytes, host, last.port, 7200, 200));
+    ASSERT_TRUE(wait_until([&] { return last_told() == last; }, 10.0));
+    EXPECT_EQ(g.own_endpoints().second, last);
+
+    const double elapsed = zq::steady_seconds() - began;
+    EXPECT_LE(told_so_far().size(), g.announce_burst + elapsed / g.announce_interval);
+    EXPECT_LE(log.count_containing("p2p: port mapping by PCP"), 2 * (elapsed / g.mapping_renew_floor + 1));
 }
