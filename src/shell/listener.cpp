@@ -107,10 +107,9 @@ void Listener::accept_thread() {
         }
         rest = 0.05;
         const Endpoint peer = from_sockaddr(from);
-        const bool admitted = peers.admits(peer.host);
-        if (!admitted || (same_user_only && peers.on_this_pc(peer.host) && !peer_is_same_user(s))) {
+        if (!peers.admits(peer.host)) {
             close_socket(s);
-            say(admitted ? Event::OtherUser : Event::NotServed, peer);
+            say(Event::NotServed, peer);
             continue;
         }
         const auto connection = std::shared_ptr<Connection>(new Connection(s, peer));
@@ -136,7 +135,13 @@ void Listener::admit_queued_locked() {
         std::string why;
         if (!threads_.start(
                 [this, connection] {
-                    serve_(connection);
+                    // Here rather than on the accept thread: the system's socket table may be
+                    // long to read, and the accept thread must keep up with whoever connects.
+                    if (same_user_only && peers.on_this_pc(connection->peer_.host) &&
+                        !peer_is_same_user(connection->socket_))
+                        say(Event::OtherUser, connection->peer_);
+                    else
+                        serve_(connection);
                     slots_.close(connection->slot_);
                     // The slot is free: the connection that has waited longest for one takes it.
                     std::lock_guard<std::mutex> guard(queue_lock_);
