@@ -55,7 +55,7 @@ void Bridge::serve() {
                 case Event::OtherUser: return "tcp: refused connection from " + from + " (a program of another user)";
                 case Event::SlotTaken:
                     return "tcp: took a connection slot back from " + detail + ", idle without a login";
-                case Event::Full: return "tcp: refused connection from " + from + " (too many connections)";
+                case Event::Full: return "tcp: connection from " + from + " waits for a slot (too many connections)";
                 case Event::NoThread: return "tcp: refused connection from " + from + " (cannot start a thread)";
             }
             return {};

@@ -81,7 +81,7 @@ public:
     // Game connections served at once. A game holds one, so this only bounds what a
     // misbehaving local program can take: when all are held, a connection that is idle without
     // a logged-in game loses its slot to the newcomer, and only when none is does the newcomer
-    // get closed.
+    // wait for one.
     static constexpr int max_game_connections = 64;
     // What the frames that all game connections are receiving may hold together, beyond 64 KiB
     // each; a connection whose frame does not fit is closed.

@@ -133,7 +133,7 @@ bool Server::start(const std::string& host, int port_wanted, Handler handler_in,
             case Event::SlotTaken:
                 return zq::format_text("http :%d: took a connection slot back from %s, which kept it waiting", port, d);
             case Event::Full:
-                return zq::format_text("http :%d: %d connections open, refused another", port, max_connections);
+                return zq::format_text("http :%d: %d connections open, another waits for a slot", port, max_connections);
             case Event::NoThread: return zq::format_text("http :%d: refused a connection, no thread: %s", port, d);
         }
         return {};
@@ -162,9 +162,14 @@ void Server::connection_thread(zq::Listener::Connection& connection) {
     bool keep_alive = true;
     bool first = true;
     const bool from_this_pc = peers.on_this_pc(connection.peer().host);
+    // Whether the request under way has waited for its peer yet: the slot counts as waiting
+    // from the first wait, so that a peer that trickles its bytes gains nothing by it.
+    bool waited = false;
     // Appends one receive to the buffer; false when the peer is gone or failed, the deadline
     // passed, the budget has no room for it, or the server is stopping.
     auto receive = [&](double deadline) {
+        if (!waited) connection.slot().waiting();
+        waited = true;
         if (!connection.wait_readable(deadline)) return false;
         int n = zq::recv_some(s, block.get(), block_size);
         if (n < 1) return false;
@@ -192,7 +197,9 @@ void Server::connection_thread(zq::Listener::Connection& connection) {
         // but once its next request has begun, the head is due within the same time.
         bool begun = first || buffer.size() > 0;
         first = false;
-        connection.slot().waiting();
+        // A request that is here already keeps the connection working.
+        waited = false;
+        connection.slot().working();
         double deadline = seconds_from_now(begun ? head_timeout_ms : idle_timeout_ms);
         std::size_t searched = 0;
         std::size_t end;
@@ -264,6 +271,8 @@ void Server::connection_thread(zq::Listener::Connection& connection) {
         } catch (const std::exception& e) {
             response = error_response((std::string("bridge error: ") + e.what()).c_str(), 500);
         }
+        // A newcomer waits for a slot: this answer says close, and the slot is the newcomer's.
+        if (keep_alive && connection.slot().give_way()) keep_alive = false;
 
         if (!send(format_response(response, keep_alive, request.method == "HEAD"))) keep_alive = false;
     }

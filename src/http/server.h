@@ -5,7 +5,8 @@
 //
 // Anything on the machine can connect, so every resource a caller can make it hold is bounded:
 // who may connect at all (by address), connections at once (a full server takes a slot back
-// from a connection that waits on its peer, and closes a newcomer only when none does), the
+// from a connection that waits on its peer; when none does, the newcomer waits in a queue and
+// the next connection to finish an answer closes after it and leaves its slot to it), the
 // time a request head, a body, an idle keep-alive connection and the sending of a response may
 // take, the size of a body (larger ones get 413), and the memory that all connections' receive
 // buffers hold together. Every connection thread is owned and joined by stop, which first

@@ -14,6 +14,8 @@ namespace zq {
 namespace {
 // How often a wait without the signal's socket looks at the flag.
 constexpr double fallback_slice = 0.2;
+// A connection that has waited on its peer this long (seconds) loses its slot to any newcomer.
+constexpr double long_wait = 1.0;
 }  // namespace
 
 void StopSignal::arm() {
@@ -110,17 +112,26 @@ void ConnectionThreads::join_all() {
 }
 
 std::shared_ptr<ConnectionSlots::Slot> ConnectionSlots::open(std::function<void()> wake, const std::string& peer,
-                                                            int limit, std::string* taken) {
+                                                            double came, int limit, std::string* taken) {
     std::lock_guard<std::mutex> guard(lock_);
     std::shared_ptr<Slot> victim;
     if (static_cast<int>(slots_.size()) - taken_ >= limit) {
         // Those taken back end at once unless a handler is still busy; never more of them than
         // the limit, so that threads stay bounded.
         if (taken_ >= limit) return nullptr;
+        const double now = steady_seconds();
+        double oldest = 0;
         for (const auto& slot : slots_) {
             const double since = slot->since_;
             if (slot->taken_ || slot->kept_ || since < 0) continue;
-            if (!victim || since < victim->since_) victim = slot;
+            // One that gave way and still waits has a peer that does not read its last answer:
+            // it goes first, whenever it began to wait.
+            if (!slot->giving_way_ && since >= came && since > now - long_wait) continue;
+            const double rank = slot->giving_way_ ? 0.0 : since;
+            if (!victim || rank < oldest) {
+                victim = slot;
+                oldest = rank;
+            }
         }
         if (!victim) return nullptr;
         victim->taken_ = true;
@@ -129,7 +140,7 @@ std::shared_ptr<ConnectionSlots::Slot> ConnectionSlots::open(std::function<void(
         victim->wake_();
         if (taken) *taken = victim->peer_;
     }
-    auto slot = std::shared_ptr<Slot>(new Slot(std::move(wake), peer));
+    auto slot = std::shared_ptr<Slot>(new Slot(*this, std::move(wake), peer));
     slots_.push_back(slot);
     return slot;
 }
@@ -145,6 +156,19 @@ void ConnectionSlots::close(const std::shared_ptr<Slot>& slot) {
 void ConnectionSlots::wake_all() {
     std::lock_guard<std::mutex> guard(lock_);
     for (const auto& slot : slots_) slot->wake_();
+}
+
+void ConnectionSlots::set_newcomers(int waiting) {
+    std::lock_guard<std::mutex> guard(lock_);
+    newcomers_ = waiting;
+}
+
+bool ConnectionSlots::give_way(Slot& slot) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (newcomers_ <= 0 || slot.taken_ || slot.kept_ || slot.giving_way_) return false;
+    --newcomers_;
+    slot.giving_way_ = true;
+    return true;
 }
 
 bool ByteBudget::take(std::size_t bytes) {

@@ -77,7 +77,10 @@ private:
 // The open connections of one listener, at most a limit of them, and whether each waits on
 // its peer. A full listener takes a slot back from the connection whose peer has kept it
 // waiting longest (one that sends nothing, or reads nothing) rather than refuse a newcomer, so
-// that whoever holds every slot without using it cannot lock the game out.
+// that whoever holds every slot without using it cannot lock the game out. Where every slot
+// works, newcomers wait in the listener's queue, and connections that serve one exchange after
+// another (pipelining clients that never read keep theirs busy for ever) give way to them
+// between two exchanges.
 class ConnectionSlots {
 public:
     class Slot {
@@ -89,31 +92,50 @@ public:
         void working() { since_ = -1.0; }
         // A kept slot (a logged-in game) is never taken back.
         void keep(bool kept) { kept_ = kept; }
+        // Asked by the connection's own thread before it answers an exchange: true when a
+        // newcomer waits for a slot, and then the connection ends once this answer is out. Its
+        // slot is taken back at once if the peer does not read that answer.
+        bool give_way() { return owner_.give_way(*this); }
 
     private:
         friend class ConnectionSlots;
-        Slot(std::function<void()> wake, std::string peer) : wake_(std::move(wake)), peer_(std::move(peer)) {}
+        Slot(ConnectionSlots& owner, std::function<void()> wake, std::string peer)
+            : owner_(owner), wake_(std::move(wake)), peer_(std::move(peer)) {}
+        ConnectionSlots& owner_;  // outlives every thread that serves a connection
         const std::function<void()> wake_;  // ends the connection's waits: shuts its socket down
         const std::string peer_;
-        std::atomic<double> since_{steady_seconds()};
+        // A new connection counts as working until its thread first waits: a slot is never
+        // taken back before its connection has been looked at.
+        std::atomic<double> since_{-1.0};
         std::atomic<bool> kept_{false};
-        bool taken_ = false;  // guarded by the slots' lock
+        bool taken_ = false;       // guarded by the slots' lock
+        bool giving_way_ = false;  // guarded by the slots' lock
     };
 
     // A slot for a new connection while fewer than limit are held. When they are all held, the
-    // one that has waited longest is taken back: wake is called to end it (which must be safe
-    // until close), its peer's text goes to *taken, and its slot counts as free from now on.
-    // Null when no slot can be taken back: all work or are kept, or too many are still ending.
-    std::shared_ptr<Slot> open(std::function<void()> wake, const std::string& peer, int limit, std::string* taken);
+    // one that has waited longest is taken back, if it has waited since before the newcomer
+    // came (steady seconds) or for long: wake is called to end it (which must be safe until
+    // close), its peer's text goes to *taken, and its slot counts as free from now on. A
+    // connection that waits a moment between its peer's bytes and its answer thus keeps its
+    // slot against those queued behind it. Null when no slot can be taken back: all work, are
+    // kept or began waiting just now, or too many are still ending.
+    std::shared_ptr<Slot> open(std::function<void()> wake, const std::string& peer, double came, int limit,
+                               std::string* taken);
     // When the connection ends.
     void close(const std::shared_ptr<Slot>& slot);
     // Wakes every connection; for stop.
     void wake_all();
+    // How many newcomers wait for a slot: as many connections give way, at most, until the
+    // next call.
+    void set_newcomers(int waiting);
 
 private:
+    bool give_way(Slot& slot);
+
     std::mutex lock_;
     std::vector<std::shared_ptr<Slot>> slots_;  // guarded by lock_
     int taken_ = 0;                             // taken back but not closed yet; guarded by lock_
+    int newcomers_ = 0;                         // not yet given way to; guarded by lock_
 };
 
 // Bytes that the connections of one listener may buffer beyond a small allowance each, so that

@@ -52,6 +52,12 @@ void Listener::stop() {
     // Closed only now: a socket number closed under a waiting thread may come back as another.
     close_socket(socket_);
     socket_ = invalid_socket;
+    {
+        // From now on no connection thread starts another, so that join_all below misses none.
+        std::lock_guard<std::mutex> guard(queue_lock_);
+        stopping_ = true;
+        queue_.clear();
+    }
     // No connection comes any more, so none escapes this.
     slots_.wake_all();
     threads_.join_all();
@@ -62,15 +68,33 @@ void Listener::say(Event event, const Endpoint& peer, const std::string& detail)
     log_limited(cause_ + " " + std::to_string(static_cast<int>(event)), describe_(event, peer, detail));
 }
 
+namespace {
+// How often queued connections look for a slot again while they wait: a connection that gave
+// way may be stuck sending its last answer, and nothing tells the accept thread.
+constexpr double queue_recheck = 0.02;
+}  // namespace
+
 void Listener::accept_thread() {
     // After a failed accept: from 50 ms, doubling up to a second, and back once one works.
     double rest = 0.05;
     for (;;) {
         // Sleeps until a connection comes or stop raises the signal: nothing to do in between,
-        // since ended connection threads are joined when the next one starts.
-        const StopSignal::Wait woke = stop_signal_.wait(socket_, 0);
+        // since ended connection threads are joined when the next one starts. A full queue
+        // leaves further connections in the backlog.
+        bool room = true;
+        double deadline = 0;
+        {
+            std::lock_guard<std::mutex> guard(queue_lock_);
+            room = static_cast<int>(queue_.size()) < max_connections;
+            if (!queue_.empty()) deadline = steady_seconds() + queue_recheck;
+        }
+        const StopSignal::Wait woke = stop_signal_.wait(room ? socket_ : invalid_socket, deadline);
         if (woke == StopSignal::Wait::Stopped) return;
-        if (woke != StopSignal::Wait::Ready) continue;
+        if (woke != StopSignal::Wait::Ready) {
+            std::lock_guard<std::mutex> guard(queue_lock_);
+            admit_queued_locked();
+            continue;
+        }
         SockAddr from;
         const Socket s = accept_socket(socket_, &from);
         if (s == invalid_socket) {
@@ -83,33 +107,52 @@ void Listener::accept_thread() {
         }
         rest = 0.05;
         const Endpoint peer = from_sockaddr(from);
-        const bool admitted = peers.admits(peer.host);
-        if (!admitted || (same_user_only && peers.on_this_pc(peer.host) && !peer_is_same_user(s))) {
+        if (!peers.admits(peer.host)) {
             close_socket(s);
-            say(admitted ? Event::OtherUser : Event::NotServed, peer);
+            say(Event::NotServed, peer);
             continue;
         }
         const auto connection = std::shared_ptr<Connection>(new Connection(s, peer));
+        std::lock_guard<std::mutex> guard(queue_lock_);
+        queue_.push_back(connection);
+        admit_queued_locked();
+        if (!queue_.empty() && queue_.back() == connection) say(Event::Full, peer);
+    }
+}
+
+void Listener::admit_queued_locked() {
+    if (stopping_) return;
+    while (!queue_.empty()) {
+        const std::shared_ptr<Connection> connection = queue_.front();
         std::string taken;
         // Called under the slots' lock, which the slot is closed under before the connection
         // (and its socket) can go.
-        connection->slot_ = slots_.open([c = connection.get()] { c->end(); }, peer.text(), max_connections, &taken);
-        if (!taken.empty()) say(Event::SlotTaken, peer, taken);
-        if (!connection->slot_) {
-            say(Event::Full, peer);
-            continue;
-        }
+        connection->slot_ = slots_.open([c = connection.get()] { c->end(); }, connection->peer_.text(),
+                                        connection->accepted_, max_connections, &taken);
+        if (!taken.empty()) say(Event::SlotTaken, connection->peer_, taken);
+        if (!connection->slot_) break;
+        queue_.pop_front();
         std::string why;
         if (!threads_.start(
                 [this, connection] {
-                    serve_(connection);
+                    // Here rather than on the accept thread: the system's socket table may be
+                    // long to read, and the accept thread must keep up with whoever connects.
+                    if (same_user_only && peers.on_this_pc(connection->peer_.host) &&
+                        !peer_is_same_user(connection->socket_))
+                        say(Event::OtherUser, connection->peer_);
+                    else
+                        serve_(connection);
                     slots_.close(connection->slot_);
+                    // The slot is free: the connection that has waited longest for one takes it.
+                    std::lock_guard<std::mutex> guard(queue_lock_);
+                    admit_queued_locked();
                 },
                 &why)) {
             slots_.close(connection->slot_);
-            say(Event::NoThread, peer, why);
+            say(Event::NoThread, connection->peer_, why);
         }
     }
+    slots_.set_newcomers(static_cast<int>(queue_.size()));
 }
 
 }  // namespace zq

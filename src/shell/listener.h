@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -45,6 +46,7 @@ public:
         Connection(Socket s, Endpoint peer) : socket_(s), peer_(std::move(peer)) { wake_.arm(); }
         const Socket socket_;
         const Endpoint peer_;
+        const double accepted_ = steady_seconds();
         std::shared_ptr<ConnectionSlots::Slot> slot_;
         // A shut-down socket does not wake a wait on every system.
         StopSignal wake_;
@@ -58,7 +60,7 @@ public:
         NotServed,     // a peer that the filter does not admit, closed
         OtherUser,     // a program of another user of this PC, closed
         SlotTaken,     // detail: the peer whose slot the newcomer took
-        Full,          // no slot could be taken back, so the newcomer is closed
+        Full,          // no slot could be taken back, so the newcomer waits in the queue
         NoThread,      // detail: why; the newcomer is closed
     };
     using Describe = std::function<std::string(Event, const Endpoint& peer, const std::string& detail)>;
@@ -88,6 +90,9 @@ public:
 
 private:
     void accept_thread();
+    // Gives slots to the queue's connections in the order they came, as far as slots can be
+    // had, and starts their threads; under queue_lock_.
+    void admit_queued_locked();
     void say(Event event, const Endpoint& peer, const std::string& detail = {});
 
     Socket socket_ = invalid_socket;
@@ -98,6 +103,13 @@ private:
     StopSignal stop_signal_;  // raised by stop; the accept thread waits on it beside the socket
     ConnectionSlots slots_;
     ConnectionThreads threads_;
+    // Accepted connections that wait for a slot, at most max_connections of them; beyond that
+    // they wait in the system's backlog. First come, first served: a client that is cut off
+    // and comes back at once queues behind those that came meanwhile. The accept thread and
+    // every connection thread that ends admit from it.
+    std::mutex queue_lock_;
+    std::deque<std::shared_ptr<Connection>> queue_;  // guarded by queue_lock_
+    bool stopping_ = false;                          // guarded by queue_lock_
     std::thread accept_thread_;  // last: joined before what it uses goes
 };
 

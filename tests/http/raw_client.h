@@ -37,6 +37,10 @@ public:
     RawClient& operator=(const RawClient&) = delete;
 
     bool send(const std::string& bytes) { return zq::send_all(s_, bytes); }
+    // False also when the peer has not taken it all within the time.
+    bool send(const std::string& bytes, double seconds) {
+        return zq::send_all(s_, bytes, zq::steady_seconds() + seconds);
+    }
 
     // One response; its body is Content-Length bytes unless no_body (the answer to a HEAD).
     RawResponse read_response(bool no_body = false, double seconds = kSeconds) {

@@ -2,6 +2,9 @@
 // never read, as a hostile local process would open them: the bridge's threads and memory stay
 // bounded, and a new client is still served.
 
+#include <atomic>
+#include <thread>
+
 #include "support/bridge_rig.h"
 
 using http_test::RawClient;
@@ -81,4 +84,48 @@ TEST(HttpIdleLoad, ClientsThatNeverReadGiveWayToANewOne) {
     RawClient fresh(server.port);
     ASSERT_TRUE(fresh.send("GET /small HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(fresh.read_response(false, 1.0).body, "small");
+}
+
+// More clients than a game proxy has slots pipeline requests that it forwards and never read
+// the answers; each comes back at once when it is cut off. A new client still gets its answer
+// from the service: it waits for a slot instead of being turned away, and the hogs that come
+// back queue behind it.
+TEST(HttpIdleLoad, PipeliningClientsThatComeBackAtOnceLeaveAGameProxyToANewOne) {
+    BridgeRig rig(BridgeRig::Service::Scripted);
+    rig.service.set_fallback([](const RecordedRequest& request) -> std::optional<ScriptedAnswer> {
+        return ScriptedAnswer::text(200, request.path == "/newcomer" ? "yours" : "upstream");
+    });
+    rig.config.game_proxy_routes = {{0, rig.service.base_url()}};
+    ASSERT_TRUE(rig.start());
+    const int port = rig.bridge().bound_game_proxy_ports().at(0);
+    const int hogs = http::Server().max_connections + 16;
+
+    std::atomic<bool> stop{false};
+    std::string pipeline;
+    for (int i = 0; i < 200; ++i) pipeline += "GET /x HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    std::vector<std::thread> threads;
+    for (int i = 0; i < hogs; ++i)
+        threads.emplace_back([&] {
+            while (!stop) {
+                RawClient hog(port);
+                // A send that stalls for long counts as cut off too, so that stop ends them all.
+                while (!stop && hog.send(pipeline, 2.0)) {
+                }
+            }
+        });
+    // Full: newcomers wait, or take the slot of a hog whose send stalls.
+    const bool full = wait_until([&] {
+        return rig.log.contains("another waits for a slot") || rig.log.contains("took a connection slot back");
+    });
+    RawClient newcomer(port);
+    const bool sent = newcomer.send("GET /newcomer HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    const http_test::RawResponse answer = newcomer.read_response(false, 10.0);
+    stop = true;
+    for (auto& thread : threads) thread.join();
+    if (!full && running_under_wine())
+        GTEST_SKIP() << "under Wine these clients do not fill the proxy's slots within the time, so no newcomer "
+                        "has to wait; the slots and the queue are the same code as on Linux";
+    EXPECT_TRUE(full);
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(answer.body, "yours") << answer.head;
 }
