@@ -42,6 +42,11 @@ void Listener::start(Serve serve, std::string cause, Describe describe) {
     serve_ = std::move(serve);
     cause_ = std::move(cause);
     describe_ = std::move(describe);
+    {
+        // A listener may be started again after a stop.
+        std::lock_guard<std::mutex> guard(queue_lock_);
+        stopping_ = false;
+    }
     stop_signal_.arm();
     accept_thread_ = std::thread(&Listener::accept_thread, this);
 }
