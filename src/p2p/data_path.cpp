@@ -313,17 +313,20 @@ void Gateway::peer_thread() {
                     out_socket[at] = route->socket;
                 }
             }
+            route->heard = true;
+            route->heard_on_lan = route->local_matchable && same_address(sender, route->local);
             // A punch only opens the NAT; both sides send their own, so it is never answered.
             if (!route->peer_heard) {
                 std::lock_guard<std::mutex> guard(mutex);
+                // Heard, and by which way, become known together: a look in between would take
+                // a LAN peer for a direct one.
+                route->link->heard_on_lan.store(route->heard_on_lan, std::memory_order_relaxed);
                 route->link->peer_heard = true;
                 route->peer_heard = true;
                 // From now on the link is kept open through silences.
                 route->link->last_heard.store(steady_seconds(), std::memory_order_relaxed);
                 timer_signal.notify_all();
             }
-            route->heard = true;
-            route->heard_on_lan = route->local_matchable && same_address(sender, route->local);
         }
         flush();
     }
