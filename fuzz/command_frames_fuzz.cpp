@@ -2,7 +2,9 @@
 // sends, cut into frames as the connection loop cuts it, every Request run through dispatch on
 // one session, and every reply checked as the game would read it.
 
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -12,6 +14,7 @@
 #include "bridge/session.h"
 #include "fuzz_check.h"
 #include "shell/config.h"
+#include "shell/listener.h"
 
 namespace {
 
@@ -26,6 +29,35 @@ zq::Bridge& bridge() {
         return new zq::Bridge(config);
     }();
     return *made;
+}
+
+// No game at the other end: one loopback connection, accepted once and ended at once, so
+// nothing is ever written to it and every session sees it gone.
+std::shared_ptr<zq::Listener::Connection> ended_connection() {
+    static const std::shared_ptr<zq::Listener::Connection> kept = [] {
+        static zq::Listener listener;
+        std::mutex lock;
+        std::condition_variable arrived;
+        std::shared_ptr<zq::Listener::Connection> accepted;
+        FUZZ_CHECK(listener.listen("127.0.0.1", 0, 1, nullptr));
+        listener.start(
+            [&](const std::shared_ptr<zq::Listener::Connection>& c) {
+                std::lock_guard<std::mutex> guard(lock);
+                accepted = c;
+                arrived.notify_all();
+            },
+            "fuzz", [](zq::Listener::Event, const zq::Endpoint&, const std::string&) { return std::string(); });
+        const zq::Socket client = zq::open_tcp_socket();
+        FUZZ_CHECK(zq::connect_socket(client, zq::to_sockaddr(zq::Endpoint{"127.0.0.1", listener.port()})));
+        std::unique_lock<std::mutex> guard(lock);
+        arrived.wait(guard, [&] { return accepted != nullptr; });
+        guard.unlock();
+        listener.stop();
+        accepted->end();
+        zq::close_socket(client);
+        return accepted;
+    }();
+    return kept;
 }
 
 bool known_code(std::uint8_t code) {
@@ -62,9 +94,7 @@ void check_reply(const zq::CommandHeader& request, const zq::CommandResult& resu
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string stream = fuzzing::text_of(data, size);
-    // No game at the other end: a connection already dead, so nothing is ever written.
-    auto connection = std::make_shared<zq::TcpConn>(nullptr);
-    connection->alive = false;
+    const std::shared_ptr<zq::Listener::Connection> connection = ended_connection();
     std::shared_ptr<zq::Session> session;
     std::size_t at = 0;
     while (stream.size() - at >= zq::header_size) {
