@@ -2,6 +2,7 @@
 // Sockets without the platform: Winsock on Windows (net_win32.cpp), BSD sockets elsewhere
 // (net_posix.cpp). Everything is IPv4. Logic code calls only these functions.
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -25,6 +26,14 @@ struct SockAddr {
 // The same IPv4 address and port: the bytes of sin_port and sin_addr, which sit at the same
 // offsets on both systems.
 inline bool same_address(const SockAddr& a, const SockAddr& b) { return std::memcmp(a.bytes + 2, b.bytes + 2, 6) == 0; }
+
+// The address as an IPv6 socket of this PC knows it (::ffff:a.b.c.d).
+inline std::array<unsigned char, 16> v4_mapped(const SockAddr& address) {
+    std::array<unsigned char, 16> out{};
+    out[10] = out[11] = 0xFF;
+    std::memcpy(out.data() + 12, address.bytes + 4, 4);
+    return out;
+}
 
 // The address with another port (big-endian, as sin_port holds it).
 inline SockAddr with_port(SockAddr address, int port) {

@@ -315,21 +315,19 @@ bool peer_is_same_user(Socket s) {
     if (!local_address(s, &mine) || !peer_address(s, &theirs)) return false;
     const sockaddr_in& a = as_in(mine);
     const sockaddr_in& b = as_in(theirs);
-    unsigned char mapped_a[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-    unsigned char mapped_b[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-    std::memcpy(mapped_a + 12, &a.sin_addr, 4);
-    std::memcpy(mapped_b + 12, &b.sin_addr, 4);
+    const auto mapped_a = v4_mapped(mine);
+    const auto mapped_b = v4_mapped(theirs);
     // The peer's own socket: its address its own end, ours the other. A program with an IPv6
     // socket reaches an IPv4 listener by a mapped address.
     long uid = diag_uid(AF_INET, &b.sin_addr, ntohs(b.sin_port), &a.sin_addr, ntohs(a.sin_port));
-    if (uid < 0) uid = diag_uid(AF_INET6, mapped_b, ntohs(b.sin_port), mapped_a, ntohs(a.sin_port));
+    if (uid < 0) uid = diag_uid(AF_INET6, mapped_b.data(), ntohs(b.sin_port), mapped_a.data(), ntohs(a.sin_port));
     if (uid < 0) {
         // Where the kernel cannot be asked, its tables: the peer's row.
         const auto row = [](const void* address, std::size_t size, const sockaddr_in& in) {
             return table_text(static_cast<const unsigned char*>(address), size, ntohs(in.sin_port));
         };
         uid = table_uid("tcp", row(&b.sin_addr, 4, b), row(&a.sin_addr, 4, a));
-        if (uid < 0) uid = table_uid("tcp6", row(mapped_b, 16, b), row(mapped_a, 16, a));
+        if (uid < 0) uid = table_uid("tcp6", row(mapped_b.data(), 16, b), row(mapped_a.data(), 16, a));
     }
     return uid >= 0 && static_cast<uid_t>(uid) == ::geteuid();
 }
@@ -337,14 +335,13 @@ bool peer_is_same_user(Socket s) {
 bool datagram_sender_is_same_user(const SockAddr& from) {
     const sockaddr_in& in = as_in(from);
     const std::uint16_t port = ntohs(in.sin_port);
-    unsigned char mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-    std::memcpy(mapped + 12, &in.sin_addr, 4);
+    const auto mapped = v4_mapped(from);
     const unsigned char any[16] = {};
     // Bound to the address itself or to every address, as an IPv4 or an IPv6 socket.
     const std::pair<const char*, std::string> rows[] = {
         {"udp", table_text(reinterpret_cast<const unsigned char*>(&in.sin_addr), 4, port)},
         {"udp", table_text(any, 4, port)},
-        {"udp6", table_text(mapped, 16, port)},
+        {"udp6", table_text(mapped.data(), 16, port)},
         {"udp6", table_text(any, 16, port)}};
     for (const auto& [table, local] : rows)
         if (const long uid = table_uid(table, local, ""); uid >= 0) return static_cast<uid_t>(uid) == ::geteuid();

@@ -257,7 +257,8 @@ std::vector<unsigned char> process_user(HANDLE process) {
 }
 
 // The process that owns the UDP socket bound to from's port and its address (or every address).
-DWORD udp_owning_process(const sockaddr_in& from) {
+DWORD udp_owning_process(const SockAddr& address) {
+    const sockaddr_in& from = as_in(address);
     const auto same_port = [](DWORD field, u_short port) { return static_cast<u_short>(field & 0xFFFF) == port; };
     std::vector<unsigned char> v4 = owner_table(AF_INET, true);
     if (!v4.empty()) {
@@ -272,13 +273,12 @@ DWORD udp_owning_process(const sockaddr_in& from) {
     std::vector<unsigned char> v6 = owner_table(AF_INET6, true);
     if (!v6.empty()) {
         static const unsigned char any[16] = {};
-        unsigned char mapped[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-        std::memcpy(mapped + 12, &from.sin_addr, 4);
+        const auto mapped = v4_mapped(address);
         const auto* t = reinterpret_cast<const MIB_UDP6TABLE_OWNER_PID*>(v6.data());
         for (DWORD i = 0; i < t->dwNumEntries; ++i) {
             const MIB_UDP6ROW_OWNER_PID& row = t->table[i];
             if (same_port(row.dwLocalPort, from.sin_port) &&
-                (std::memcmp(row.ucLocalAddr, mapped, 16) == 0 || std::memcmp(row.ucLocalAddr, any, 16) == 0))
+                (std::memcmp(row.ucLocalAddr, mapped.data(), 16) == 0 || std::memcmp(row.ucLocalAddr, any, 16) == 0))
                 return row.dwOwningPid;
         }
     }
@@ -318,7 +318,7 @@ bool peer_is_same_user(Socket s) {
 }
 
 bool datagram_sender_is_same_user(const SockAddr& from) {
-    return process_is_same_user(udp_owning_process(as_in(from)));
+    return process_is_same_user(udp_owning_process(from));
 }
 
 int wait_readable(const std::vector<Socket>& sockets, int timeout_ms, std::vector<bool>& ready) {
