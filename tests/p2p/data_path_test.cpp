@@ -5,7 +5,6 @@
 #include "support/host.h"
 #include "support/log_capture.h"
 #include "support/prelude.h"
-#include "support/process.h"
 #include "support/stun_relay_server.h"
 
 using zq::Endpoint;
@@ -237,17 +236,12 @@ TEST_F(OneGateway, StrangersAndAmbiguousSendersNeverReachThePort) {
 // the game's side of a link is learned only from a program of this user.
 TEST_F(OneGateway, ALinkLearnsTheGameOnlyFromAProgramOfThisUser) {
     std::string why;
-    const std::vector<std::string> as_other = as_another_user(&why);
-    if (as_other.empty()) GTEST_SKIP() << why;
-    const std::filesystem::path bash = find_program("bash");
-    if (bash.empty()) GTEST_SKIP() << "no bash to send a datagram with";
+    const std::vector<std::string> other_bash = bash_as_another_user(&why);
+    if (other_bash.empty()) GTEST_SKIP() << why;
     ASSERT_TRUE(g.start(nullptr));
     FakePort bob;
     const Endpoint link = add(2, "bob", bob.address());
-    std::vector<std::string> args(as_other.begin() + 1, as_other.end());
-    args.insert(args.end(), {bash.string(), "-c",
-                             zq::format_text("printf 'xxxxevil' > /dev/udp/127.0.0.1/%d", link.port)});
-    run_process(as_other[0], args, {});
+    run_as_another_user(other_bash, zq::format_text("printf 'xxxxevil' > /dev/udp/127.0.0.1/%d", link.port));
     ASSERT_TRUE(wait_until([&] { return log.contains(", a program of another user"); }, 10.0));
     // Had the other program taken the link, bob's frame would go to it.
     from(bob, peer_frame("bob"));

@@ -37,9 +37,11 @@ void give_back_file_handles();
 // The full path of a program found on PATH, or an empty path.
 std::filesystem::path find_program(const std::string& name);
 
-// The program and arguments that run a command as another user (the user nobody), to go in
-// front of it; empty, with the reason in *why, where this process cannot do that.
-std::vector<std::string> as_another_user(std::string* why);
+// The program and arguments that run a bash script, given after them, as another user (the
+// user nobody); empty, with the reason in *why, where this process cannot do that.
+std::vector<std::string> bash_as_another_user(std::string* why);
+// Runs script with that command line; what it wrote to its standard output.
+std::string run_as_another_user(const std::vector<std::string>& bash, const std::string& script);
 
 // Sets (or with an empty value, removes) an environment variable of this process.
 void set_env(const std::string& name, const std::string& value);

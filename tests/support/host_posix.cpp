@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "support/host.h"
+#include "support/process.h"
 
 namespace testing_support {
 
@@ -36,7 +37,7 @@ bool take_file_handles(int spare) {
     return true;
 }
 
-std::vector<std::string> as_another_user(std::string* why) {
+std::vector<std::string> bash_as_another_user(std::string* why) {
     if (::geteuid() != 0) {
         *why = "only root may start a program as another user, and these tests do not run as root";
         return {};
@@ -46,7 +47,18 @@ std::vector<std::string> as_another_user(std::string* why) {
         *why = "setpriv (package util-linux) is missing";
         return {};
     }
-    return {setpriv.string(), "--reuid=65534", "--regid=65534", "--clear-groups"};
+    const std::filesystem::path bash = find_program("bash");
+    if (bash.empty()) {
+        *why = "no bash to run a script with";
+        return {};
+    }
+    return {setpriv.string(), "--reuid=65534", "--regid=65534", "--clear-groups", bash.string(), "-c"};
+}
+
+std::string run_as_another_user(const std::vector<std::string>& bash, const std::string& script) {
+    std::vector<std::string> args(bash.begin() + 1, bash.end());
+    args.push_back(script);
+    return run_process(bash[0], args, {}).output;
 }
 
 void give_back_file_handles() {
