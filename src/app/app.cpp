@@ -68,8 +68,6 @@ bool App::start(std::string* error) {
         log_line(format_text("game proxy :%d -> %s", proxy->port, url.c_str()));
         game_proxies_.push_back(std::move(proxy));
     }
-    log_line("velmar server: " + settings.velmar_server);
-    log_line("community server: " + settings.community_server);
     return true;
 }
 

@@ -64,8 +64,11 @@ int run_bridge(const Config& config, const std::filesystem::path& config_file, b
     App app(config);
     std::string error;
     if (!app.start(&error)) return 1;
-    // Only now: an interrupt during start keeps the console's default effect.
+    // Only now: an interrupt during start keeps the console's default effect. The last start
+    // lines come after it, so whoever waits for them may stop the run in order.
     install_stop_handler(&stop_requested);
+    log_line("velmar server: " + config.velmar_server);
+    log_line("community server: " + config.community_server);
     while (!stop_requested) sleep_ms(200);
     log_line("stopping");
     app.stop();
