@@ -11,8 +11,8 @@
 // bridge started cold, until a game's login completes.
 //
 // The bridge must trust the bench's throwaway authority without any change to the product: the
-// bench moves into a private mount namespace (so it needs root) where the system's CA bundle is
-// that bundle plus the authority, and /etc/hosts also names the service. Everything it starts
+// bench moves into a private mount namespace (so it needs root) where the system's folder of
+// authorities and its bundle also hold the authority, and /etc/hosts also names the service. Everything it starts
 // inherits the namespace; nothing outside it sees either file change.
 
 #include <sched.h>
@@ -58,7 +58,7 @@ using testing_support::Process;
 
 constexpr double kRoundTrip = 0.030;
 constexpr const char* kServiceHost = "service.road.test";
-constexpr const char* kSystemBundle = "/etc/ssl/certs/ca-certificates.crt";
+const fs::path kSystemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* kGameCall = "/summon_messenger/list";
 constexpr int kWarmCalls = 20;
 constexpr int kBurst = 16;
@@ -110,17 +110,40 @@ bool bind_extended(const fs::path& original, const std::string& addition, const 
     return ::mount(copy.c_str(), original.c_str(), nullptr, MS_BIND, nullptr) == 0;
 }
 
+// Binds a copy of the system's folder of authorities over it, with the bench's authority added
+// both to the bundle and as a hashed file of its own: a client may trust either.
+bool bind_extended_authorities(const fs::path& dir) {
+    const fs::path system = kSystemBundle.parent_path(), copy = dir / "certs";
+    const std::string authority = testing_support::read_file(dir / "ca.pem");
+    std::error_code failed;
+    fs::create_directory(copy, failed);
+    for (const auto& entry : fs::directory_iterator(system, failed)) {
+        const fs::path name = entry.path().filename();
+        if (name == kSystemBundle.filename()) continue;
+        const fs::path target = fs::canonical(entry.path(), failed);
+        if (!failed) fs::create_symlink(target, copy / name, failed);
+        if (failed) return false;
+    }
+    testing_support::write_file(copy / kSystemBundle.filename(),
+                                testing_support::read_file(kSystemBundle) + "\n" + authority);
+    testing_support::write_file(copy / "road-bench-authority.pem", authority);
+    return run_openssl(testing_support::system_program("openssl"), copy, {"rehash", "."}) &&
+           ::mount(copy.c_str(), system.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
 // Must run before any thread starts.
 std::string enter_private_view(const fs::path& dir) {
     if (::geteuid() != 0) return "it needs root, for a private mount namespace";
     if (::unshare(CLONE_NEWNS) != 0) return "unshare(CLONE_NEWNS) failed";
     if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "cannot make / private";
-    if (!bind_extended(kSystemBundle, testing_support::read_file(dir / "ca.pem"), dir / "bundle.pem"))
-        return "cannot bind a bundle over the system's";
+    testing_support::write_file(dir / "bundle.pem", testing_support::read_file(kSystemBundle) + "\n" +
+                                                        testing_support::read_file(dir / "ca.pem"));
+    if (!bind_extended_authorities(dir)) return "cannot bind a folder of authorities over the system's";
     if (!bind_extended("/etc/hosts", std::string("127.0.0.1 ") + kServiceHost + "\n", dir / "hosts"))
         return "cannot bind a hosts file over the system's";
-    // libcurl would take this one over the system's bundle; the bench shows the bundle works.
+    // libcurl would take these over the system's; the bench shows the system's own work.
     testing_support::set_env("SSL_CERT_FILE", "");
+    testing_support::set_env("SSL_CERT_DIR", "");
     return "";
 }
 
@@ -600,6 +623,9 @@ int main() {
     std::this_thread::sleep_for(std::chrono::duration<double>(kQuietSeconds));
     const double cpu_share = (bench::cpu_seconds_of(static_cast<pid_t>(bridge->id())) - cpu_before) / kQuietSeconds;
     const bench::PrivateMemory memory = bench::private_memory(static_cast<pid_t>(bridge->id()));
+    // For a look at where the memory goes, mapping by mapping.
+    if (const char* keep = std::getenv("ROAD_BENCH_SMAPS"); keep && *keep)
+        testing_support::write_file(keep, testing_support::read_file("/proc/" + std::to_string(bridge->id()) + "/smaps"));
     std::map<std::string, std::vector<Served>> by_path;
     for (const auto& s : served.since_mark(true)) by_path[s.path].push_back(s);
     std::fprintf(stderr, "\nTwo quiet players, the host in its room, for %.0f s:\n", kQuietSeconds);

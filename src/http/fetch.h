@@ -87,7 +87,8 @@ ClientResponse fetch(const ClientRequest& request);
 ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request);
 
 // Does now what the first call to url would otherwise do on its way, where that is slow: reading
-// the trusted authorities for an https URL. For a program that will call url soon.
+// the trusted authorities for an https URL and readying the TLS library. For a program that will
+// call url soon.
 void prepare_for(const std::string& url);
 
 namespace detail {

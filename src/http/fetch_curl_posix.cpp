@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <tuple>
 #include <mutex>
 #include <utility>
@@ -84,32 +85,51 @@ struct ParsedUrl {
     bool secure = false;
 };
 
-// The authorities that HTTPS connections check servers against, parsed from their bundle once
-// and shared by every connection. Left to itself libcurl parses the whole bundle for each new
-// connection (tens of milliseconds and about a megabyte each), as it caches a store only per
-// multi handle and only when no CA folder is set, and Debian's build sets one.
+// The authorities that HTTPS connections check servers against, in one store shared by every
+// connection. Left to itself libcurl parses the whole bundle for each new connection (tens of
+// milliseconds and about a megabyte each), as it caches a store only per multi handle and only
+// when no CA folder is set, and Debian's build sets one.
+//
+// A folder of hashed certificates is read as servers need its authorities: a bridge that talks
+// to one service holds one or two of them, where the parsed bundle holds every one (a megabyte,
+// most of the idle bridge's own memory). So the folder goes first where there is one: the system
+// keeps it with the same authorities as its bundle.
 using Authorities = std::shared_ptr<X509_STORE>;
 
-// The bundle libcurl would read: the one that SSL_CERT_FILE names, else its built-in default.
-std::string authorities_bundle() {
-    if (auto bundle = zq::get_env("SSL_CERT_FILE"); bundle && !bundle->empty()) return *bundle;
+struct TrustSource {
+    std::string path;
+    bool folder = false;
+    bool operator==(const TrustSource&) const = default;
+};
+
+// What to trust: a bundle that SSL_CERT_FILE names, else a folder that SSL_CERT_DIR names, else
+// the folder that libcurl was built with, else its bundle.
+TrustSource trust_source() {
+    if (auto bundle = zq::get_env("SSL_CERT_FILE"); bundle && !bundle->empty()) return {*bundle, false};
+    if (auto folder = zq::get_env("SSL_CERT_DIR"); folder && !folder->empty()) return {*folder, true};
     const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
-    return info && info->cainfo ? info->cainfo : "";
+    if (!info) return {};
+    std::error_code ignored;
+    if (info->capath && std::filesystem::is_directory(info->capath, ignored)) return {info->capath, true};
+    return {info->cainfo ? info->cainfo : "", false};
 }
 
 // Null when the bundle cannot be read; libcurl then reads it itself and reports what it finds.
-// The last bundle read is kept, and read again only when another is named.
-Authorities authorities(const std::string& bundle) {
+// The last store made is kept, and made again only when another source is named.
+Authorities authorities(const TrustSource& source) {
     static std::mutex lock;
-    static std::string read_from;
+    static TrustSource made_from;
     static Authorities kept;
     std::lock_guard<std::mutex> guard(lock);
-    if (bundle == read_from && kept) return kept;
+    if (source == made_from && kept) return kept;
     Authorities store(X509_STORE_new(), X509_STORE_free);
-    if (!store || bundle.empty() || X509_STORE_load_file(store.get(), bundle.c_str()) != 1) return nullptr;
+    if (!store || source.path.empty()) return nullptr;
+    const int loaded = source.folder ? X509_STORE_load_path(store.get(), source.path.c_str())
+                                     : X509_STORE_load_file(store.get(), source.path.c_str());
+    if (loaded != 1) return nullptr;
     // What libcurl sets on a store of its own, so that trust does not change with whose store it is.
     X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
-    read_from = bundle;
+    made_from = source;
     kept = store;
     return kept;
 }
@@ -122,18 +142,19 @@ CURLcode use_authorities(CURL*, void* context, void* store) {
 }
 
 // Where the shared store cannot be had (an unreadable bundle, a libcurl on another TLS library),
-// libcurl reads the bundle for each connection, as it would on its own.
+// libcurl reads the bundle or folder for each connection, as it would on its own.
 void set_trust(CURL* easy, const ParsedUrl& url, Authorities& held) {
-    const std::string bundle = authorities_bundle();
-    if (url.secure) held = authorities(bundle);
+    const TrustSource source = trust_source();
+    if (url.secure) held = authorities(source);
     if (held && curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, use_authorities) == CURLE_OK) {
         curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, held.get());
         curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
         curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
         // libcurl's own cache would hand a later connection the store that it saw first.
         curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
-    } else if (!bundle.empty()) {
-        curl_easy_setopt(easy, CURLOPT_CAINFO, bundle.c_str());
+    } else if (!source.path.empty()) {
+        curl_easy_setopt(easy, source.folder ? CURLOPT_CAPATH : CURLOPT_CAINFO, source.path.c_str());
+        if (source.folder) curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
     }
 }
 
@@ -401,7 +422,11 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 
 void prepare_for(const std::string& url) {
     if (!detail::global_init()) return;
-    if (detail::ParsedUrl(url).secure) detail::authorities(detail::authorities_bundle());
+    if (!detail::ParsedUrl(url).secure) return;
+    detail::authorities(detail::trust_source());
+    // The library's first TLS context fetches and caches its algorithms, some milliseconds that
+    // would otherwise fall on the game's first call.
+    SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
 }
 
 }  // namespace http

@@ -1,4 +1,5 @@
 #include <atomic>
+#include <filesystem>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -146,7 +147,7 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
 }
 
 // HTTPS against a local server whose certificate comes from a test authority: refused while that
-// authority is unknown, accepted once the client is told to trust it.
+// authority is unknown, accepted once the client is told to trust it, by a bundle or a folder.
 TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     if (running_under_wine())
         GTEST_SKIP() << "WinHTTP under Wine trusts only the system store; the test authority cannot be added there";
@@ -190,6 +191,18 @@ TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
     EXPECT_EQ(r.error, "");
     EXPECT_EQ(r.status, 200u);
     EXPECT_TRUE(r.body.starts_with("<HTML>")) << r.body;
+
+    // A folder of hashed certificates, read as the server needs it. A session of its own, so that
+    // the handshake is a full one and not the resumption of a session that the bundle allowed.
+    std::filesystem::create_directory(dir.path() / "certs");
+    std::filesystem::copy_file(dir.path() / "ca.pem", dir.path() / "certs" / "ca.pem");
+    run({"rehash", "certs"}, false);
+    set_env("SSL_CERT_DIR", (dir.path() / "certs").string());
+    http::RecycledSession fresh(45.0);
+    r = http::fetch(fresh, request);
+    set_env("SSL_CERT_DIR", "");
+    EXPECT_EQ(r.error, "");
+    EXPECT_EQ(r.status, 200u);
 }
 
 // Calls made at once each open a connection; the next burst finds them all still open.
