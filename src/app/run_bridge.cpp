@@ -61,6 +61,7 @@ void log_files_in_use(const Config& config, const std::filesystem::path& config_
 int run_bridge(const Config& config, const std::filesystem::path& config_file, bool config_read) {
     log_line(format_text("sarnlink %s (cli)", kVersion));
     log_files_in_use(config, config_file, config_read);
+    use_few_allocator_pools();
     App app(config);
     std::string error;
     if (!app.start(&error)) return 1;

@@ -87,9 +87,15 @@ bool ConnectionThreads::start(std::function<void()> serve, std::string* why) {
             // always in the map by then.
             threads_.emplace(id, std::thread([this, id, serve = std::move(serve)] {
                 serve();
-                std::lock_guard<std::mutex> done(lock_);
-                ended_.push_back(id);
-                --active;
+                bool last = false;
+                {
+                    std::lock_guard<std::mutex> done(lock_);
+                    ended_.push_back(id);
+                    last = --active == 0;
+                }
+                // A burst of connections leaves its buffers free in the allocator, which would
+                // keep them for the next burst however long that is in coming.
+                if (last) release_free_memory();
             }));
         } catch (const std::system_error& e) {
             if (why) *why = e.what();

@@ -62,6 +62,14 @@ void sleep_ms(int milliseconds);
 // ones. Where the system grants nothing, nothing changes.
 void raise_thread_priority();
 
+// For a long run with many threads that mostly wait: the allocator serves them all from one or
+// two pools, where it would otherwise give each thread that ever met another its own pool, and
+// each pool keeps free memory of its own. Before the threads start.
+void use_few_allocator_pools();
+
+// Gives what the allocator holds free back to the system: for when a burst of work has ended.
+void release_free_memory();
+
 // An environment variable as UTF-8, or nothing when it is not set.
 std::optional<std::string> get_env(const std::string& name);
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/random.h>
@@ -136,6 +137,10 @@ void raise_thread_priority() {
     const int wanted = std::max(now - 10, lowest);
     if (wanted < now) ::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), wanted);
 }
+
+void use_few_allocator_pools() { ::mallopt(M_ARENA_MAX, 2); }
+
+void release_free_memory() { ::malloc_trim(0); }
 
 std::optional<std::string> get_env(const std::string& name) {
     const char* value = std::getenv(name.c_str());

@@ -129,6 +129,12 @@ void sleep_ms(int milliseconds) { Sleep(static_cast<DWORD>(milliseconds)); }
 // class's ordinary threads whenever both are ready.
 void raise_thread_priority() { SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST); }
 
+// The process heap already serves every thread from one pool, and gives large free blocks back
+// to the system by itself.
+void use_few_allocator_pools() {}
+
+void release_free_memory() {}
+
 std::optional<std::string> get_env(const std::string& name) {
     std::wstring wide_name = utf8_to_wide(name);
     DWORD size = GetEnvironmentVariableW(wide_name.c_str(), nullptr, 0);
