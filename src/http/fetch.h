@@ -86,9 +86,9 @@ ClientResponse fetch(const ClientRequest& request);
 // On the given private session.
 ClientResponse fetch(RecycledSession& recycled, const ClientRequest& request);
 
-// Does now what the first call to url would otherwise do on its way, where that is slow: reading
-// the trusted authorities for an https URL and readying the TLS library. For a program that will
-// call url soon.
+// Does now what the first call to url would otherwise do on its way, where that is slow: looking
+// up the host's name (in the background), reading the trusted authorities for an https URL and
+// readying the TLS library. For a program that will call url soon.
 void prepare_for(const std::string& url);
 
 namespace detail {
@@ -100,6 +100,9 @@ SessionHandle* open_session(double connection_max_age = 0.0);
 SessionHandle* renew_session(SessionHandle* session);
 void close_session(SessionHandle* session);
 ClientResponse transact(SessionHandle* session, const ClientRequest& request);
+// Whether the name look-up that prepare_for started for url has ended; true where none was
+// started or the platform leaves names to the system.
+bool early_lookup_done(const std::string& url);
 }  // namespace detail
 
 }  // namespace http

@@ -3,7 +3,12 @@
 // Each transaction runs its own multi loop, which is what lets the idle time-out count in
 // milliseconds: libcurl's own low-speed limit counts in whole seconds.
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -15,6 +20,8 @@
 #include <filesystem>
 #include <tuple>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -33,6 +40,9 @@ struct SessionHandle {
     // socket pair and its set-up on every call. Guarded by spare_lock.
     std::mutex spare_lock;
     std::vector<std::pair<CURLM*, CURL*>> spare;
+    // The early name look-ups handed to this session's cache already, as "host:port".
+    std::mutex lookups_lock;
+    std::vector<std::string> looked_up;
 };
 
 namespace detail {
@@ -54,10 +64,10 @@ constexpr std::size_t max_extra = 4095;
 // How long a call that can be cancelled waits for the network before it looks at its flag again.
 constexpr int cancel_check_ms = 50;
 
-std::string url_part(CURLU* url, CURLUPart part) {
+std::string url_part(CURLU* url, CURLUPart part, unsigned int flags = 0) {
     char* text = nullptr;
     std::string out;
-    if (curl_url_get(url, part, &text, 0) == CURLUE_OK && text) out = text;
+    if (curl_url_get(url, part, &text, flags) == CURLUE_OK && text) out = text;
     curl_free(text);
     return out;
 }
@@ -156,6 +166,124 @@ void set_trust(CURL* easy, const ParsedUrl& url, Authorities& held) {
         curl_easy_setopt(easy, source.folder ? CURLOPT_CAPATH : CURLOPT_CAINFO, source.path.c_str());
         if (source.folder) curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
     }
+}
+
+// The service's addresses, looked up when the program starts, as a proxy server looks up its
+// upstream when it reads its settings: the first call then goes straight to its connection, where
+// a name server far away would otherwise cost it a round trip of its own. The answer goes into a
+// session's cache of look-ups once, and from then on ages there as libcurl's own answers do.
+struct EarlyLookup {
+    std::string host_port;  // "host:port"
+    std::string addresses;  // as CURLOPT_RESOLVE takes them; empty until found, or when not found
+    bool done = false;
+    double done_at = 0.0;
+};
+
+// libcurl's default lifetime of a name look-up; an older answer is not handed on.
+constexpr double early_lookup_lifetime = 60.0;
+
+struct EarlyLookups {
+    std::mutex lock;
+    std::vector<EarlyLookup> list;
+};
+
+// Never destroyed: a look-up that the system keeps waiting may still end after main returns.
+EarlyLookups& early_lookups() {
+    static auto* lookups = new EarlyLookups;
+    return *lookups;
+}
+
+std::string host_port(CURLU* url) {
+    std::string host = url_part(url, CURLUPART_HOST);
+    if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
+    return host + ":" + url_part(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+}
+
+bool is_address(const std::string& host) {
+    unsigned char bytes[16];
+    return inet_pton(AF_INET, host.c_str(), bytes) == 1 || inet_pton(AF_INET6, host.c_str(), bytes) == 1;
+}
+
+// The addresses in the system's order, IPv6 ones too where this machine can use IPv6, which is
+// what libcurl would ask for.
+std::string look_up(const std::string& host) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    const int probe = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    hints.ai_family = probe >= 0 ? AF_UNSPEC : AF_INET;
+    if (probe >= 0) ::close(probe);
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return "";
+    std::vector<std::string> seen;
+    for (const addrinfo* a = found; a; a = a->ai_next) {
+        char text[INET6_ADDRSTRLEN] = {};
+        const void* bytes = a->ai_family == AF_INET6
+                                ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(a->ai_addr)->sin6_addr)
+                                : static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(a->ai_addr)->sin_addr);
+        if ((a->ai_family != AF_INET && a->ai_family != AF_INET6) || !inet_ntop(a->ai_family, bytes, text, sizeof text))
+            continue;
+        const std::string address = a->ai_family == AF_INET6 ? "[" + std::string(text) + "]" : text;
+        if (std::find(seen.begin(), seen.end(), address) == seen.end()) seen.push_back(address);
+    }
+    freeaddrinfo(found);
+    std::string joined;
+    for (const auto& address : seen) joined += (joined.empty() ? "" : ",") + address;
+    return joined;
+}
+
+void start_early_lookup(CURLU* url) {
+    std::string host = url_part(url, CURLUPART_HOST);
+    if (host.size() > 1 && host.front() == '[') return;  // an IPv6 address
+    if (host.empty() || is_address(host)) return;
+    const std::string key = host_port(url);
+    {
+        EarlyLookups& lookups = early_lookups();
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        for (const auto& known : lookups.list)
+            if (known.host_port == key && !(known.done && zq::steady_seconds() - known.done_at > early_lookup_lifetime))
+                return;
+        lookups.list.erase(std::remove_if(lookups.list.begin(), lookups.list.end(),
+                                          [&](const EarlyLookup& old) { return old.host_port == key; }),
+                           lookups.list.end());
+        lookups.list.push_back(EarlyLookup{key});
+    }
+    // Left to run on its own: a name server that does not answer must not hold up the start, nor
+    // the stop.
+    try {
+        std::thread([host, key] {
+            std::string addresses = look_up(host);
+            EarlyLookups& lookups = early_lookups();
+            std::lock_guard<std::mutex> guard(lookups.lock);
+            for (auto& entry : lookups.list)
+                if (entry.host_port == key && !entry.done) {
+                    entry.addresses = std::move(addresses);
+                    entry.done = true;
+                    entry.done_at = zq::steady_seconds();
+                }
+        }).detach();
+    } catch (const std::system_error&) {
+        // No thread: the first call looks the name up itself.
+    }
+}
+
+// The answer of an early look-up for this session, once: "+host:port:addresses", which libcurl
+// keeps in the session's cache as long as an answer of its own. Null where there is none to hand on.
+curl_slist* early_answer(SessionHandle* session, CURLU* url) {
+    const std::string key = host_port(url);
+    std::string addresses;
+    {
+        EarlyLookups& lookups = early_lookups();
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        for (const auto& entry : lookups.list)
+            if (entry.host_port == key && entry.done && zq::steady_seconds() - entry.done_at <= early_lookup_lifetime)
+                addresses = entry.addresses;
+    }
+    if (addresses.empty()) return nullptr;
+    std::lock_guard<std::mutex> guard(session->lookups_lock);
+    if (std::find(session->looked_up.begin(), session->looked_up.end(), key) != session->looked_up.end())
+        return nullptr;
+    session->looked_up.push_back(key);
+    return curl_slist_append(nullptr, ("+" + key + ":" + addresses).c_str());
 }
 
 struct Transfer {
@@ -304,6 +432,8 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     curl_slist* headers = request_headers(request.headers);
     curl_easy_setopt(easy, CURLOPT_CURLU, url.handle);
     curl_easy_setopt(easy, CURLOPT_SHARE, session->share);
+    curl_slist* early = early_answer(session, url.handle);
+    if (early) curl_easy_setopt(easy, CURLOPT_RESOLVE, early);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, session->agent.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -382,6 +512,7 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &os_error);
     curl_multi_remove_handle(multi, easy);
     curl_slist_free_all(headers);
+    curl_slist_free_all(early);
     {
         // A few calls at once are usual (the pump, the proxies); more handles are not kept.
         constexpr std::size_t keep = 4;
@@ -418,11 +549,24 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     return response;
 }
 
+bool early_lookup_done(const std::string& url) {
+    const ParsedUrl parsed(url);
+    if (!parsed.fits) return true;
+    const std::string key = host_port(parsed.handle);
+    EarlyLookups& lookups = early_lookups();
+    std::lock_guard<std::mutex> guard(lookups.lock);
+    return std::all_of(lookups.list.begin(), lookups.list.end(),
+                       [&](const EarlyLookup& entry) { return entry.host_port != key || entry.done; });
+}
+
 }  // namespace detail
 
 void prepare_for(const std::string& url) {
     if (!detail::global_init()) return;
-    if (!detail::ParsedUrl(url).secure) return;
+    const detail::ParsedUrl parsed(url);
+    if (!parsed.fits) return;
+    detail::start_early_lookup(parsed.handle);
+    if (!parsed.secure) return;
     detail::authorities(detail::trust_source());
     // The library's first TLS context fetches and caches its algorithms, some milliseconds that
     // would otherwise fall on the game's first call.

@@ -261,4 +261,8 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 // Windows reads its trusted authorities itself, once for the system.
 void prepare_for(const std::string&) {}
 
+namespace detail {
+bool early_lookup_done(const std::string&) { return true; }
+}  // namespace detail
+
 }  // namespace http

@@ -146,6 +146,28 @@ TEST(HttpFetch, FailuresAreWordedAndLimitsEndACallUnderWay) {
     holding.stop();
 }
 
+// A name looked up at the start goes into each session's cache with its first call, which
+// reaches the server as a call that looked the name up itself would.
+TEST(HttpFetch, ANameLookedUpAtTheStartServesTheFirstCallOfEachSession) {
+    FakeService far;
+    ASSERT_TRUE(far.start());
+    far.answer("/echo", ScriptedAnswer::text(200, "answer"));
+    std::string url = far.base_url() + "/echo";
+    url.replace(url.find("127.0.0.1"), 9, "localhost");
+    http::prepare_for(url);
+    ASSERT_TRUE(wait_until([&] { return http::detail::early_lookup_done(url); }));
+    http::RecycledSession recycled(45.0);
+    for (bool shared : {true, false}) {
+        SCOPED_TRACE(shared ? "shared session" : "recycled session");
+        for (int call = 0; call < 2; ++call) {
+            const http::ClientRequest request{"GET", url};
+            auto r = shared ? http::fetch(request) : http::fetch(recycled, request);
+            EXPECT_EQ(r.error, "");
+            EXPECT_EQ(r.body, "answer");
+        }
+    }
+}
+
 // HTTPS against a local server whose certificate comes from a test authority: refused while that
 // authority is unknown, accepted once the client is told to trust it, by a bundle or a folder.
 TEST(HttpFetch, HttpsTrustsOnlyKnownAuthorities) {
