@@ -140,7 +140,17 @@ void raise_thread_priority() {
 
 void use_few_allocator_pools() { ::mallopt(M_ARENA_MAX, 2); }
 
-void release_free_memory() { ::malloc_trim(0); }
+// Under a sanitizer its own allocator stands in for glibc's, which then holds nothing to give
+// back, and whose first use (its set-up) is not safe on several threads at once.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool glibc_allocates = false;
+#else
+constexpr bool glibc_allocates = true;
+#endif
+
+void release_free_memory() {
+    if (glibc_allocates) ::malloc_trim(0);
+}
 
 std::optional<std::string> get_env(const std::string& name) {
     const char* value = std::getenv(name.c_str());
