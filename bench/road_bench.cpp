@@ -12,8 +12,8 @@
 //
 // The bridge must trust the bench's throwaway authority without any change to the product: the
 // bench moves into a private mount namespace (so it needs root) where the system's folder of
-// authorities and its bundle also hold the authority, and /etc/hosts also names the service. Everything it starts
-// inherits the namespace; nothing outside it sees either file change.
+// authorities and its bundle also hold the authority, and /etc/hosts also names the service.
+// Everything it starts inherits the namespace; nothing outside it sees either change.
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -111,10 +111,9 @@ bool bind_extended(const fs::path& original, const std::string& addition, const 
 }
 
 // Binds a copy of the system's folder of authorities over it, with the bench's authority added
-// both to the bundle and as a hashed file of its own: a client may trust either.
+// both to the bundle (dir/bundle.pem) and as a hashed file of its own: a client may trust either.
 bool bind_extended_authorities(const fs::path& dir) {
     const fs::path system = kSystemBundle.parent_path(), copy = dir / "certs";
-    const std::string authority = testing_support::read_file(dir / "ca.pem");
     std::error_code failed;
     fs::create_directory(copy, failed);
     for (const auto& entry : fs::directory_iterator(system, failed)) {
@@ -124,10 +123,9 @@ bool bind_extended_authorities(const fs::path& dir) {
         if (!failed) fs::create_symlink(target, copy / name, failed);
         if (failed) return false;
     }
-    testing_support::write_file(copy / kSystemBundle.filename(),
-                                testing_support::read_file(kSystemBundle) + "\n" + authority);
-    testing_support::write_file(copy / "road-bench-authority.pem", authority);
-    return run_openssl(testing_support::system_program("openssl"), copy, {"rehash", "."}) &&
+    fs::copy_file(dir / "bundle.pem", copy / kSystemBundle.filename(), failed);
+    if (!failed) fs::copy_file(dir / "ca.pem", copy / "road-bench-authority.pem", failed);
+    return !failed && run_openssl(testing_support::system_program("openssl"), copy, {"rehash", "."}) &&
            ::mount(copy.c_str(), system.c_str(), nullptr, MS_BIND, nullptr) == 0;
 }
 
@@ -136,6 +134,7 @@ std::string enter_private_view(const fs::path& dir) {
     if (::geteuid() != 0) return "it needs root, for a private mount namespace";
     if (::unshare(CLONE_NEWNS) != 0) return "unshare(CLONE_NEWNS) failed";
     if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "cannot make / private";
+    // The system's bundle with the authority: nginx's trust, and the bundle in the folder's copy.
     testing_support::write_file(dir / "bundle.pem", testing_support::read_file(kSystemBundle) + "\n" +
                                                         testing_support::read_file(dir / "ca.pem"));
     if (!bind_extended_authorities(dir)) return "cannot bind a folder of authorities over the system's";

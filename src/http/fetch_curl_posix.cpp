@@ -124,7 +124,8 @@ TrustSource trust_source() {
     return {info->cainfo ? info->cainfo : "", false};
 }
 
-// Null when the bundle cannot be read; libcurl then reads it itself and reports what it finds.
+// Null when the bundle or folder cannot be read; libcurl then reads it itself and reports what
+// it finds.
 // The last store made is kept, and made again only when another source is named.
 Authorities authorities(const TrustSource& source) {
     static std::mutex lock;
@@ -177,10 +178,13 @@ struct EarlyLookup {
     std::string addresses;  // as CURLOPT_RESOLVE takes them; empty until found, or when not found
     bool done = false;
     double done_at = 0.0;
+    bool stale() const;
 };
 
 // libcurl's default lifetime of a name look-up; an older answer is not handed on.
 constexpr double early_lookup_lifetime = 60.0;
+
+bool EarlyLookup::stale() const { return done && zq::steady_seconds() - done_at > early_lookup_lifetime; }
 
 struct EarlyLookups {
     std::mutex lock;
@@ -193,11 +197,14 @@ EarlyLookups& early_lookups() {
     return *lookups;
 }
 
-std::string host_port(CURLU* url) {
+// The host without the brackets of an IPv6 address.
+std::string url_host(CURLU* url) {
     std::string host = url_part(url, CURLUPART_HOST);
     if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
-    return host + ":" + url_part(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+    return host;
 }
+
+std::string host_port(CURLU* url) { return url_host(url) + ":" + url_part(url, CURLUPART_PORT, CURLU_DEFAULT_PORT); }
 
 bool is_address(const std::string& host) {
     unsigned char bytes[16];
@@ -232,19 +239,20 @@ std::string look_up(const std::string& host) {
 }
 
 void start_early_lookup(CURLU* url) {
-    std::string host = url_part(url, CURLUPART_HOST);
-    if (host.size() > 1 && host.front() == '[') return;  // an IPv6 address
+    const std::string host = url_host(url);
     if (host.empty() || is_address(host)) return;
     const std::string key = host_port(url);
-    {
-        EarlyLookups& lookups = early_lookups();
-        std::lock_guard<std::mutex> guard(lookups.lock);
-        for (const auto& known : lookups.list)
-            if (known.host_port == key && !(known.done && zq::steady_seconds() - known.done_at > early_lookup_lifetime))
-                return;
+    EarlyLookups& lookups = early_lookups();
+    const auto forget = [&] {
         lookups.list.erase(std::remove_if(lookups.list.begin(), lookups.list.end(),
                                           [&](const EarlyLookup& old) { return old.host_port == key; }),
                            lookups.list.end());
+    };
+    {
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        for (const auto& known : lookups.list)
+            if (known.host_port == key && !known.stale()) return;
+        forget();
         lookups.list.push_back(EarlyLookup{key});
     }
     // Left to run on its own: a name server that does not answer must not hold up the start, nor
@@ -263,6 +271,8 @@ void start_early_lookup(CURLU* url) {
         }).detach();
     } catch (const std::system_error&) {
         // No thread: the first call looks the name up itself.
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        forget();
     }
 }
 
@@ -275,8 +285,7 @@ curl_slist* early_answer(SessionHandle* session, CURLU* url) {
         EarlyLookups& lookups = early_lookups();
         std::lock_guard<std::mutex> guard(lookups.lock);
         for (const auto& entry : lookups.list)
-            if (entry.host_port == key && entry.done && zq::steady_seconds() - entry.done_at <= early_lookup_lifetime)
-                addresses = entry.addresses;
+            if (entry.host_port == key && entry.done && !entry.stale()) addresses = entry.addresses;
     }
     if (addresses.empty()) return nullptr;
     std::lock_guard<std::mutex> guard(session->lookups_lock);
