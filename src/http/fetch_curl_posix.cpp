@@ -9,6 +9,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -558,6 +560,97 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
     return response;
 }
 
+// A TLS 1.3 handshake in memory, between a client and a server of our own with a throwaway key.
+// The library builds its certificate decoders, curve tables and key schedule on first use: some
+// milliseconds that would otherwise fall on the first call to the service, just when the
+// server's answer has arrived and the call waits on nothing else.
+void handshake_in_memory() {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* certificate = X509_new();
+    SSL_CTX* server_context = SSL_CTX_new(TLS_server_method());
+    SSL_CTX* client_context = SSL_CTX_new(TLS_client_method());
+    X509_STORE* trusted = X509_STORE_new();
+    SSL* client = nullptr;
+    SSL* server = nullptr;
+    BIO* client_end = nullptr;
+    BIO* server_end = nullptr;
+    X509_NAME* name = certificate ? X509_get_subject_name(certificate) : nullptr;
+    const bool made =
+        key && name && server_context && client_context && trusted && X509_set_version(certificate, 2) &&
+        ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1) &&
+        X509_gmtime_adj(X509_getm_notBefore(certificate), -60) &&
+        X509_gmtime_adj(X509_getm_notAfter(certificate), 3600) && X509_set_pubkey(certificate, key) &&
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("warm-up"), -1,
+                                   -1, 0) &&
+        X509_set_issuer_name(certificate, name) && X509_sign(certificate, key, EVP_sha256()) &&
+        SSL_CTX_use_certificate(server_context, certificate) == 1 &&
+        SSL_CTX_use_PrivateKey(server_context, key) == 1 && X509_STORE_add_cert(trusted, certificate) == 1 &&
+        BIO_new_bio_pair(&client_end, 0, &server_end, 0) == 1;
+    if (made) {
+        SSL_CTX_set_min_proto_version(client_context, TLS1_3_VERSION);
+        SSL_CTX_set_cert_store(client_context, trusted);  // the context owns it from here
+        trusted = nullptr;
+        SSL_CTX_set_verify(client_context, SSL_VERIFY_PEER, nullptr);
+        client = SSL_new(client_context);
+        server = SSL_new(server_context);
+    }
+    if (client && server) {
+        SSL_set_bio(client, client_end, client_end);
+        SSL_set_bio(server, server_end, server_end);
+        client_end = server_end = nullptr;
+        SSL_set_connect_state(client);
+        SSL_set_accept_state(server);
+        SSL_set_tlsext_host_name(client, "warm-up");
+        // Each side moves as far as the other's bytes let it; a handful of turns end a handshake.
+        for (int turn = 0; turn < 8 && !(SSL_is_init_finished(client) && SSL_is_init_finished(server)); ++turn) {
+            SSL_do_handshake(client);
+            SSL_do_handshake(server);
+        }
+        // A byte each way takes the server's session tickets through the client too.
+        char byte = 0;
+        if (SSL_write(client, "w", 1) == 1 && SSL_read(server, &byte, 1) == 1 && SSL_write(server, "w", 1) == 1)
+            SSL_read(client, &byte, 1);
+    }
+    SSL_free(client);
+    SSL_free(server);
+    BIO_free(client_end);
+    BIO_free(server_end);
+    X509_STORE_free(trusted);
+    SSL_CTX_free(client_context);
+    SSL_CTX_free(server_context);
+    X509_free(certificate);
+    EVP_PKEY_free(key);
+}
+
+// The start's TLS work, done on a thread of its own so that the start does not wait for it. The
+// thread is joined when the program ends, before the TLS library's own clean-up runs: that is
+// registered earlier, at the library's set-up, so it runs later.
+class TlsWarmUp {
+public:
+    void start(const TrustSource& source) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (started_) return;
+        started_ = true;
+        try {
+            thread_ = std::thread([source] {
+                authorities(source);
+                handshake_in_memory();
+                zq::release_free_memory();
+            });
+        } catch (const std::system_error&) {
+            // No thread: the first call does this work on its way.
+        }
+    }
+    ~TlsWarmUp() {
+        if (thread_.joinable()) thread_.join();
+    }
+
+private:
+    std::mutex lock_;
+    bool started_ = false;
+    std::thread thread_;
+};
+
 bool early_lookup_done(const std::string& url) {
     const ParsedUrl parsed(url);
     if (!parsed.fits) return true;
@@ -576,10 +669,8 @@ void prepare_for(const std::string& url) {
     if (!parsed.fits) return;
     detail::start_early_lookup(parsed.handle);
     if (!parsed.secure) return;
-    detail::authorities(detail::trust_source());
-    // The library's first TLS context fetches and caches its algorithms, some milliseconds that
-    // would otherwise fall on the game's first call.
-    SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
+    static detail::TlsWarmUp warm_up;  // made after the library's set-up, so ended before its clean-up
+    warm_up.start(detail::trust_source());
 }
 
 }  // namespace http
