@@ -63,7 +63,8 @@ const fs::path kSystemBundle = "/etc/ssl/certs/ca-certificates.crt";
 constexpr const char* kGameCall = "/summon_messenger/list";
 constexpr int kWarmCalls = 20;
 constexpr int kBurst = 16;
-constexpr int kFirstSamples = 7;
+constexpr int kFirstSamples = 15;
+constexpr int kColdSamples = 5;
 constexpr double kQuietSeconds = 50.0;
 
 double ms(double seconds) { return seconds * 1000.0; }
@@ -677,27 +678,29 @@ int main() {
     stop(anchor);
 
     // Cold starts: the bridge until a game's login with a stored token completes, and nginx
-    // until its first proxied answer.
+    // until its first proxied answer; several of each, in turns.
     std::fprintf(stderr, "\nCold start:\n");
-    double bridge_listening = 0, bridge_login = 0, nginx_cold = 0;
-    {
+    std::vector<double> listening_times, login_times, after_listening, nginx_times;
+    for (int sample = 0; sample < kColdSamples; ++sample) {
         served.mark();
-        const double start = bench::now();
+        double start = bench::now();
         bridge = start_bridge(bridge_dir, service, ports);
         auto game = connect_game(ports.tcp, 20);
-        bridge_listening = bench::now() - start;
-        if (game && command(*game, 0, testing_support::login_body("roadhost"))) bridge_login = bench::now() - start;
+        const double listening = bench::now() - start;
+        double login = 0;
+        if (game && command(*game, 0, testing_support::login_body("roadhost"))) login = bench::now() - start;
         std::fprintf(stderr, "  bridge: listening after %.1f ms, login done after %.1f ms [%s]; private memory then "
                              "%.2f MiB\n",
-                     ms(bridge_listening), ms(bridge_login), describe(served.since_mark()).c_str(),
+                     ms(listening), ms(login), describe(served.since_mark()).c_str(),
                      bench::private_memory(static_cast<pid_t>(bridge->id())).mib());
         if (game) game->close();
-        bridge->interrupt();
-        bridge->wait(10.0);
-        bridge.reset();
-    }
-    {
-        const double start = bench::now();
+        stop(bridge);
+        listening_times.push_back(listening);
+        login_times.push_back(login);
+        after_listening.push_back(login - listening);
+
+        double nginx_cold = 0;
+        start = bench::now();
         anchor = start_nginx(nginx, dir.path() / "anchor", anchor_block);
         while (bench::now() < start + 20 && !nginx_cold) {
             bench::HttpClient client(theirs.port);
@@ -706,10 +709,16 @@ int main() {
         }
         std::fprintf(stderr, "  nginx: first proxied answer after %.1f ms\n", ms(nginx_cold));
         stop(anchor);
+        nginx_times.push_back(nginx_cold);
     }
-    std::snprintf(text, sizeof text, "<= listening + 3 RTT + 5 ms = %.1f ms", ms(bridge_listening + 3 * rtt + 0.005));
-    line("cold start to a completed login", bridge_login, "nginx cold", nginx_cold,
-         bridge_listening + 3 * rtt + 0.005, text);
+    const auto median = [](std::vector<double> v) { return bench::percentile_us(v, 50) / 1e6; };
+    const double cold = median(login_times), nginx_cold = median(nginx_times), after = median(after_listening);
+    std::fprintf(stderr,
+                 "%-44s %8.1f ms   nginx cold %8.1f ms  ratio %5.2f   target the login <= 3 RTT + 5 ms = %.1f ms "
+                 "after listening, median %.1f ms: %s\n",
+                 "cold start to a completed login (median)", ms(cold), ms(nginx_cold),
+                 nginx_cold > 0 ? cold / nginx_cold : 0.0, ms(3 * rtt + 0.005), ms(after),
+                 after <= 3 * rtt + 0.005 ? "met" : "NOT met");
     bench::DelayRelay::Counts counts = relay.counts();
     std::fprintf(stderr, "\nThe relay carried %d connections in all.\n", counts.connections);
     stop(terminator);
