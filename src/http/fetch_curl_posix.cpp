@@ -126,14 +126,26 @@ TrustSource trust_source() {
     return {info->cainfo ? info->cainfo : "", false};
 }
 
+// The last store made, kept until another source is named. Never destroyed: the start's TLS
+// work may still be filling it while the program ends.
+struct KeptAuthorities {
+    std::mutex lock;
+    TrustSource made_from;  // guarded by lock
+    Authorities kept;       // guarded by lock
+};
+
+KeptAuthorities& kept_authorities() {
+    static auto* kept = new KeptAuthorities;
+    return *kept;
+}
+
 // Null when the bundle or folder cannot be read; libcurl then reads it itself and reports what
 // it finds.
-// The last store made is kept, and made again only when another source is named.
 Authorities authorities(const TrustSource& source) {
-    static std::mutex lock;
-    static TrustSource made_from;
-    static Authorities kept;
-    std::lock_guard<std::mutex> guard(lock);
+    KeptAuthorities& k = kept_authorities();
+    TrustSource& made_from = k.made_from;
+    Authorities& kept = k.kept;
+    std::lock_guard<std::mutex> guard(k.lock);
     if (source == made_from && kept) return kept;
     Authorities store(X509_STORE_new(), X509_STORE_free);
     if (!store || source.path.empty()) return nullptr;
