@@ -101,7 +101,7 @@ SessionHandle* renew_session(SessionHandle* session);
 void close_session(SessionHandle* session);
 ClientResponse transact(SessionHandle* session, const ClientRequest& request);
 // Whether the name look-up that prepare_for started for url has ended; true where none was
-// started or the platform leaves names to the system.
+// started.
 bool early_lookup_done(const std::string& url);
 }  // namespace detail
 

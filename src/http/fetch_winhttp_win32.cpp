@@ -2,13 +2,18 @@
 // WinHTTP's connection pool; connection and request handles are made and closed per call.
 
 #include <winsock2.h>
+#include <ws2tcpip.h>
 #include <windows.h>
 #include <winhttp.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "http/fetch.h"
@@ -258,11 +263,88 @@ ClientResponse transact(SessionHandle* session, const ClientRequest& request) {
 
 }  // namespace detail
 
-// Windows reads its trusted authorities itself, once for the system.
-void prepare_for(const std::string&) {}
-
 namespace detail {
-bool early_lookup_done(const std::string&) { return true; }
+namespace {
+
+// Names whose early look-up was started, each with whether it has ended. Never destroyed: a
+// look-up that the system keeps waiting may still end after main returns.
+struct EarlyLookups {
+    std::mutex lock;
+    std::vector<std::pair<std::wstring, bool>> names;
+};
+
+EarlyLookups& early_lookups() {
+    static auto* lookups = new EarlyLookups;
+    return *lookups;
+}
+
+// The host name of a URL; empty where there is none to look up (no URL, an address).
+std::wstring name_to_look_up(const std::string& url) {
+    const std::wstring wide = zq::utf8_to_wide(url);
+    wchar_t host[256] = {};
+    URL_COMPONENTS parts = {};
+    parts.dwStructSize = sizeof parts;
+    parts.lpszHostName = host;
+    parts.dwHostNameLength = 256;
+    if (!WinHttpCrackUrl(wide.c_str(), 0, 0, &parts)) return L"";
+    std::wstring name(host);
+    if (name.size() > 1 && name.front() == L'[') name = name.substr(1, name.size() - 2);
+    IN_ADDR v4;
+    IN6_ADDR v6;
+    if (name.empty() || InetPtonW(AF_INET, name.c_str(), &v4) == 1 || InetPtonW(AF_INET6, name.c_str(), &v6) == 1)
+        return L"";
+    return name;
+}
+
+}  // namespace
+
+bool early_lookup_done(const std::string& url) {
+    const std::wstring name = name_to_look_up(url);
+    EarlyLookups& lookups = early_lookups();
+    std::lock_guard<std::mutex> guard(lookups.lock);
+    return std::all_of(lookups.names.begin(), lookups.names.end(),
+                       [&](const auto& entry) { return entry.first != name || entry.second; });
+}
+
 }  // namespace detail
+
+// Windows reads its trusted authorities itself, once for the system. Its resolver keeps what it
+// finds for every program: the service's name, looked up now in the background, is in that
+// cache by the first call, where a name server far away would otherwise cost it a round trip.
+void prepare_for(const std::string& url) {
+    const std::wstring name = detail::name_to_look_up(url);
+    if (name.empty()) return;
+    detail::EarlyLookups& lookups = detail::early_lookups();
+    {
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        auto known = std::find_if(lookups.names.begin(), lookups.names.end(),
+                                  [&](const auto& entry) { return entry.first == name; });
+        if (known != lookups.names.end() && !known->second) return;  // under way
+        if (known != lookups.names.end()) lookups.names.erase(known);
+        lookups.names.emplace_back(name, false);
+    }
+    const auto ended = [name] {
+        detail::EarlyLookups& lookups = detail::early_lookups();
+        std::lock_guard<std::mutex> guard(lookups.lock);
+        for (auto& entry : lookups.names)
+            if (entry.first == name) entry.second = true;
+    };
+    // Left to run on its own: a name server that does not answer must not hold up the start, nor
+    // the stop.
+    try {
+        std::thread([name, ended] {
+            WSADATA data;
+            const bool started = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+            ADDRINFOW hints = {};
+            hints.ai_socktype = SOCK_STREAM;
+            ADDRINFOW* found = nullptr;
+            if (started && GetAddrInfoW(name.c_str(), nullptr, &hints, &found) == 0) FreeAddrInfoW(found);
+            if (started) WSACleanup();
+            ended();
+        }).detach();
+    } catch (const std::system_error&) {
+        ended();  // no thread: the first call looks the name up itself
+    }
+}
 
 }  // namespace http
