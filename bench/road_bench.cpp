@@ -69,6 +69,9 @@ constexpr double kQuietSeconds = 50.0;
 
 double ms(double seconds) { return seconds * 1000.0; }
 
+// The median of samples in seconds; sorts them.
+double median(std::vector<double>& samples) { return bench::percentile_us(samples, 50) / 1e6; }
+
 // One figure beside its anchor, and the verdict against a limit in milliseconds (none: 0).
 void line(const std::string& what, double ours, const std::string& anchor_name, double anchor, double limit,
           const std::string& limit_text) {
@@ -241,7 +244,7 @@ double network_round_trip() {
         }
         zq::close_socket(s);
     });
-    double median = 0;
+    double median_trip = 0;
     {
         bench::DelayRelay relay(zq::Endpoint{"127.0.0.1", port}, kRoundTrip);
         zq::Socket s = zq::open_tcp_socket();
@@ -254,14 +257,14 @@ double network_round_trip() {
             if (!zq::send_all(s, "x") || zq::recv_some(s, &byte, 1) != 1) break;
             if (i > 0) samples.push_back(bench::now() - sent);  // the first also waits out the handshake
         }
-        median = bench::percentile_us(samples, 50) / 1e6;
+        median_trip = median(samples);
         zq::shutdown_socket(s);
         zq::close_socket(s);
     }
     zq::shutdown_socket(listener);
     echo.join();
     zq::close_socket(listener);
-    return median;
+    return median_trip;
 }
 
 // One game call on a connection of its own, as the game makes them: its time, 0 on failure.
@@ -532,8 +535,9 @@ int main() {
             p->first_served = describe(served.since_mark());
         }
     }
-    ours.first = bench::percentile_us(first_ours, 50) / 1e6;
-    theirs.first = bench::percentile_us(first_theirs, 50) / 1e6;
+    ours.first = median(first_ours);
+    theirs.first = median(first_theirs);
+    // Sorted by now.
     ours.first_range = {first_ours.front(), first_ours.back()};
     theirs.first_range = {first_theirs.front(), first_theirs.back()};
     std::vector<double> warm_ours, warm_theirs;
@@ -541,8 +545,8 @@ int main() {
         warm_ours.push_back(game_call(ours.port));
         warm_theirs.push_back(game_call(theirs.port));
     }
-    ours.warm = bench::percentile_us(warm_ours, 50) / 1e6;
-    theirs.warm = bench::percentile_us(warm_theirs, 50) / 1e6;
+    ours.warm = median(warm_ours);
+    theirs.warm = median(warm_theirs);
     for (ProxyFigures* p : {&ours, &theirs}) {
         relay.close_all();
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -711,7 +715,6 @@ int main() {
         stop(anchor);
         nginx_times.push_back(nginx_cold);
     }
-    const auto median = [](std::vector<double> v) { return bench::percentile_us(v, 50) / 1e6; };
     const double cold = median(login_times), nginx_cold = median(nginx_times), after = median(after_listening);
     std::fprintf(stderr,
                  "%-44s %8.1f ms   nginx cold %8.1f ms  ratio %5.2f   target the login <= 3 RTT + 5 ms = %.1f ms "

@@ -143,10 +143,8 @@ KeptAuthorities& kept_authorities() {
 // it finds.
 Authorities authorities(const TrustSource& source) {
     KeptAuthorities& k = kept_authorities();
-    TrustSource& made_from = k.made_from;
-    Authorities& kept = k.kept;
     std::lock_guard<std::mutex> guard(k.lock);
-    if (source == made_from && kept) return kept;
+    if (source == k.made_from && k.kept) return k.kept;
     Authorities store(X509_STORE_new(), X509_STORE_free);
     if (!store || source.path.empty()) return nullptr;
     const int loaded = source.folder ? X509_STORE_load_path(store.get(), source.path.c_str())
@@ -154,9 +152,9 @@ Authorities authorities(const TrustSource& source) {
     if (loaded != 1) return nullptr;
     // What libcurl sets on a store of its own, so that trust does not change with whose store it is.
     X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
-    made_from = source;
-    kept = store;
-    return kept;
+    k.made_from = source;
+    k.kept = store;
+    return k.kept;
 }
 
 // Named no bundle and no folder, libcurl puts nothing into the connection's store, whether it
