@@ -74,6 +74,23 @@ struct Socket {
     Socket& operator=(const Socket&) = delete;
 };
 
+// One path's ends: the game's socket, the remote players' sockets, and where each side sends.
+struct Ends {
+    Socket game;
+    std::vector<std::unique_ptr<Socket>> peers;
+    std::vector<zq::SockAddr> game_sends_to;  // per peer
+    zq::SockAddr peers_send_to;
+    Ends() {
+        for (int i = 0; i < kPeers; ++i) peers.push_back(std::make_unique<Socket>());
+    }
+    zq::SockAddr peer(int i) const { return zq::to_sockaddr(peers[static_cast<std::size_t>(i)]->address); }
+    std::vector<zq::Socket> peer_sockets() const {
+        std::vector<zq::Socket> out;
+        for (const auto& p : peers) out.push_back(p->s);
+        return out;
+    }
+};
+
 // The streams: per peer, game to peer and peer to game, through the gateway, direct, and through
 // the bare relay.
 enum Path { Gateway = 0, Direct = 1, Relay = 2 };
@@ -293,24 +310,20 @@ int main(int argc, char** argv) {
         for (const auto& t : gateway_waits.tids)
             if (::setpriority(PRIO_PROCESS, static_cast<id_t>(std::stoi(t)), -10) != 0)
                 std::fprintf(stderr, "cannot raise the gateway's threads (root only)\n");
-    Socket game, direct_game, relay_game;
-    std::vector<std::unique_ptr<Socket>> peers, direct_peers, relay_peers;
-    std::vector<zq::SockAddr> link_of, peer_at, direct_peer_at, relay_peer_at;
-    const zq::SockAddr gateway_public = zq::to_sockaddr(Endpoint{"127.0.0.1", gateway.port});
-    const zq::SockAddr direct_game_at = zq::to_sockaddr(direct_game.address);
+    Ends ends[kPaths];
+    std::vector<zq::SockAddr> relay_peers;
     for (int i = 0; i < kPeers; ++i) {
-        peers.push_back(std::make_unique<Socket>());
-        direct_peers.push_back(std::make_unique<Socket>());
-        peer_at.push_back(zq::to_sockaddr(peers.back()->address));
-        direct_peer_at.push_back(zq::to_sockaddr(direct_peers.back()->address));
-        relay_peers.push_back(std::make_unique<Socket>());
-        relay_peer_at.push_back(zq::to_sockaddr(relay_peers.back()->address));
-        const Endpoint link = gateway.add_member(i + 2, "peer" + std::to_string(i), peers.back()->address, {}, "player",
-                                                 1, 7, game.address);
-        link_of.push_back(zq::to_sockaddr(link));
+        const Endpoint link = gateway.add_member(i + 2, "peer" + std::to_string(i), ends[Gateway].peers[i]->address, {},
+                                                 "player", 1, 7, ends[Gateway].game.address);
+        ends[Gateway].game_sends_to.push_back(zq::to_sockaddr(link));
+        ends[Direct].game_sends_to.push_back(ends[Direct].peer(i));
+        relay_peers.push_back(ends[Relay].peer(i));
     }
-
-    BareRelay relay(relay_game.address, relay_peer_at);
+    ends[Gateway].peers_send_to = zq::to_sockaddr(Endpoint{"127.0.0.1", gateway.port});
+    ends[Direct].peers_send_to = zq::to_sockaddr(ends[Direct].game.address);
+    BareRelay relay(ends[Relay].game.address, relay_peers);
+    for (int i = 0; i < kPeers; ++i) ends[Relay].game_sends_to.push_back(relay.link(i));
+    ends[Relay].peers_send_to = relay.public_address();
     relay.start();
 
     testing_support::Process load(zq::own_executable_path(), {"--burn"}, ".");
@@ -318,20 +331,12 @@ int main(int argc, char** argv) {
 
     Recorder recorder;
     std::atomic<bool> done{false};
-    std::vector<zq::Socket> remote_sockets;
-    for (auto& p : peers) remote_sockets.push_back(p->s);
-    std::vector<zq::Socket> direct_remote_sockets;
-    for (auto& p : direct_peers) direct_remote_sockets.push_back(p->s);
-    std::vector<zq::Socket> relay_remote_sockets;
-    for (auto& p : relay_peers) relay_remote_sockets.push_back(p->s);
     const std::vector<std::string> before_receivers = tasks();
     std::vector<std::thread> receivers;
-    receivers.emplace_back([&] { receive_loop({game.s}, 4, recorder, done); });
-    receivers.emplace_back([&] { receive_loop({direct_game.s}, 4, recorder, done); });
-    receivers.emplace_back([&] { receive_loop(remote_sockets, 6, recorder, done); });
-    receivers.emplace_back([&] { receive_loop(direct_remote_sockets, 6, recorder, done); });
-    receivers.emplace_back([&] { receive_loop({relay_game.s}, 4, recorder, done); });
-    receivers.emplace_back([&] { receive_loop(relay_remote_sockets, 6, recorder, done); });
+    for (const Ends& e : ends) {
+        receivers.emplace_back([&] { receive_loop({e.game.s}, 4, recorder, done); });
+        receivers.emplace_back([&, sockets = e.peer_sockets()] { receive_loop(sockets, 6, recorder, done); });
+    }
 
     for (const auto& t : tasks())
         if (std::find(before_receivers.begin(), before_receivers.end(), t) == before_receivers.end())
@@ -343,21 +348,17 @@ int main(int argc, char** argv) {
     // later. Each datagram is stamped just before its send.
     const double start = bench::now() + 0.1;
     const auto ticks = static_cast<std::uint32_t>(seconds * kRate);
-    // Each side gets the bytes it gets through the gateway: the game's side port frames, the
-    // peers' side peer frames.
-    const zq::SockAddr relay_public = relay.public_address();
+    // Each side gets the bytes it gets through the gateway, which turns port frames into peer
+    // frames and back: the game port frames, the remote players peer frames.
     auto send = [&](Path path, int i, bool from_game, std::uint32_t tick) {
         const int stream = stream_of(path, i, from_game);
-        const std::string d = from_game ? datagram(path == Gateway ? 4 : 6, path == Gateway ? kPortHeader : kPeerHeader, stream, tick)
-                                        : datagram(path == Gateway ? 6 : 4, path == Gateway ? kPeerHeader : kPortHeader, stream, tick);
-        const auto size = static_cast<int>(d.size());
-        if (from_game) {
-            const zq::Socket from = path == Gateway ? game.s : path == Direct ? direct_game.s : relay_game.s;
-            zq::send_to(from, d.data(), size, path == Gateway ? link_of[i] : path == Direct ? direct_peer_at[i] : relay.link(i));
-        } else {
-            const zq::Socket from = path == Gateway ? peers[i]->s : path == Direct ? direct_peers[i]->s : relay_peers[i]->s;
-            zq::send_to(from, d.data(), size, path == Gateway ? gateway_public : path == Direct ? direct_game_at : relay_public);
-        }
+        const bool as_port_frame = (path == Gateway) == from_game;
+        const std::string d = as_port_frame ? datagram(4, kPortHeader, stream, tick) : datagram(6, kPeerHeader, stream, tick);
+        const Ends& e = ends[path];
+        if (from_game)
+            zq::send_to(e.game.s, d.data(), static_cast<int>(d.size()), e.game_sends_to[static_cast<std::size_t>(i)]);
+        else
+            zq::send_to(e.peers[static_cast<std::size_t>(i)]->s, d.data(), static_cast<int>(d.size()), e.peers_send_to);
         recorder.sent(stream);
     };
     auto sender = [&](bool from_game) {
